@@ -1,0 +1,256 @@
+// Device layer: dispatch between the CUDA back end (gpu/device.cu) and the
+// host back end implemented here.
+#include "gpu/device.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#if defined(_OPENMP)
+#include <omp.h>
+#endif
+
+#include "common/errors.h"
+#include "gpu/device_cuda.h"
+#include "gpu/launch.h"
+
+static bool g_on_gpu = false;
+
+bool gvex_on_gpu() { return g_on_gpu; }
+
+int gvex_host_threads() {
+#if defined(_OPENMP)
+  return omp_get_max_threads();
+#else
+  return 1;
+#endif
+}
+
+// The host back end presents itself as one device, id 0.
+static int host_count() { return 1; }
+static bool host_props(int id, int& major, int& minor) {
+  if (id != 0) return false;
+  major = 1;
+  minor = 0;
+  return true;
+}
+
+int gvex_select_gid(int& gid, int (*count)(), bool (*props)(int, int&, int&)) {
+  int major = 0, minor = 0;
+  if (props(gid, major, minor)) return 0;
+  int n = count();
+  if (n <= 0) {
+    printf("Warning: no GPU device found!\n");
+    return -1;
+  }
+  int best_major = 0, best_minor = 0;
+  for (int id = 0; id < n; id++) {
+    if (!props(id, major, minor)) continue;
+    if (major > best_major || (major == best_major && minor > best_minor)) {
+      best_major = major;
+      best_minor = minor;
+      gid = id;
+    }
+  }
+  return props(gid, major, minor) ? 0 : -1;
+}
+
+int check_and_set_gid(int& gid) {
+#if defined(GVEX_WITH_CUDA)
+  if (gvex_cuda::device_count() > 0) return gvex_select_gid(gid, gvex_cuda::device_count, gvex_cuda::device_props);
+#endif
+  return gvex_select_gid(gid, host_count, host_props);
+}
+
+const char* gvex_device_activate(int gid) {
+  static char line[512];
+#if defined(GVEX_WITH_CUDA)
+  int major = 0, minor = 0;
+  if (gvex_cuda::device_count() > 0 && gvex_cuda::device_props(gid, major, minor)) {
+    gvex_cuda::set_device(gid);
+    g_on_gpu = true;
+    snprintf(line, sizeof line, "Running on GPU %d: %s (compute capability %d.%d)\n", gid,
+             gvex_cuda::device_name(gid), major, minor);
+    return line;
+  }
+#endif
+  g_on_gpu = false;
+  snprintf(line, sizeof line, "Running on the host back end (no GPU answered), %d thread(s)\n",
+           gvex_host_threads());
+  return line;
+}
+
+// ---- memory ----
+
+static int host_alloc(void** p, unsigned long bytes) {
+  // Zero-filled and aligned for the FFT library's vector loads.
+  void* q = nullptr;
+  unsigned long rounded = (bytes + 63) & ~63UL;
+  if (rounded < bytes || posix_memalign(&q, 64, rounded ? rounded : 64) != 0) {
+    *p = nullptr;
+    return 2;  // the platform's "out of memory" code
+  }
+  memset(q, 0, rounded ? rounded : 64);
+  *p = q;
+  return 0;
+}
+
+static int device_alloc(void** p, unsigned long bytes) {
+#if defined(GVEX_WITH_CUDA)
+  if (g_on_gpu) return gvex_cuda::malloc_bytes(p, bytes);
+#endif
+  return host_alloc(p, bytes);
+}
+
+int safe_cudaMalloc(void** p, unsigned long bytes) {
+  if (device_alloc(p, bytes) != 0) gvex_fatal("safe_cudaMalloc", "cuda_general", __LINE__, "Device memory allocation failed");
+  return 0;
+}
+
+int safe_cudaMalloc_empty(void** p, unsigned long bytes) {
+  if (device_alloc(p, bytes) != 0)
+    gvex_fatal("safe_cudaMalloc_empty", "cuda_general", __LINE__, "Device memory allocation failed");
+  hcuda_empty(*p, bytes);
+  return 0;
+}
+
+int cudaMalloc_empty(void** p, unsigned long bytes) {
+  int e = device_alloc(p, bytes);
+  if (e != 0) return e;
+  hcuda_empty(*p, bytes);
+  return 0;
+}
+
+void hcuda_free(void* p) {
+  if (!p) return;
+#if defined(GVEX_WITH_CUDA)
+  if (g_on_gpu) {
+    gvex_cuda::free_bytes(p);
+    return;
+  }
+#endif
+  free(p);
+}
+
+static int device_copy(void* dst, const void* src, unsigned long bytes, int kind) {
+#if defined(GVEX_WITH_CUDA)
+  if (g_on_gpu) return gvex_cuda::copy(dst, src, bytes, kind);
+#endif
+  (void)kind;
+  if (bytes && dst != src) memmove(dst, src, bytes);
+  return 0;
+}
+
+int memcpy_H2D(void* dst, const void* src, unsigned long bytes) { return device_copy(dst, src, bytes, 1); }
+int memcpy_D2H(void* dst, const void* src, unsigned long bytes) { return device_copy(dst, src, bytes, 2); }
+int memcpy_D2D(void* dst, const void* src, unsigned long bytes) { return device_copy(dst, src, bytes, 3); }
+
+// ---- fills ----
+
+void hcuda_empty(void* p, unsigned long bytes) {
+  unsigned char* b = static_cast<unsigned char*>(p);
+  launch_1d(GVEX_SITE, bytes, GVEX_LAMBDA(int i) { b[i] = 0; });
+}
+
+void hcuda_empty_float(float* p, unsigned long n) {
+  launch_1d(GVEX_SITE, n, GVEX_LAMBDA(int i) { p[i] = 0.0f; });
+}
+
+void hcuda_memset_float(float* p, float value, unsigned long n) {
+  launch_1d(GVEX_SITE, n, GVEX_LAMBDA(int i) { p[i] = value; });
+}
+
+void hcuda_memset_int(int* p, int value, unsigned long n) {
+  launch_1d(GVEX_SITE, n, GVEX_LAMBDA(int i) { p[i] = value; });
+}
+
+void hcuda_memset_uint(unsigned int* p, unsigned int value, unsigned long n) {
+  launch_1d(GVEX_SITE, n, GVEX_LAMBDA(int i) { p[i] = value; });
+}
+
+void host_memset_float(float* p, float value, unsigned long n) {
+  for (unsigned long i = 0; i < n; i++) p[i] = value;
+}
+void host_memset_int(int* p, int value, unsigned long n) {
+  for (unsigned long i = 0; i < n; i++) p[i] = value;
+}
+void host_memset_uint(unsigned int* p, unsigned int value, unsigned long n) {
+  for (unsigned long i = 0; i < n; i++) p[i] = value;
+}
+
+void gpu_report_memory() {
+  unsigned long free_b = 0, total_b = 0;
+  int e = 0;
+  const char* err = "no error";
+#if defined(GVEX_WITH_CUDA)
+  if (g_on_gpu) e = gvex_cuda::mem_info(free_b, total_b, &err);
+#endif
+  if (!g_on_gpu) {
+    // The host back end reports the machine's physical memory.
+    FILE* fp = fopen("/proc/meminfo", "r");
+    if (fp) {
+      char key[64];
+      unsigned long kb;
+      while (fscanf(fp, "%63s %lu kB", key, &kb) == 2) {
+        if (!strcmp(key, "MemTotal:")) total_b = kb * 1024UL;
+        if (!strcmp(key, "MemAvailable:")) free_b = kb * 1024UL;
+      }
+      fclose(fp);
+    }
+  }
+  if (e != 0) {
+    printf("Error: cudaMemGetInfo fails, %s \n", err);
+    gvex_fatal("gpu_report_memory", "cuda_general", __LINE__, "Device memory, cudaMemGetInfo failed");
+  }
+  double free_mb = free_b / 1024.0 / 1024.0;
+  double total_mb = total_b / 1024.0 / 1024.0;
+  double used_mb = total_mb - free_mb;
+  printf("GPU memory usage:  total = %f MB, used = %f, free = %f MB\n", used_mb, free_mb, total_mb);
+}
+
+// ---- checks ----
+
+void gvex_device_error(const char* text, int line, const char* source_path) {
+  char module[256];
+  fflush(stdout);
+  fprintf(stderr, "Error %s at line %d in file %s\n", text, line, gvex_module_of(source_path, module, sizeof module));
+  exit(1);
+}
+
+void gvex_check_kernel(const char* source_path, int line) {
+#if defined(GVEX_WITH_CUDA)
+  if (g_on_gpu) {
+    const char* err = gvex_cuda::sync_error();
+    if (err) gvex_device_error(err, line, source_path);
+  }
+#endif
+  (void)source_path;
+  (void)line;
+}
+
+void gvex_check_fft(int result, const char* source_path, int line) {
+  if (result != 0) gvex_device_error(cuFFT_GetErrorString(result), line, source_path);
+}
+
+const char* cuFFT_GetErrorString(int result) {
+  // Indexed by the cuFFT result codes 0..15.
+  static const char* const texts[] = {
+      "CUFFT_SUCCESS, cuFFT operation was successful",
+      "CUFFT_INVALID_PLAN, cuFFT was passed an invalid plan handle",
+      "CUFFT_ALLOC_FAILED, cuFFT failed to allocate GPU or CPU memory",
+      "CUFFT_INVALID_TYPE",
+      "CUFFT_INVALID_VALUE, An invalid pointer or parameter has been specified",
+      "CUFFT_INTERNAL_ERROR, Driver or internal cuFFT library error",
+      "CUFFT_EXEC_FAILED, Failed to execute an FFT on the GPU",
+      "CUFFT_SETUP_FAILED, The cuFFT library failed to initialize",
+      "CUFFT_INVALID_SIZE, User specified an invalid transform size",
+      "CUFFT_UNALIGNED_DATA",
+      "CUFFT_INCOMPLETE_PARAMETER_LIST,  Missing parameters in call",
+      "CUFFT_INVALID_DEVICE, Execution of a plan was on different GPU than plan creation",
+      "CUFFT_PARSE_ERROR,  Internal plan database error",
+      "CUFFT_NO_WORKSPACE, No workspace has been provided prior to plan execution",
+      "CUFFT_NOT_IMPLEMENTED, Function does not implement functionality for parameters given.",
+      "CUFFT_LICENSE_ERROR, Used in previous versions.",
+  };
+  if (result < 0 || result >= (int)(sizeof texts / sizeof texts[0])) return "Unkown error";
+  return texts[result];
+}

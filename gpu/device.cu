@@ -1,0 +1,71 @@
+// CUDA twin of gpu/device.cpp (host back end and dispatch).
+#include <cuda_runtime.h>
+
+#include "gpu/device_cuda.h"
+
+namespace gvex_cuda {
+
+int device_count() {
+  int n = 0;
+  if (cudaGetDeviceCount(&n) != cudaSuccess) {
+    cudaGetLastError();
+    return 0;
+  }
+  return n;
+}
+
+bool device_props(int id, int& major, int& minor) {
+  cudaDeviceProp prop;
+  if (cudaGetDeviceProperties(&prop, id) != cudaSuccess) {
+    cudaGetLastError();
+    return false;
+  }
+  major = prop.major;
+  minor = prop.minor;
+  return true;
+}
+
+void set_device(int id) { cudaSetDevice(id); }
+
+const char* device_name(int id) {
+  static cudaDeviceProp prop;
+  if (cudaGetDeviceProperties(&prop, id) != cudaSuccess) return "unknown GPU";
+  return prop.name;
+}
+
+int malloc_bytes(void** p, unsigned long bytes) {
+  cudaError_t e = cudaMalloc(p, bytes ? bytes : 1);
+  if (e != cudaSuccess) {
+    cudaGetLastError();
+    *p = nullptr;
+  }
+  return (int)e;
+}
+
+void free_bytes(void* p) {
+  if (p) cudaFree(p);
+}
+
+int copy(void* dst, const void* src, unsigned long bytes, int kind) {
+  cudaMemcpyKind k = kind == 1 ? cudaMemcpyHostToDevice
+                     : kind == 2 ? cudaMemcpyDeviceToHost
+                                 : cudaMemcpyDeviceToDevice;
+  return (int)cudaMemcpy(dst, src, bytes, k);
+}
+
+int mem_info(unsigned long& free_b, unsigned long& total_b, const char** err) {
+  size_t f = 0, t = 0;
+  cudaError_t e = cudaMemGetInfo(&f, &t);
+  free_b = f;
+  total_b = t;
+  *err = cudaGetErrorString(e);
+  return (int)e;
+}
+
+const char* sync_error() {
+  cudaGetLastError();  // a refused launch configuration is not an error here
+  cudaError_t e = cudaDeviceSynchronize();
+  return e == cudaSuccess ? nullptr : cudaGetErrorString(e);
+}
+
+}  // namespace gvex_cuda

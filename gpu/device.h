@@ -1,0 +1,85 @@
+// Device layer: device choice, memory, copies, fills and the uniform checks.
+// Two back ends stand behind these functions: the CUDA runtime when a GPU
+// answers, otherwise the host, where "device" arrays are host memory. Both
+// are synchronous and end the process on failure with the same messages.
+#pragma once
+
+// ---- device choice ----
+// Keep a requested id whose properties can be read, else pick the lowest id
+// of the highest compute capability. 0 on success, -1 when none answers.
+int check_and_set_gid(int& gid);
+
+// The selection rule itself, over any device table (tests give fakes):
+// count() says how many devices exist, props(id, major, minor) is true when
+// the properties of id can be read.
+int gvex_select_gid(int& gid, int (*count)(), bool (*props)(int id, int& major, int& minor));
+
+// Make gid current. With a CUDA build and a GPU that answers, work goes to
+// the GPU; otherwise to the host back end. Returns the one line that says
+// which ("Running on ...\n"), for the caller to print.
+const char* gvex_device_activate(int gid);
+
+// True when the CUDA back end is the active one.
+bool gvex_on_gpu();
+
+// Number of host threads used by the host back end's loops.
+int gvex_host_threads();
+
+// ---- memory ----
+int safe_cudaMalloc(void** p, unsigned long bytes);
+int safe_cudaMalloc_empty(void** p, unsigned long bytes);
+int cudaMalloc_empty(void** p, unsigned long bytes);  // platform error code, 0 on success
+void hcuda_free(void* p);                             // release a device array (null is fine)
+
+// Synchronous copies; the platform's error code is returned unchecked.
+int memcpy_H2D(void* dst, const void* src, unsigned long bytes);
+int memcpy_D2H(void* dst, const void* src, unsigned long bytes);
+int memcpy_D2D(void* dst, const void* src, unsigned long bytes);
+
+// ---- fills ----
+void hcuda_empty(void* p, unsigned long bytes);  // counts bytes
+void hcuda_empty_float(float* p, unsigned long n);
+void hcuda_memset_float(float* p, float value, unsigned long n);
+void hcuda_memset_int(int* p, int value, unsigned long n);
+void hcuda_memset_uint(unsigned int* p, unsigned int value, unsigned long n);
+void host_memset_float(float* p, float value, unsigned long n);
+void host_memset_int(int* p, int value, unsigned long n);
+void host_memset_uint(unsigned int* p, unsigned int value, unsigned long n);
+
+// "GPU memory usage:  total = %f MB, used = %f, free = %f MB\n" with the
+// values in the order used, free, total (the labels are kept as they are).
+void gpu_report_memory();
+
+// ---- checks ----
+// Synchronise and end the process on a pending device error:
+// "Error %s at line %d in file %s\n" on stderr, exit status 1.
+void gvex_check_kernel(const char* source_path, int line);
+// Same line with a given platform text (used by both back ends' checks).
+[[noreturn]] void gvex_device_error(const char* text, int line, const char* source_path);
+// Check a cuFFT (or host FFT) result code the same way.
+void gvex_check_fft(int result, const char* source_path, int line);
+// Fixed text of a cuFFT result code; "Unkown error" for anything else.
+const char* cuFFT_GetErrorString(int result);
+
+// Owns one device array; frees it on scope exit. Device pointers start d_.
+template <class T>
+class DeviceArray {
+ public:
+  explicit DeviceArray(unsigned long n, bool zero = false) : n_(n) {
+    void* p = nullptr;
+    if (zero)
+      safe_cudaMalloc_empty(&p, n * sizeof(T));
+    else
+      safe_cudaMalloc(&p, n * sizeof(T));
+    d_ = static_cast<T*>(p);
+  }
+  ~DeviceArray() { hcuda_free(d_); }
+  DeviceArray(const DeviceArray&) = delete;
+  DeviceArray& operator=(const DeviceArray&) = delete;
+  T* get() const { return d_; }
+  unsigned long size() const { return n_; }
+
+ private:
+  T* d_ = nullptr;
+  unsigned long n_ = 0;
+};
