@@ -1,0 +1,280 @@
+// Host twin of gpu/cuda_fft.cu: FFTW single-precision plans for the host back
+// end, the dispatch between the two back ends, and the element-wise
+// Fourier-space kernels shared by both.
+#include "gpu/cuda_fft.h"
+
+#include <fftw3.h>
+
+#include <cstring>
+#include <map>
+#include <memory>
+#include <utility>
+
+#include "gpu/device.h"
+#include "gpu/launch.h"
+#include "gpu/resample.h"
+
+#if defined(GVEX_WITH_CUDA)
+// cuFFT twin (gpu/cuda_fft.cu); each returns the cufftResult code.
+int gvex_cufft_plan(int nx, int ny, bool forward, int* handle);
+int gvex_cufft_r2c(int handle, const float* d_in, float2* d_out);
+int gvex_cufft_c2r(int handle, float2* d_in, float* d_out);
+void gvex_cufft_destroy(int handle);
+#endif
+
+// cuFFT result codes reported for host-side failures.
+static const int FFT_ALLOC_FAILED = 2;
+static const int FFT_SETUP_FAILED = 7;
+static const int FFT_INVALID_SIZE = 8;
+
+// Below this many pixels a second FFTW thread costs more in wake-ups than it
+// saves.
+static const long FFT_THREADS_MIN_PIXELS = 256L * 256L;
+
+int gvex_fft_host_threads(int nx, int ny) {
+#if defined(GVEX_FFTW_THREADS)
+  if ((long)nx * ny >= FFT_THREADS_MIN_PIXELS) return gvex_host_threads();
+#endif
+  (void)nx;
+  (void)ny;
+  return 1;
+}
+
+static void host_fft_threads_init() {
+#if defined(GVEX_FFTW_THREADS)
+  static bool done = false;
+  if (!done) {
+    fftwf_init_threads();
+    done = true;
+  }
+#endif
+}
+
+static bool aligned(const void* p) { return fftwf_alignment_of((float*)p) == 0; }
+
+static bool overlap(const void* a, unsigned long na, const void* b, unsigned long nb) {
+  const char* pa = static_cast<const char*>(a);
+  const char* pb = static_cast<const char*>(b);
+  return pa < pb + nb && pb < pa + na;
+}
+
+FftPlan2d::FftPlan2d(int nx, int ny, int host_threads)
+    : nx_(nx), ny_(ny), threads_(host_threads > 0 ? host_threads : gvex_fft_host_threads(nx, ny)),
+      gpu_(gvex_on_gpu()) {
+  if (nx <= 0 || ny <= 0) gvex_check_fft(FFT_INVALID_SIZE, __FILE__, __LINE__);
+}
+
+FftPlan2d::~FftPlan2d() {
+#if defined(GVEX_WITH_CUDA)
+  if (dev_fwd_ >= 0) gvex_cufft_destroy(dev_fwd_);
+  if (dev_inv_ >= 0) gvex_cufft_destroy(dev_inv_);
+#endif
+  if (host_fwd_) fftwf_destroy_plan((fftwf_plan)host_fwd_);
+  if (host_inv_) fftwf_destroy_plan((fftwf_plan)host_inv_);
+  fftwf_free(tmp_r_);
+  fftwf_free(tmp_c_);
+}
+
+void FftPlan2d::make(bool forward) {
+#if defined(GVEX_WITH_CUDA)
+  if (gpu_) {
+    int& h = forward ? dev_fwd_ : dev_inv_;
+    gvex_check_fft(gvex_cufft_plan(nx_, ny_, forward, &h), __FILE__, __LINE__);
+    return;
+  }
+#endif
+  // FFTW_ESTIMATE: the plan, and so every bit of the result, depends only on
+  // the shape and the thread count, never on timings taken at planning time.
+  // The arrays only tell the planner the alignment; it does not touch them.
+  const size_t nr = (size_t)nx_ * ny_;
+  const size_t nc = (size_t)(nx_ / 2 + 1) * ny_;
+  float* r = fftwf_alloc_real(nr);
+  fftwf_complex* c = fftwf_alloc_complex(nc);
+  if (!r || !c) {
+    fftwf_free(r);
+    fftwf_free(c);
+    gvex_check_fft(FFT_ALLOC_FAILED, __FILE__, __LINE__);
+  }
+  host_fft_threads_init();
+#if defined(GVEX_FFTW_THREADS)
+  fftwf_plan_with_nthreads(threads_);
+#endif
+  fftwf_plan p = forward ? fftwf_plan_dft_r2c_2d(ny_, nx_, r, c, FFTW_ESTIMATE)
+                         : fftwf_plan_dft_c2r_2d(ny_, nx_, c, r, FFTW_ESTIMATE | FFTW_DESTROY_INPUT);
+  fftwf_free(r);
+  fftwf_free(c);
+  if (!p) gvex_check_fft(FFT_SETUP_FAILED, __FILE__, __LINE__);
+  (forward ? host_fwd_ : host_inv_) = (void*)p;
+}
+
+float* FftPlan2d::scratch_real() {
+  if (!tmp_r_) {
+    tmp_r_ = fftwf_alloc_real((size_t)nx_ * ny_);
+    if (!tmp_r_) gvex_check_fft(FFT_ALLOC_FAILED, __FILE__, __LINE__);
+  }
+  return tmp_r_;
+}
+
+float2* FftPlan2d::scratch_complex() {
+  if (!tmp_c_) {
+    tmp_c_ = (float2*)fftwf_alloc_complex((size_t)(nx_ / 2 + 1) * ny_);
+    if (!tmp_c_) gvex_check_fft(FFT_ALLOC_FAILED, __FILE__, __LINE__);
+  }
+  return tmp_c_;
+}
+
+void FftPlan2d::r2c(const float* d_in, float2* d_out) {
+#if defined(GVEX_WITH_CUDA)
+  if (gpu_) {
+    if (dev_fwd_ < 0) make(true);
+    gvex_check_fft(gvex_cufft_r2c(dev_fwd_, d_in, d_out), __FILE__, __LINE__);
+    gvex_check_kernel(__FILE__, __LINE__);
+    return;
+  }
+#endif
+  if (!host_fwd_) make(true);
+  const unsigned long nr = (unsigned long)nx_ * ny_ * sizeof(float);
+  const unsigned long nc = (unsigned long)(nx_ / 2 + 1) * ny_ * sizeof(float2);
+  // The plan was made for aligned arrays; anything else is staged so that
+  // the same plan, and so the same bits, serve every caller.
+  const float* in = d_in;
+  if (!aligned(d_in)) {
+    in = scratch_real();
+    memcpy((void*)in, d_in, nr);
+  }
+  float2* out = d_out;
+  if (!aligned(d_out) || overlap(d_in, nr, d_out, nc)) out = scratch_complex();
+  fftwf_execute_dft_r2c((fftwf_plan)host_fwd_, (float*)in, (fftwf_complex*)out);
+  if (out != d_out) memcpy(d_out, out, nc);
+}
+
+void FftPlan2d::c2r(float2* d_in, float* d_out) {
+#if defined(GVEX_WITH_CUDA)
+  if (gpu_) {
+    if (dev_inv_ < 0) make(false);
+    gvex_check_fft(gvex_cufft_c2r(dev_inv_, d_in, d_out), __FILE__, __LINE__);
+    gvex_check_kernel(__FILE__, __LINE__);
+    return;
+  }
+#endif
+  if (!host_inv_) make(false);
+  const unsigned long nr = (unsigned long)nx_ * ny_ * sizeof(float);
+  const unsigned long nc = (unsigned long)(nx_ / 2 + 1) * ny_ * sizeof(float2);
+  float2* in = d_in;
+  if (!aligned(d_in) || overlap(d_in, nc, d_out, nr)) {
+    in = scratch_complex();
+    memcpy(in, d_in, nc);
+  }
+  float* out = aligned(d_out) ? d_out : scratch_real();
+  fftwf_execute_dft_c2r((fftwf_plan)host_inv_, (fftwf_complex*)in, out);
+  if (out != d_out) memcpy(d_out, out, nr);
+}
+
+// ---- plan cache ----
+
+using PlanCache = std::map<std::pair<int, int>, std::unique_ptr<FftPlan2d>>;
+
+// Never destroyed at exit: cuFFT plans must not outlive the CUDA runtime.
+static PlanCache& plan_cache() {
+  static PlanCache* cache = new PlanCache;
+  return *cache;
+}
+
+FftPlan2d& gvex_fft_plan(int nx, int ny) {
+  PlanCache& c = plan_cache();
+  std::unique_ptr<FftPlan2d>& p = c[std::make_pair(nx, ny)];
+  if (!p) p.reset(new FftPlan2d(nx, ny));
+  return *p;
+}
+
+void gvex_fft_plan_cache_clear() { plan_cache().clear(); }
+
+// ---- whole transforms ----
+
+void hcuda_2d_fft_r2c(const float* d_in, float2* d_out, unsigned int nx, unsigned int ny) {
+  gvex_fft_plan((int)nx, (int)ny).r2c(d_in, d_out);
+}
+
+void hcuda_2d_fft_c2r(float2* d_in, float* d_out, unsigned int nx, unsigned int ny) {
+  gvex_fft_plan((int)nx, (int)ny).c2r(d_in, d_out);
+}
+
+void hcuda_2d_fft_r2c_normz(const float* d_in, float2* d_out, unsigned int nx, unsigned int ny) {
+  hcuda_2d_fft_r2c(d_in, d_out, nx, ny);
+  hcuda_complex2d_norm_inplace(d_out, (int)(nx / 2 + 1), (int)ny, sqrtf((float)(nx * ny)));
+}
+
+void hcuda_2d_fft_c2r_normz(float2* d_in, float* d_out, unsigned int nx, unsigned int ny) {
+  hcuda_2d_fft_c2r(d_in, d_out, nx, ny);
+  hcuda_2d_divide_inplace(d_out, (int)nx, (int)ny, sqrtf((float)(nx * ny)));
+}
+
+void hcuda_2ds_fft_r2c(const float* d_in, float2* d_out, int nx, int ny, int nz) {
+  if (nz <= 0) return;
+  FftPlan2d& plan = gvex_fft_plan(nx, ny);
+  const unsigned long nr = (unsigned long)nx * ny;
+  const unsigned long nc = (unsigned long)(nx / 2 + 1) * ny;
+  for (int k = 0; k < nz; k++) plan.r2c(d_in + k * nr, d_out + k * nc);
+}
+
+void gpu_2d_fft_r2c(const float* in, float2* out, int nx, int ny) { gpu_2ds_fft_r2c(in, out, nx, ny, 1); }
+
+void gpu_2d_fft_c2r(const float2* in, float* out, int nx, int ny) {
+  const unsigned long nr = (unsigned long)nx * ny;
+  const unsigned long nc = (unsigned long)(nx / 2 + 1) * ny;
+  DeviceArray<float2> d_in(nc);
+  DeviceArray<float> d_out(nr);
+  memcpy_H2D(d_in.get(), in, nc * sizeof(float2));
+  hcuda_2d_fft_c2r(d_in.get(), d_out.get(), nx, ny);
+  memcpy_D2H(out, d_out.get(), nr * sizeof(float));
+}
+
+void gpu_2ds_fft_r2c(const float* in, float2* out, int nx, int ny, int nz) {
+  if (nz <= 0) return;
+  const unsigned long nr = (unsigned long)nx * ny * nz;
+  const unsigned long nc = (unsigned long)(nx / 2 + 1) * ny * nz;
+  DeviceArray<float> d_in(nr);
+  DeviceArray<float2> d_out(nc);
+  memcpy_H2D(d_in.get(), in, nr * sizeof(float));
+  hcuda_2ds_fft_r2c(d_in.get(), d_out.get(), nx, ny, nz);
+  memcpy_D2H(out, d_out.get(), nc * sizeof(float2));
+}
+
+// ---- element-wise operations ----
+
+void hcuda_c2d_multconj_norm(const float2* d_A, const float2* d_B, float2* d_out, int nxh, int ny, float s) {
+  launch_2d(GVEX_SITE, nxh, ny, GVEX_LAMBDA(int x, int y) {
+    const int i = y * nxh + x;
+    d_out[i] = hd_multconj_norm(d_A[i], d_B[i], s);
+  });
+}
+
+void hcuda_c2d_multconj_norm_inplace(float2* d_A, const float2* d_B, int nxh, int ny, float s) {
+  launch_2d(GVEX_SITE, nxh, ny, GVEX_LAMBDA(int x, int y) {
+    const int i = y * nxh + x;
+    d_A[i] = hd_multconj_norm(d_A[i], d_B[i], s);
+  });
+}
+
+void hcuda_2d_swap_ccf_inplace(float* d_p, int nx, int ny) {
+  const int hx = nx / 2, hy = ny / 2;
+  // Each thread of the upper half owns one pair, so no two threads touch
+  // the same element when both sizes are even.
+  launch_2d(GVEX_SITE, nx, hy, GVEX_LAMBDA(int x, int y) {
+    const int i = y * nx + x;
+    const int j = ((y + hy) % ny) * nx + (x + hx) % nx;
+    const float t = d_p[i];
+    d_p[i] = d_p[j];
+    d_p[j] = t;
+  });
+}
+
+void hcuda_complex2d_norm_inplace(float2* d_p, int nxh, int ny, float s) {
+  const int n = nxh < ny ? nxh : ny;
+  if (n <= 0) return;
+  launch_1d(GVEX_SITE, (unsigned long)n, GVEX_LAMBDA(int k) {
+    float2& v = d_p[k * nxh + k];
+    v.x = v.x / s;
+    v.y = v.y / s;
+  });
+}

@@ -1,0 +1,105 @@
+// 2-D real Fourier transforms and the Fourier-space operations built on them.
+//
+// Layout: an nx x ny real image (x fastest) transforms into a half spectrum
+// of ny rows of nxh = nx/2 + 1 complex values (float2: re, im), element
+// (kx, ky) at ky*nxh + kx, rows in natural order (row ky is frequency ky
+// below ny/2, ky - ny above). Forward transforms use exponent sign -1,
+// inverse +1, and neither is normalised: c2r(r2c(x)) = nx*ny*x. Any
+// normalisation is an explicit factor passed by the caller.
+//
+// Back ends: cuFFT on the GPU (gpu/cuda_fft.cu), single-precision FFTW on the
+// host. The host transforms are reproducible to the bit: the same input gives
+// the same output in every run, whatever the number of threads and whatever
+// the alignment of the arrays (unaligned arrays are staged through aligned
+// scratch so that they run through the same plan).
+#pragma once
+#include <math.h>
+
+#include "common/hd.h"
+
+// One plan pair for an nx x ny shape, created lazily per direction on first
+// use and kept until the object dies. Not copyable. Plans must be created
+// from the main thread only (the host FFT planner is not thread-safe); the
+// whole program drives the device from one thread.
+//
+//   FftPlan2d& p = gvex_fft_plan(nx, ny);   // cached, one per shape per run
+//   p.r2c(d_img, d_spec);                    // d_img unchanged
+//   p.c2r(d_spec, d_img);                    // d_spec destroyed
+//
+// Both calls are synchronous and end the process with the cuFFT error text
+// when the library fails. In and out must not overlap.
+class FftPlan2d {
+ public:
+  // host_threads: host back end only; 0 picks the thread count by size
+  // (tests pass 1 or 2 to compare). Ignored on the GPU.
+  FftPlan2d(int nx, int ny, int host_threads = 0);
+  ~FftPlan2d();
+  FftPlan2d(const FftPlan2d&) = delete;
+  FftPlan2d& operator=(const FftPlan2d&) = delete;
+
+  void r2c(const float* d_in, float2* d_out);
+  void c2r(float2* d_in, float* d_out);
+
+  int nx() const { return nx_; }
+  int ny() const { return ny_; }
+  int host_threads() const { return threads_; }
+
+ private:
+  void make(bool forward);
+  float* scratch_real();
+  float2* scratch_complex();
+
+  int nx_, ny_, threads_;
+  bool gpu_;
+  void* host_fwd_ = nullptr;  // fftwf_plan
+  void* host_inv_ = nullptr;
+  int dev_fwd_ = -1;  // cufftHandle
+  int dev_inv_ = -1;
+  float* tmp_r_ = nullptr;  // aligned staging, allocated only when needed
+  float2* tmp_c_ = nullptr;
+};
+
+// The run's plan for a shape, created on first request and reused after.
+// The reference stays valid until gvex_fft_plan_cache_clear().
+FftPlan2d& gvex_fft_plan(int nx, int ny);
+// Destroy every cached plan (plans hold device workspace on the GPU).
+void gvex_fft_plan_cache_clear();
+// Host thread count the host back end uses for an nx x ny transform.
+int gvex_fft_host_threads(int nx, int ny);
+
+// ---- whole transforms on device arrays ----
+void hcuda_2d_fft_r2c(const float* d_in, float2* d_out, unsigned int nx, unsigned int ny);
+// The half spectrum is consumed; its contents afterwards are undefined.
+void hcuda_2d_fft_c2r(float2* d_in, float* d_out, unsigned int nx, unsigned int ny);
+// Forward transform, then hcuda_complex2d_norm_inplace with sqrt(nx*ny).
+void hcuda_2d_fft_r2c_normz(const float* d_in, float2* d_out, unsigned int nx, unsigned int ny);
+// Inverse transform, then every pixel divided by sqrt(nx*ny).
+void hcuda_2d_fft_c2r_normz(float2* d_in, float* d_out, unsigned int nx, unsigned int ny);
+// nz stacked images: image k at k*nx*ny, its spectrum at k*(nx/2+1)*ny.
+void hcuda_2ds_fft_r2c(const float* d_in, float2* d_out, int nx, int ny, int nz);
+
+// ---- the same on host arrays, copied to and from the device ----
+void gpu_2d_fft_r2c(const float* in, float2* out, int nx, int ny);
+void gpu_2d_fft_c2r(const float2* in, float* out, int nx, int ny);
+void gpu_2ds_fft_r2c(const float* in, float2* out, int nx, int ny, int nz);
+
+// ---- element-wise Fourier-space operations ----
+// out = A*conj(B)/s over nxh x ny: re = fmaf(a.re, b.re, a.im*b.im)/s,
+// im = (a.im*b.re - a.re*b.im)/s, true divisions.
+void hcuda_c2d_multconj_norm(const float2* d_A, const float2* d_B, float2* d_out, int nxh, int ny, float s);
+void hcuda_c2d_multconj_norm_inplace(float2* d_A, const float2* d_B, int nxh, int ny, float s);
+// Exchange p(x, y) with p((x + nx/2) mod nx, (y + ny/2) mod ny) for y < ny/2:
+// moves the zero shift of a correlation map from (0, 0) to (nx/2, ny/2).
+// Its own inverse for even sizes; odd sizes give an undefined map.
+void hcuda_2d_swap_ccf_inplace(float* d_p, int nx, int ny);
+// Divides only the diagonal elements (k, k), k < min(nxh, ny), by s; the
+// rest of the spectrum is left alone. Kept this way on purpose.
+void hcuda_complex2d_norm_inplace(float2* d_p, int nxh, int ny, float s);
+
+// Kernel bodies, shared by both back ends and by the tests.
+GVEX_HD inline float2 hd_multconj_norm(float2 a, float2 b, float s) {
+  float2 r;
+  r.x = fmaf(a.x, b.x, a.y * b.y) / s;
+  r.y = (a.y * b.x - a.x * b.y) / s;
+  return r;
+}
