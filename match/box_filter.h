@@ -1,0 +1,14 @@
+// Merge of all templates' candidates of one micrograph into the final pick
+// file.
+#pragma once
+#include "common/hd.h"
+
+// Reads the per-template candidate file in_file (working pixels), keeps the
+// best candidate per merge cell of trunc(1.4142135*min_dist/2) pixels,
+// suppresses candidates beaten or equalled by a close neighbour cell, drops
+// those below score_limit or near a position of excluded_file (micrograph
+// pixels; skipped when not named or not readable), and writes out_file in
+// micrograph pixels (working pixels * scale + origin): format 1 the STAR
+// form, any other value the box form. Returns 0.
+int box_filter(int nx, int ny, float min_dist, float score_limit, float scale, int box_x, int box_y, int2 origin,
+               char* in_file, char* excluded_file, char* out_file, int format);
