@@ -1,0 +1,12 @@
+#!/usr/bin/env bash
+# Install what is missing, build, generate a synthetic micrograph with known
+# particle centres, pick it and say how many planted particles were found.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+bash tools/deps.sh
+cmake -S . -B build/example -DCMAKE_BUILD_TYPE=Release -DGVEX_CUDA=AUTO -DGVEX_TESTS=OFF -DGVEX_BENCH=OFF
+cmake --build build/example -j2 --target gvexmatch gvex_makemic
+mkdir -p example/Micrographs
+build/example/tools/gvex_makemic make example/Micrographs/mic001.mrc --nx 4096 --ny 4096 --apix 1.34 --diameter 300 --seed 7
+build/example/gvexmatch --apixM 1.34 --diameter 300 example/Micrographs/mic001.mrc
+build/example/tools/gvex_makemic score example/Micrographs/mic001_vexmatch.box example/Micrographs/mic001_truth.txt 40
