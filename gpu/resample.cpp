@@ -26,8 +26,7 @@ template <int F>
 static void shrink_blocks(float* out, long ostride, const float* in, int nx, int nxo, int nyo, int f_any) {
   const int f = F ? F : f_any;
   const float div = (float)(f * f);
-  const bool big = (long)nxo * nyo * f * f >= (1L << 18);
-#pragma omp parallel for schedule(static) if (big)
+#pragma omp parallel for schedule(static) if ((long)nxo * nyo * f * f >= (1L << 18))
   for (int yo = 0; yo < nyo; yo++) {
     float* o = out + (long)yo * ostride;
     for (int xo = 0; xo < nxo; xo++) o[xo] = 0.0f;
