@@ -1,11 +1,36 @@
-// Run driver (placeholder until the command-line front end lands).
+// Run driver: one batch of micrographs, start to summary.
 #include <cstdio>
 
+#include "common/strutil.h"
 #include "gpu/device.h"
+#include "picker/help.h"
+#include "picker/params.h"
+#include "picker/timer.h"
 
 int gvexmatch_main(int argc, char** argv) {
-  int gid = 0;
-  check_and_set_gid(gid);
-  fputs(gvex_device_activate(gid), stdout);
+  const char* prog = argc > 0 && argv[0] ? argv[0] : "gvexmatch";
+  gvex_timer_push();  // run total
+  gvex_timer_push();  // preparation
+
+  if (argc < 2) {
+    gvexmatch_help(prog);
+    return 0;
+  }
+  if (is_keywd_help(argv[1])) {
+    gvexmatch_help_full(prog);
+    return 0;
+  }
+
+  GVexMatch_Para* para = new GVexMatch_Para();
+  gvexmatch_init_parameters(argc, para);
+  gvexmatch_get_parameters(argc, argv, para);  // ends the run on bad input
+  gvexmatch_fput_parameters(argc, argv, para, stdout);
+  gvexmatch_check_values(para);
+  fputs(gvex_device_activate(para->gid), stdout);
+
+  // Reference micrograph, preparation, the per-micrograph loop and the
+  // summary follow here.
+
+  gvexmatch_delete_parameters(para);
   return 0;
 }
