@@ -1,0 +1,65 @@
+// Correlation scan: for one template, the best normalised cross-correlation
+// over all in-plane rotations at every pixel of the working micrograph
+// (ccmax, re-centred) and the rotation that gave it (psi, left in the
+// zero-shift-at-origin layout).
+#pragma once
+#include <memory>
+#include <vector>
+
+#include "common/hd.h"
+
+// Default bound on the device memory kept for rotated-template spectra.
+constexpr unsigned long GVEX_SCAN_CACHE_DEFAULT = 2UL << 30;
+
+// Buffers of the scan for one working size, made once per run and handed to
+// every scan call, and a bounded store of rotated-template spectra that
+// survives from one micrograph to the next: such a spectrum depends only on
+// the template's pixels, the angle and the working size. Templates are
+// recognised by their pixel values, so the store never serves a stale
+// spectrum. Beyond the budget spectra are simply recomputed.
+class ScanWorkspace {
+ public:
+  explicit ScanWorkspace(unsigned long spectrum_budget_bytes = GVEX_SCAN_CACHE_DEFAULT);
+  ~ScanWorkspace();
+  ScanWorkspace(const ScanWorkspace&) = delete;
+  ScanWorkspace& operator=(const ScanWorkspace&) = delete;
+
+  unsigned long spectrum_budget() const { return budget_; }
+  unsigned long spectrum_bytes() const { return used_; }  // held now
+  int cached_spectra() const;
+  void clear_spectra();
+
+  // Internal to the scan: buffers for an nx x ny image (made anew, and the
+  // store emptied, when the size changes) and the byte budget.
+  struct Impl;
+  Impl& impl(int nx, int ny);
+  bool reserve_spectrum(unsigned long bytes);
+
+ private:
+  unsigned long budget_, used_ = 0;
+  std::unique_ptr<Impl> impl_;
+};
+
+// Fills ccmax (and psi when use_psi is non-zero and psi is given) for
+// template T (tnx x tny, device) over the angles from ang_start while below
+// ang_end in steps of ang_step. mic and mask are nx x ny device images.
+// Prints one dot per angle and a newline. Returns 0. A template larger than
+// the image, or empty, is fatal. Without a workspace a temporary one
+// without spectrum store is used.
+int vexmatch_ccmax_psi_by_one_template(float* mic, float* mask, float* ccmax, float* psi, int use_psi, int nx, int ny,
+                                       float* T, int tnx, int tny, float R, float ang_start, float ang_end,
+                                       float ang_step, ScanWorkspace* ws = nullptr);
+
+// The same without angle map.
+int vexmatch_ccmax_by_one_template(float* mic, float* mask, float* ccmax, int nx, int ny, float* T, int tnx, int tny,
+                                   float R, float ang_start, float ang_end, float ang_step,
+                                   ScanWorkspace* ws = nullptr);
+
+// Running maximum: ccmax[i] = cc[i] (and psi[i] = ang) where cc[i] >
+// ccmax[i]; equal values and NaN change nothing.
+void hcuda_update_ccmax_2d(float* ccmax, float* cc, int nx, int ny);
+void hcuda_update_ccmax_psi_2d(float* ccmax, float* cc, float* psi, float ang, int nx, int ny);
+
+// Centre swap and division by s in one pass, for even nx and ny: the same
+// bits as the swap followed by the division.
+void hcuda_2d_swap_divide_inplace(float* d_p, int nx, int ny, float s);
