@@ -5,6 +5,7 @@
 #include "gpu/device.h"
 #include "picker/help.h"
 #include "picker/params.h"
+#include "picker/run.h"
 #include "picker/timer.h"
 
 int gvexmatch_main(int argc, char** argv) {
@@ -28,9 +29,13 @@ int gvexmatch_main(int argc, char** argv) {
   gvexmatch_check_values(para);
   fputs(gvex_device_activate(para->gid), stdout);
 
-  // Reference micrograph, preparation, the per-micrograph loop and the
-  // summary follow here.
+  gvexmatch_run(para, prog);
 
+  gvexmatch_summary(para);
   gvexmatch_delete_parameters(para);
+  gvex_timer_pop("TOTAL");
+  for (int i = 0; i < 129; i++) putchar('#');
+  printf("\n\n");
+  gvexmatch_put_one_random_tip();
   return 0;
 }

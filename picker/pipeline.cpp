@@ -1,0 +1,175 @@
+// Per-micrograph picking pipeline: strings the stages together in their
+// fixed order; the stages themselves live in gpu/, io/ and match/.
+#include "picker/pipeline.h"
+
+#include <cstdio>
+#include <cstring>
+#include <string>
+
+#include "common/errors.h"
+#include "common/strutil.h"
+#include "gpu/img_filter.h"
+#include "gpu/math_utils.h"
+#include "gpu/resample.h"
+#include "io/boxfile.h"
+#include "io/extract.h"
+#include "io/mrcfile.h"
+#include "match/box_filter.h"
+#include "match/ice.h"
+#include "match/peaks.h"
+#include "match/templates.h"
+#include "picker/params.h"
+#include "picker/timer.h"
+
+void gvex_commit_file(const char* tmp, const char* final_name) {
+  if (rename(tmp, final_name) != 0) {
+    printf("Cannot write to file %s. Permission denied or no space left!\n", final_name);
+    remove(tmp);
+    gvex_fatal("gvex_commit_file", "gvexmatch56", __LINE__, "open file failed.");
+  }
+}
+
+// Temporary name beside the final one: a run killed before the rename never
+// leaves a final file that --do_unfinished would take as finished.
+static std::string temp_name(const char* final_name) { return std::string(final_name) + ".part"; }
+
+void gvexmatch_working_sizes(GVexRun& run, int nx, int ny) {
+  GVexMatch_Para* p = run.p;
+  run.nx = nx;
+  run.ny = ny;
+  const int big = nx > ny ? nx : ny;
+  run.ext = 2 * (big / (2 * p->shrink));
+  run.cell = gvexmatch_grid_cell(p);
+  if (run.ext < 2)
+    gvex_fatal("gvexmatch_working_sizes", "gvexmatch56", __LINE__,
+               "the micrograph is too small for the shrink factor of --speed");
+  run.gx = run.gy = (run.ext + run.cell - 1) / run.cell;
+}
+
+void gvexmatch_prepare_run(GVexRun& run) {
+  GVexMatch_Para* p = run.p;
+  const unsigned long n2 = (unsigned long)run.ext * run.ext;
+
+  // Templates: one synthetic disc scanned at a single angle, or the stack.
+  if (p->auto_template) p->ang_step = 360.0f;
+  float* stack = get_or_create_template_data(run.tnx, run.tny, run.tnz, p->T, p->template_r, p->apixT, p->apixM,
+                                             p->shrink, p->center1_ratio);
+  if (run.tnx > run.ext || run.tny > run.ext) {
+    char why[256];
+    snprintf(why, sizeof why, "templates of %d x %d working pixels do not fit the %d x %d working micrograph", run.tnx,
+             run.tny, run.ext, run.ext);
+    gvex_fatal("gvexmatch_prepare_run", "gvexmatch56", __LINE__, why);
+  }
+  if (run.tnx < 1 || run.tny < 1 || run.tnz < 1)
+    gvex_fatal("gvexmatch_prepare_run", "gvexmatch56", __LINE__,
+               "the template is empty at the working pixel size (raise --diameter or lower --speed)");
+  const unsigned long tn = (unsigned long)run.tnx * run.tny * run.tnz;
+  run.d_T.reset(new DeviceArray<float>(tn));
+  hcuda_upload_templates(run.d_T->get(), stack, run.tnx, run.tny, run.tnz, p->T_norm_type, p->template_r,
+                         p->center1_ratio, p->dont_invertT);
+  destroy_template_data(stack);
+
+  run.h_raw.assign((size_t)run.nx * run.ny, 0.0f);
+  run.h_shrunk.assign(n2, 0.0f);
+  if (p->write_ccmax_mic) run.h_ccmax.assign(n2 * run.tnz, 0.0f);
+  run.d_mic.reset(new DeviceArray<float>(n2, true));
+  run.d_mask.reset(new DeviceArray<float>(n2, true));
+  run.d_ccmax.reset(new DeviceArray<float>(n2, true));
+  run.d_psi.reset(new DeviceArray<float>(n2, true));
+  const unsigned long cells = (unsigned long)run.gx * run.gy;
+  run.d_grid.reset(new DeviceArray<unsigned int>(cells, true));
+  run.excluded.assign(cells, PTCL_BOX{});
+  run.peak_index.assign(cells, 0);
+  run.peak_score.assign(cells, 0.0f);
+  run.peak_angle.assign(cells, 0.0f);
+  run.ws.reset(new ScanWorkspace());
+}
+
+// Diagnostic image of the working size, written under a temporary name.
+static void write_working_image(const char* mic, const char* suffix, const float* d_img, int ext, int nz) {
+  char name[GVEX_NAME_LEN];
+  set_outname_by_suffix(name, mic, suffix);
+  std::string tmp = temp_name(name);
+  mrcf_write_xyz_ddata(tmp.c_str(), d_img, ext, ext, nz);
+  gvex_commit_file(tmp.c_str(), name);
+}
+
+void gvexmatch_pick_micrograph(GVexRun& run, const char* mic, FILE* nonunique, const char* nonunique_name,
+                               const char* excluded_name) {
+  GVexMatch_Para* p = run.p;
+  const int ext = run.ext;
+  const unsigned long n2 = (unsigned long)ext * ext;
+  float* d_mic = run.d_mic->get();
+  float* d_mask = run.d_mask->get();
+  unsigned int* d_grid = run.d_grid->get();
+  const float apix = p->apixM * p->shrink;
+  const int2 origin = {0, 0};
+
+  printf("Normalizing the micrograph %s ...\n", mic);
+  cpu_2d_meanshrink_extended_even_square(run.h_shrunk.data(), run.h_raw.data(), run.nx, run.ny, p->shrink);
+  memcpy_H2D(d_mic, run.h_shrunk.data(), n2 * sizeof(float));
+  if (p->do_pre_filter)  // low-pass at the shrunk image's Nyquist limit; pre_lp plays no part
+    hcuda_2d_bandpass_softR_mpad_inplace(d_mic, ext, apix, 2.0f * p->apixM * p->shrink, p->pre_hp, 8.0f);
+  if (p->write_pref_mic) write_working_image(mic, "_pref.mrc", d_mic, ext, 1);
+  hcuda_normz_inplace(d_mic, n2, 1.0f, 0.0f);
+
+  hcuda_empty(d_grid, (unsigned long)run.gx * run.gy * sizeof(unsigned int));
+  if (p->detect_ice) hcuda_2d_ice_detect(d_mic, ext, ext, origin, d_grid, mic, p);
+  if (p->mask_excluded && run.n_excluded > 0)
+    add_excluded_coords_to_ice(d_grid, ext, ext, run.cell, run.excluded.data(), run.n_excluded, p->shrink);
+  if (!is_str_null(p->global_excluded_box))
+    add_excluded_boxf_to_ice(d_grid, ext, ext, run.cell, p->global_excluded_box, p->shrink);
+  if (p->do_bandpass) hcuda_2d_bandpass_guas_mpad_inplace(d_mic, ext, apix, p->lp, p->hp);
+  hcuda_normz_inplace(d_mic, n2, 1.0f, 0.0f);
+  hcuda_2d_generate_mask_by_coords(d_mask, d_mic, ext, ext, run.cell, d_grid, 0);
+  if (p->write_mic_mask) write_working_image(mic, "_mask.mrc", d_mask, ext, 1);
+  hcuda_norm_withmask_inplace(d_mic, d_mask, n2, 1.0f, 0.0f);
+  if (p->write_bgfree_mic) write_working_image(mic, "_bgfree.mrc", d_mic, ext, 1);
+  gvex_timer_pop("NORMALIZATION");
+  gvex_timer_push();
+
+  const unsigned long cells = (unsigned long)run.gx * run.gy;
+  const int box = p->boxsize / p->shrink;
+  for (int t = 0; t < run.tnz; t++) {
+    printf("Template %03d\n", t + 1);
+    float* d_t = run.d_T->get() + (unsigned long)t * run.tnx * run.tny;
+    vexmatch_ccmax_psi_by_one_template(d_mic, d_mask, run.d_ccmax->get(), run.d_psi->get(), 1, ext, ext, d_t,
+                                       run.tnx, run.tny, p->template_r, (float)p->ang_start, p->ang_end, p->ang_step,
+                                       run.ws.get());
+    gpu_find_filter_ccmax_psi_grids_exclusive(run.d_ccmax->get(), run.d_psi->get(), run.peak_index.data(),
+                                              run.peak_score.data(), run.peak_angle.data(), p->cc_cutoff, ext, ext,
+                                              run.cell, d_grid, (unsigned int)cells);
+    output_vexmatch_coord_one_temp(nonunique, run.peak_index.data(), run.peak_score.data(), run.peak_angle.data(),
+                                   t + 1, (int)cells, ext, ext, box);
+    if (p->write_ccmax_mic) memcpy_D2H(run.h_ccmax.data() + n2 * t, run.d_ccmax->get(), n2 * sizeof(float));
+  }
+  if (p->write_ccmax_mic) {
+    char name[GVEX_NAME_LEN];
+    set_outname_by_suffix(name, mic, "_ccmax.mrc");
+    std::string tmp = temp_name(name);
+    mrcf_write_xyz_data(tmp.c_str(), run.h_ccmax.data(), ext, ext, run.tnz);
+    gvex_commit_file(tmp.c_str(), name);
+  }
+  if (fclose(nonunique) != 0) gvex_open_write_failed(nonunique_name, "gvexmatch_pick_micrograph", "gvexmatch56", __LINE__);
+
+  // Merge all templates' candidates into the final picks, in micrograph pixels.
+  char box_name[GVEX_NAME_LEN], star_name[GVEX_NAME_LEN], in_name[GVEX_NAME_LEN], ex_name[GVEX_NAME_LEN];
+  set_outname_by_suffix(box_name, mic, "_vexmatch.box");
+  set_outname_by_suffix(star_name, mic, "_vexmatch.star");
+  snprintf(in_name, sizeof in_name, "%s", nonunique_name);
+  snprintf(ex_name, sizeof ex_name, "%s", excluded_name);
+  std::string tmp = temp_name(box_name);
+  box_filter(ext, ext, p->min_dist_px, p->cc_cutoff, (float)p->shrink, p->boxsize, p->boxsize, origin, in_name, ex_name,
+             &tmp[0], 2);
+  gvex_commit_file(tmp.c_str(), box_name);
+  if (p->write_star) {
+    tmp = temp_name(star_name);
+    box_filter(ext, ext, p->min_dist_px, p->cc_cutoff, (float)p->shrink, p->boxsize, p->boxsize, origin, in_name,
+               ex_name, &tmp[0], 1);
+    gvex_commit_file(tmp.c_str(), star_name);
+  }
+  if (p->extract_raw) mrcf_x2d_extract_ptcls_from_micrograph(mic, box_name, p->boxsize, 0);
+
+  printf("File %s finished.\n", mic);
+  gvex_timer_pop("PICKING");
+}

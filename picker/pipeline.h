@@ -1,0 +1,49 @@
+// Per-micrograph picking pipeline: what the run prepares once (templates,
+// buffers, workspace) and the stages each micrograph goes through.
+#pragma once
+#include <cstdio>
+#include <memory>
+#include <vector>
+
+#include "common/records.h"
+#include "gpu/device.h"
+#include "match/scan.h"
+
+struct GVexMatch_Para;
+
+// Everything allocated once per run at the reference size.
+struct GVexRun {
+  GVexMatch_Para* p = nullptr;
+  int nx = 0, ny = 0;       // raw micrograph size (the reference)
+  int ext = 0;              // square, even working size
+  int cell = 0, gx = 0, gy = 0;  // exclusion grid
+  int tnx = 0, tny = 0, tnz = 0;  // template stack
+
+  std::vector<float> h_raw;     // nx * ny
+  std::vector<float> h_shrunk;  // ext * ext
+  std::vector<float> h_ccmax;   // ext * ext * tnz, only with write_ccmax_mic
+  std::unique_ptr<DeviceArray<float>> d_T, d_mic, d_mask, d_ccmax, d_psi;
+  std::unique_ptr<DeviceArray<unsigned int>> d_grid;
+  std::vector<PTCL_BOX> excluded;  // gx * gy records
+  int n_excluded = 0;
+  std::vector<unsigned int> peak_index;
+  std::vector<float> peak_score, peak_angle;
+  std::unique_ptr<ScanWorkspace> ws;
+};
+
+// Working sizes from the reference header: ext, cell, gx, gy.
+void gvexmatch_working_sizes(GVexRun& run, int nx, int ny);
+
+// Template preparation (synthetic or read, normalised, inverted, on the
+// device) and every per-run buffer.
+void gvexmatch_prepare_run(GVexRun& run);
+
+// Normalisation and picking of one micrograph whose pixels are in h_raw:
+// every stage from the shrink to "File %s finished.". nonunique is the open
+// "_nonunique.box" file, closed here; excluded_name is the per-micrograph
+// exclusion file or "NULL".
+void gvexmatch_pick_micrograph(GVexRun& run, const char* mic, FILE* nonunique, const char* nonunique_name,
+                               const char* excluded_name);
+
+// Renames a finished file into place; a failure is fatal, naming both.
+void gvex_commit_file(const char* tmp, const char* final_name);

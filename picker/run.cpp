@@ -1,0 +1,127 @@
+// Run driver after the parameter echo: reference micrograph, preparation,
+// the loop over micrographs in command-line order, and the summary.
+#include "picker/run.h"
+
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstring>
+
+#include "common/errors.h"
+#include "common/strutil.h"
+#include "io/boxfile.h"
+#include "io/mrcfile.h"
+#include "picker/help.h"
+#include "picker/params.h"
+#include "picker/pipeline.h"
+#include "picker/timer.h"
+
+static void ruler(char c, int n) {
+  for (int i = 0; i < n; i++) putchar(c);
+  putchar('\n');
+}
+
+// "FR": the file exists and is readable.
+static bool file_readable(const char* name) { return access(name, F_OK) == 0 && access(name, R_OK) == 0; }
+
+bool is_file_vexmatch_done(const char* box_name, const char* star_name) {
+  return file_readable(box_name) || file_readable(star_name);
+}
+
+// The first readable micrograph fixes the sizes of the whole run; missing
+// or unreadable names are only warned about here.
+static MRC_HEAD* check_access_openf_1st(GVexMatch_Para* p, const char* prog) {
+  for (int i = 0; i < p->n_mic; i++) {
+    const char* name = p->mic_files[i];
+    if (access(name, F_OK) != 0) {
+      printf(GVEX_CRIT_ON "Warning in function %s(), file %s on line %d: the micrograph %s does NOT exsit! "
+                          "Automatically ignored!" GVEX_CRIT_OFF "\n\n",
+             "check_access_openf_1st", "gvexmatch56", __LINE__, name);
+      continue;
+    }
+    if (access(name, R_OK) != 0) {
+      printf(GVEX_CRIT_ON "Warning in function %s(), file %s on line %d: the micrograph %s are NOT readable! "
+                          "Automatically ignored!" GVEX_CRIT_OFF "\n\n",
+             "check_access_openf_1st", "gvexmatch56", __LINE__, name);
+      continue;
+    }
+    printf("Opening %s for initial test and preperation .......\n", name);
+    FILE* fp = fopen(name, "r");
+    if (!fp) gvex_open_read_failed(name, "check_access_openf_1st", "gvexmatch56", __LINE__);
+    p->first_mic = p->mic_files[i];
+    MRC_HEAD* head = mrc_new_head();
+    mrc_read_head(fp, head);
+    fclose(fp);
+    return head;
+  }
+  gvexmatch_help_exit(prog, "No valid files to be processed.");
+}
+
+int gvexmatch_run(GVexMatch_Para* p, const char* prog) {
+  MRC_HEAD* ref = check_access_openf_1st(p, prog);
+  if (!mrc_mode_is_readable(ref->mode)) {
+    char why[GVEX_NAME_LEN + 128];
+    snprintf(why, sizeof why, "the pixels of %s are of mode %d (%s), which cannot be read; modes 0, 1, 2 and 6 can",
+             p->first_mic, ref->mode, mrc_get_head_mode(ref));
+    gvex_fatal("gvexmatch_run", "gvexmatch56", __LINE__, why);
+  }
+
+  GVexRun run;
+  run.p = p;
+  gvexmatch_working_sizes(run, ref->nx, ref->ny);
+  gvexmatch_prepare_run(run);
+  gvex_timer_pop("PREPARATION");
+
+  MRC_HEAD* head = mrc_new_head();
+  char nonunique[GVEX_NAME_LEN], box_name[GVEX_NAME_LEN], star_name[GVEX_NAME_LEN], excluded[GVEX_NAME_LEN];
+  for (int i = 0; i < p->n_mic; i++) {
+    const char* mic = p->mic_files[i];
+    gvex_timer_push();
+    printf("\n");
+    ruler('-', 129);
+
+    set_outname_by_suffix(box_name, mic, "_vexmatch.box");
+    set_outname_by_suffix(star_name, mic, "_vexmatch.star");
+    set_name_shrinked_box(nonunique, mic, p->shrink);
+    if (p->exclusive_picking)
+      set_outname_by_suffix(excluded, mic, p->excluded_suffix);
+    else
+      snprintf(excluded, sizeof excluded, "NULL");
+
+    // The timer started above stays on the stack for a skipped micrograph.
+    if (p->do_unfinished && is_file_vexmatch_done(box_name, star_name)) {
+      printf("Micrograph %s has already been processed. Automatically skipped.\n", mic);
+      continue;
+    }
+
+    FILE* fnon = fopen(nonunique, "w+");
+    if (!fnon) gvex_open_write_failed(nonunique, "main", "gvexmatch56", 185);
+    FILE* fmic = fopen(mic, "r");
+    if (!fmic) gvex_open_read_failed(mic, "main", "gvexmatch56", 187);
+    mrc_read_head(fmic, head);
+    check_mrc_head_sizes_two(mic, p->first_mic, head, ref);
+    printf("Reading File %s ...\n", mic);
+    mrc_read_slice(fmic, head, 0, 'z', run.h_raw.data());
+    fclose(fmic);
+
+    if (!is_str_null(excluded) && file_readable(excluded)) {
+      run.n_excluded = read_all_ptcl_boxes(run.excluded.data(), (int)run.excluded.size(), excluded);
+      printf("%8d particles in file %s excluded from auto-picking \n", run.n_excluded, excluded);
+    } else {
+      snprintf(excluded, sizeof excluded, "NULL");
+      run.n_excluded = 0;
+    }
+    gvex_timer_pop("READING");
+    gvex_timer_push();
+    gvexmatch_pick_micrograph(run, mic, fnon, nonunique, excluded);
+  }
+  mrc_delete_head(head);
+  mrc_delete_head(ref);
+  return 0;
+}
+
+void gvexmatch_summary(GVexMatch_Para* p) {
+  ruler('#', 129);
+  printf("All %d files finished successfully:\n", p->n_mic);
+  for (int i = 0; i < p->n_mic; i++) printf("        %s\n", p->mic_files[i]);
+}
