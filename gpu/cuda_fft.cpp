@@ -7,6 +7,9 @@
 
 #include <cstring>
 #include <map>
+#if defined(_OPENMP)
+#include <omp.h>
+#endif
 #include <memory>
 #include <utility>
 
@@ -73,6 +76,18 @@ FftPlan2d::~FftPlan2d() {
   if (host_inv_) fftwf_destroy_plan((fftwf_plan)host_inv_);
   fftwf_free(tmp_r_);
   fftwf_free(tmp_c_);
+  hcuda_free(work_r_);
+  hcuda_free(work_c_);
+}
+
+float* FftPlan2d::work_real() {
+  if (!work_r_) safe_cudaMalloc((void**)&work_r_, (unsigned long)nx_ * ny_ * sizeof(float));
+  return work_r_;
+}
+
+float2* FftPlan2d::work_complex() {
+  if (!work_c_) safe_cudaMalloc((void**)&work_c_, (unsigned long)(nx_ / 2 + 1) * ny_ * sizeof(float2));
+  return work_c_;
 }
 
 void FftPlan2d::make(bool forward) {
@@ -82,6 +97,11 @@ void FftPlan2d::make(bool forward) {
     gvex_check_fft(gvex_cufft_plan(nx_, ny_, forward, &h), __FILE__, __LINE__);
     return;
   }
+#endif
+#if defined(_OPENMP)
+  // The host planner is not thread-safe: plans are made on the driving
+  // thread only, never from inside a parallel loop.
+  if (omp_in_parallel()) gvex_check_fft(FFT_SETUP_FAILED, __FILE__, __LINE__);
 #endif
   // FFTW_ESTIMATE: the plan, and so every bit of the result, depends only on
   // the shape and the thread count, never on timings taken at planning time.

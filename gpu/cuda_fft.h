@@ -40,6 +40,14 @@ class FftPlan2d {
   void r2c(const float* d_in, float2* d_out);
   void c2r(float2* d_in, float* d_out);
 
+  // Scratch device arrays of this shape (nx*ny reals, (nx/2+1)*ny complex)
+  // for the operations built on the plan, made on first use and kept with
+  // it so that repeated band-passes and local means neither allocate nor
+  // touch fresh pages. One operation at a time: contents are undefined on
+  // entry, and an operation must not call another one that uses them.
+  float* work_real();
+  float2* work_complex();
+
   int nx() const { return nx_; }
   int ny() const { return ny_; }
   int host_threads() const { return threads_; }
@@ -57,6 +65,8 @@ class FftPlan2d {
   int dev_inv_ = -1;
   float* tmp_r_ = nullptr;  // aligned staging, allocated only when needed
   float2* tmp_c_ = nullptr;
+  float* work_r_ = nullptr;  // device scratch for callers
+  float2* work_c_ = nullptr;
 };
 
 // The run's plan for a shape, created on first request and reused after.

@@ -1,0 +1,165 @@
+// Soft disc masks, local means and deviations through the Fourier domain,
+// and the host masked normalisation.
+#include "gpu/local_stats.h"
+
+#include <cmath>
+#include <memory>
+#include <vector>
+
+#include "gpu/cuda_fft.h"
+#include "gpu/device.h"
+#include "gpu/hm_math.h"
+#include "gpu/img_filter.h"
+#include "gpu/launch.h"
+#include "gpu/math_utils.h"
+#include "gpu/reduce.h"
+
+void hcuda_2d_generate_rmask_soft(float* d_mask, int nx, int ny, float cx, float cy, float r, float w) {
+  launch_2d(GVEX_SITE, nx, ny, GVEX_LAMBDA(int x, int y) {
+    const float dx = (float)x - cx, dy = (float)y - cy;
+    d_mask[y * nx + x] = hd_rmask_soft(dx * dx + dy * dy, r, w);
+  });
+}
+
+void cpu_2d_generate_rmask_soft(float* mask, int nx, int ny, float cx, float cy, float r, float w) {
+  const float rw = r + w;
+  const float s = w / 3.0f;
+  for (int y = 0; y < ny; y++)
+    for (int x = 0; x < nx; x++) {
+      const float dx = (float)x - cx, dy = (float)y - cy;
+      const float d2 = dx * dx + dy * dy;
+      float v;
+      if (d2 > rw * rw)
+        v = 0.0f;
+      else if (d2 <= r * r)
+        v = 1.0f;
+      else {
+        const float e = sqrtf(d2) - r;
+        if (s == 0.0f)
+          v = e == 0.0f ? 1.0f : 0.0f;
+        else
+          v = expf(-(e * e) / (2.0f * s * s));
+      }
+      mask[y * nx + x] = v;
+    }
+}
+
+// ---- the transformed disc, kept per padded shape and radii ----
+
+namespace {
+struct MaskSpectrum {
+  int NX = 0, NY = 0;
+  float r = 0.0f, w = 0.0f;
+  float sum = 0.0f;  // M, the disc's tree sum
+  std::unique_ptr<DeviceArray<float2>> spec;
+  bool matches(int nx_, int ny_, float r_, float w_) const {
+    // Compared by value: the same radii give the same disc, bit for bit.
+    return spec && NX == nx_ && NY == ny_ && r == r_ && w == w_;
+  }
+};
+// Two slots: the picker asks for two radii per micrograph (local sigma and
+// local average), each the same on every micrograph.
+MaskSpectrum* g_slots = nullptr;
+const int kSlots = 2;
+}  // namespace
+
+static const MaskSpectrum& mask_spectrum(int NX, int NY, float r, float w) {
+  if (!g_slots) g_slots = new MaskSpectrum[kSlots];  // never freed at exit: device memory
+  for (int i = 0; i < kSlots; i++)
+    if (g_slots[i].matches(NX, NY, r, w)) {
+      if (i > 0) std::swap(g_slots[0], g_slots[i]);  // most recent first
+      return g_slots[0];
+    }
+  for (int i = kSlots - 1; i > 0; i--) std::swap(g_slots[i], g_slots[i - 1]);
+  MaskSpectrum& m = g_slots[0];
+  m.spec.reset();  // release the oldest before allocating
+  FftPlan2d& plan = gvex_fft_plan(NX, NY);
+  float* mask = plan.work_real();
+  hcuda_2d_generate_rmask_soft(mask, NX, NY, (float)(((float)NX - 1.0) / 2.0), (float)(((float)NY - 1.0) / 2.0),
+                               r, w);
+  m.sum = hcuda_fast_sum(mask, (unsigned long)NX * NY);
+  m.spec.reset(new DeviceArray<float2>((unsigned long)(NX / 2 + 1) * NY));
+  plan.r2c(mask, m.spec->get());
+  m.NX = NX;
+  m.NY = NY;
+  m.r = r;
+  m.w = w;
+  return m;
+}
+
+void gvex_local_stats_cache_clear() {
+  if (!g_slots) return;
+  for (int i = 0; i < kSlots; i++) g_slots[i].spec.reset();
+}
+
+// ---- local statistics ----
+
+void hcuda_2d_bg_mpad(float* d_out, const float* d_in, int nx, int ny, float r, float w) {
+  if (nx <= 0 || ny <= 0) return;
+  const int NX = 2 * nx, NY = 2 * ny, NXH = NX / 2 + 1;
+  const unsigned long N = (unsigned long)NX * NY;
+  // The disc first: on a cache miss it borrows the plan's real scratch.
+  const MaskSpectrum& m = mask_spectrum(NX, NY, r, w);
+  const float M = m.sum;
+  FftPlan2d& plan = gvex_fft_plan(NX, NY);
+  float* pad = plan.work_real();
+  float2* A = plan.work_complex();
+  hcuda_2d_mirror_pad(pad, d_in, nx, ny);
+  plan.r2c(pad, A);
+  hcuda_c2d_multconj_norm_inplace(A, m.spec->get(), NXH, NY, (float)N);
+  plan.c2r(A, pad);
+  // Centre swap, division by M and the top-left quarter in one pass: pixel
+  // (x, y) of the swapped map is (x + NX/2, y + NY/2) of the unswapped one
+  // (NX and NY are even), so this is exactly swap, divide, cut.
+  const float* d_cc = pad;
+  launch_2d(GVEX_SITE, nx, ny, GVEX_LAMBDA(int x, int y) {
+    d_out[y * nx + x] = d_cc[((y + NY / 2) % NY) * NX + (x + NX / 2) % NX] / M;
+  });
+}
+
+void hcuda_2d_local_ave_softR_mpad(float* d_out, const float* d_in, int nx, int ny, float r, float w) {
+  hcuda_2d_bg_mpad(d_out, d_in, nx, ny, r, w);
+}
+
+void gpu_2d_local_ave_softR_mpad(float* out, const float* in, int nx, int ny, float r, float w) {
+  if (nx <= 0 || ny <= 0) return;
+  const unsigned long n = (unsigned long)nx * ny;
+  DeviceArray<float> d(n);
+  memcpy_H2D(d.get(), in, n * sizeof(float));
+  hcuda_2d_bg_mpad(d.get(), d.get(), nx, ny, r, w);
+  memcpy_D2H(out, d.get(), n * sizeof(float));
+}
+
+void hcuda_2d_local_sigma_softR_mpad(float* d_out, const float* d_in, int nx, int ny, float r, float w) {
+  if (nx <= 0 || ny <= 0) return;
+  const unsigned long n = (unsigned long)nx * ny;
+  DeviceArray<float> t(n);
+  hcuda_2d_bg_mpad(t.get(), d_in, nx, ny, r, w);
+  hcuda_sqr_inplace(t.get(), n);
+  hcuda_sqr(d_out, d_in, n);
+  hcuda_2d_bg_mpad(d_out, d_out, nx, ny, r, w);
+  hcuda_x1d_sub_inplace(d_out, t.get(), n);
+  hcuda_sqrtf_inplace(d_out, n);
+}
+
+void cpu_2d_normz_withRmask_applymask_inplace(float* p, int nx, int ny, float cx, float cy, float r, float w) {
+  if (nx <= 0 || ny <= 0) return;
+  const unsigned long n = (unsigned long)nx * ny;
+  std::vector<float> mask(n);
+  cpu_2d_generate_rmask_soft(mask.data(), nx, ny, cx, cy, r, w);
+  // An empty mask only warns here; the divisions below then give NaN/inf.
+  const double M = hm_sum_check0(mask.data(), n);
+  double m = 0.0;
+  for (unsigned long i = 0; i < n; i++) m += (double)p[i] * mask[i];
+  m /= M;
+  double ss = 0.0;
+  for (unsigned long i = 0; i < n; i++) {
+    const double d = (double)p[i] - m;
+    ss += mask[i] * d * d;
+  }
+  const double s = sqrt(ss / M);
+  for (unsigned long i = 0; i < n; i++) {
+    p[i] = (float)(((double)p[i] - m) / s);
+    p[i] = p[i] * mask[i];
+  }
+}
