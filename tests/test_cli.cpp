@@ -13,9 +13,10 @@
 
 namespace {
 
-// Golden file: "$ <words>" (with @BIN@ for the program), "? <exit status>",
-// then the exact standard output. "\e" stands for ESC and "\t" for a tab;
-// a line "@ANY@" matches any one line (machine-dependent text).
+// Golden file: "$ <words>" (with @BIN@ for the program), "? <exit status>"
+// ("? *": any status), then the exact standard output. "\e" stands for ESC
+// and "\t" for a tab; a line "@ANY@" matches any one line (machine-dependent
+// text) and a last line "@REST@" whatever follows (later stages of a run).
 struct Golden {
   std::vector<std::string> argv;
   int status = -1;
@@ -43,7 +44,8 @@ Golden load_golden(const std::string& path) {
   if (text.compare(0, 2, "$ ") != 0 || l1 == std::string::npos || l2 == std::string::npos) return g;
   std::istringstream words(text.substr(2, l1 - 2));
   for (std::string w; words >> w;) g.argv.push_back(w == "@BIN@" ? gvex_bin() : w);
-  g.status = std::stoi(text.substr(l1 + 3, l2 - l1 - 3));
+  const std::string status = text.substr(l1 + 3, l2 - l1 - 3);
+  g.status = status == "*" ? -1 : std::stoi(status);
   g.out = unescape(text.substr(l2 + 1));
   return g;
 }
@@ -61,11 +63,16 @@ std::vector<std::string> split_lines(const std::string& s) {
 }
 
 void expect_transcript(const std::string& expected, const std::string& actual) {
-  if (expected.find("@ANY@") == std::string::npos) {
+  if (expected.find("@ANY@") == std::string::npos && expected.find("@REST@") == std::string::npos) {
     EXPECT_EQ(expected, actual);
     return;
   }
   std::vector<std::string> e = split_lines(expected), a = split_lines(actual);
+  if (!e.empty() && e.back() == "@REST@") {
+    e.pop_back();
+    ASSERT_GE(a.size(), e.size()) << actual;
+    a.resize(e.size());
+  }
   ASSERT_EQ(e.size(), a.size()) << actual;
   for (size_t i = 0; i < e.size(); i++)
     if (e[i] != "@ANY@") {
@@ -103,7 +110,9 @@ TEST(Cli, GoldenTranscripts) {
     opt.cwd = dir.path();
     RunResult r = run_argv(g.argv, opt);
     ASSERT_TRUE(r.exited());
-    EXPECT_EQ(r.status, g.status);
+    if (g.status >= 0) {
+      EXPECT_EQ(r.status, g.status);
+    }
     expect_transcript(g.out, r.out);
   }
 }
@@ -161,13 +170,12 @@ TEST(Cli, RunsThatEndEarly) {
 }
 
 TEST(Cli, EchoOfDerivedDefaults) {
+  // x.mrc does not exist: the run ends later, after the echo and the device line.
   RunResult r = gvex({"--diameter", "200", "x.mrc"});
-  ASSERT_EQ(r.status, 0);
+  ASSERT_TRUE(r.exited());
   EXPECT_NE(r.out.find("       --min_dist           160.00\n"), std::string::npos);
   EXPECT_NE(r.out.find("       --boxsize            198\n"), std::string::npos);
-  EXPECT_NE(r.out.find("All 1 files to be used:\n        x.mrc\n"), std::string::npos);
-  // The device line closes the output.
-  EXPECT_EQ(r.out.substr(r.out.rfind('\n', r.out.size() - 2) + 1, 8), "Running ");
+  EXPECT_NE(r.out.find("All 1 files to be used:\n        x.mrc\nRunning "), std::string::npos);
 }
 
 }  // namespace
