@@ -30,24 +30,38 @@ static const int FFT_ALLOC_FAILED = 2;
 static const int FFT_SETUP_FAILED = 7;
 static const int FFT_INVALID_SIZE = 8;
 
-// Below this many pixels a second FFTW thread costs more in wake-ups than it
-// saves.
-static const long FFT_THREADS_MIN_PIXELS = 256L * 256L;
+// Host plans of at least this many pixels are split into a fixed number of
+// parallel jobs. The planner's choice, and so every bit of the result,
+// depends on the job count, so it is a constant rather than the machine's
+// thread count; the jobs then run on however many threads there are.
+static const long FFT_JOBS_MIN_PIXELS = 256L * 256L;
+static const int FFT_JOBS = 4;
 
-int gvex_fft_host_threads(int nx, int ny) {
+int gvex_fft_plan_jobs(int nx, int ny) {
 #if defined(GVEX_FFTW_THREADS)
-  if ((long)nx * ny >= FFT_THREADS_MIN_PIXELS) return gvex_host_threads();
+  if ((long)nx * ny >= FFT_JOBS_MIN_PIXELS) return FFT_JOBS;
 #endif
   (void)nx;
   (void)ny;
   return 1;
 }
 
+#if defined(GVEX_FFTW_THREADS)
+// FFTW hands its parallel loops here: independent jobs, each writing its own
+// part of the output, run on the host back end's threads.
+static void fft_parallel_loop(void* (*work)(char*), char* jobdata, size_t elsize, int njobs, void* data) {
+  (void)data;
+#pragma omp parallel for schedule(static)
+  for (int i = 0; i < njobs; i++) work(jobdata + elsize * (size_t)i);
+}
+#endif
+
 static void host_fft_threads_init() {
 #if defined(GVEX_FFTW_THREADS)
   static bool done = false;
   if (!done) {
     fftwf_init_threads();
+    fftwf_threads_set_callback(fft_parallel_loop, nullptr);
     done = true;
   }
 #endif
@@ -61,8 +75,8 @@ static bool overlap(const void* a, unsigned long na, const void* b, unsigned lon
   return pa < pb + nb && pb < pa + na;
 }
 
-FftPlan2d::FftPlan2d(int nx, int ny, int host_threads)
-    : nx_(nx), ny_(ny), threads_(host_threads > 0 ? host_threads : gvex_fft_host_threads(nx, ny)),
+FftPlan2d::FftPlan2d(int nx, int ny, int host_jobs)
+    : nx_(nx), ny_(ny), jobs_(host_jobs > 0 ? host_jobs : gvex_fft_plan_jobs(nx, ny)),
       gpu_(gvex_on_gpu()) {
   if (nx <= 0 || ny <= 0) gvex_check_fft(FFT_INVALID_SIZE, __FILE__, __LINE__);
 }
@@ -104,7 +118,7 @@ void FftPlan2d::make(bool forward) {
   if (omp_in_parallel()) gvex_check_fft(FFT_SETUP_FAILED, __FILE__, __LINE__);
 #endif
   // FFTW_ESTIMATE: the plan, and so every bit of the result, depends only on
-  // the shape and the thread count, never on timings taken at planning time.
+  // the shape and the job count, never on timings taken at planning time.
   // The arrays only tell the planner the alignment; it does not touch them.
   const size_t nr = (size_t)nx_ * ny_;
   const size_t nc = (size_t)(nx_ / 2 + 1) * ny_;
@@ -117,7 +131,7 @@ void FftPlan2d::make(bool forward) {
   }
   host_fft_threads_init();
 #if defined(GVEX_FFTW_THREADS)
-  fftwf_plan_with_nthreads(threads_);
+  fftwf_plan_with_nthreads(jobs_);
 #endif
   fftwf_plan p = forward ? fftwf_plan_dft_r2c_2d(ny_, nx_, r, c, FFTW_ESTIMATE)
                          : fftwf_plan_dft_c2r_2d(ny_, nx_, c, r, FFTW_ESTIMATE | FFTW_DESTROY_INPUT);

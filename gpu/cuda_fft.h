@@ -10,8 +10,11 @@
 // Back ends: cuFFT on the GPU (gpu/cuda_fft.cu), single-precision FFTW on the
 // host. The host transforms are reproducible to the bit: the same input gives
 // the same output in every run, whatever the number of threads and whatever
-// the alignment of the arrays (unaligned arrays are staged through aligned
-// scratch so that they run through the same plan).
+// the alignment of the arrays. Plans are made with FFTW_ESTIMATE and a job
+// count fixed by the shape (never the machine's thread count, which would
+// change the planner's choice for some sizes); the jobs run on the host back
+// end's OpenMP threads. Unaligned arrays are staged through aligned scratch
+// so that they run through the same plan.
 #pragma once
 #include <math.h>
 
@@ -30,9 +33,10 @@
 // when the library fails. In and out must not overlap.
 class FftPlan2d {
  public:
-  // host_threads: host back end only; 0 picks the thread count by size
-  // (tests pass 1 or 2 to compare). Ignored on the GPU.
-  FftPlan2d(int nx, int ny, int host_threads = 0);
+  // host_jobs: host back end only; 0 takes gvex_fft_plan_jobs(nx, ny), the
+  // count the cache uses. Another count may give other bits. Ignored on the
+  // GPU.
+  FftPlan2d(int nx, int ny, int host_jobs = 0);
   ~FftPlan2d();
   FftPlan2d(const FftPlan2d&) = delete;
   FftPlan2d& operator=(const FftPlan2d&) = delete;
@@ -50,14 +54,14 @@ class FftPlan2d {
 
   int nx() const { return nx_; }
   int ny() const { return ny_; }
-  int host_threads() const { return threads_; }
+  int host_jobs() const { return jobs_; }
 
  private:
   void make(bool forward);
   float* scratch_real();
   float2* scratch_complex();
 
-  int nx_, ny_, threads_;
+  int nx_, ny_, jobs_;
   bool gpu_;
   void* host_fwd_ = nullptr;  // fftwf_plan
   void* host_inv_ = nullptr;
@@ -74,8 +78,8 @@ class FftPlan2d {
 FftPlan2d& gvex_fft_plan(int nx, int ny);
 // Destroy every cached plan (plans hold device workspace on the GPU).
 void gvex_fft_plan_cache_clear();
-// Host thread count the host back end uses for an nx x ny transform.
-int gvex_fft_host_threads(int nx, int ny);
+// Parallel jobs a host plan of nx x ny is split into (1 for small shapes).
+int gvex_fft_plan_jobs(int nx, int ny);
 
 // ---- whole transforms on device arrays ----
 void hcuda_2d_fft_r2c(const float* d_in, float2* d_out, unsigned int nx, unsigned int ny);

@@ -173,7 +173,7 @@ TEST(LocalStats, SameBitsFromTheCacheWithAnyThreadCountAndHostCopies) {
   const int saved = omp_get_max_threads();
   for (int threads : {1, 2}) {
     omp_set_num_threads(threads);
-    gvex_fft_plan_cache_clear();  // plans take their thread count when made
+    gvex_fft_plan_cache_clear();  // fresh plans and disc, made on this many threads
     gvex_local_stats_cache_clear();
     hcuda_2d_local_sigma_softR_mpad(again.data(), img.data(), n, n, 20.0f, 8.0f);
     EXPECT_EQ(0, memcmp(first.data(), again.data(), first.size() * sizeof(float))) << threads << " thread(s)";
