@@ -42,7 +42,7 @@ int main(int argc, char** argv) {
     fprintf(stderr, "cannot write the manifest in %s\n", argv[1]);
     return 2;
   }
-  gvex_device_activate(0);
+  printf("%s", gvex_device_activate(0));
 
   // Host data, one image of odd sizes and a stack.
   std::vector<float> a = ramp(37, 23, 1, 0.25f);
