@@ -60,6 +60,10 @@ int vexmatch_ccmax_by_one_template(float* mic, float* mask, float* ccmax, int nx
 void hcuda_update_ccmax_2d(float* ccmax, float* cc, int nx, int ny);
 void hcuda_update_ccmax_psi_2d(float* ccmax, float* cc, float* psi, float ang, int nx, int ny);
 
+// P = M * conj(F) / s over an nxh x ny half spectrum: the same bits as
+// hcuda_c2d_multconj_norm, with a faster loop on the host back end.
+void scan_multconj_norm(const float2* M, const float2* F, float2* P, int nxh, int ny, float s);
+
 // Centre swap and division by s in one pass, for even nx and ny: the same
 // bits as the swap followed by the division.
 void hcuda_2d_swap_divide_inplace(float* d_p, int nx, int ny, float s);

@@ -66,6 +66,55 @@ TEST(RunningMaximum, StrictAndNaNNeverWins) {
   EXPECT_EQ(gm[4], -1.0f);
 }
 
+// Awkward values for the element-wise passes: NaN, infinities, equal
+// values, zeros of both signs, subnormals.
+std::vector<float> awkward(size_t n, unsigned seed) {
+  const float special[] = {NAN, INFINITY, -INFINITY, 0.0f, -0.0f, 1e-40f, -3e-39f, 1.0f, 1.0f, 3.4e38f};
+  std::mt19937 rng(seed);
+  std::uniform_real_distribution<float> u(-2.0f, 2.0f);
+  std::vector<float> v(n);
+  for (size_t i = 0; i < n; i++) v[i] = rng() % 4 == 0 ? special[rng() % 10] : u(rng);
+  return v;
+}
+
+TEST(RunningMaximum, LongRunsMatchTheElementRule) {
+  // Long enough for the vectorised host loops and their tails.
+  const int nx = 37, ny = 11, n = nx * ny;
+  std::vector<float> m = awkward(n, 1), c = awkward(n, 2), a(n);
+  for (int i = 0; i < n; i += 5) c[i] = m[i];  // plenty of ties
+  for (int i = 0; i < n; i++) a[i] = (float)i;
+  std::vector<float> want_m = m, want_a = a, want_m2 = m;
+  for (int i = 0; i < n; i++)
+    if (c[i] > want_m[i]) {
+      want_m[i] = c[i];
+      want_a[i] = 30.0f;
+      want_m2[i] = c[i];
+    }
+  DeviceArray<float> dm(n), dc(n), da(n);
+  to_device(dm.get(), m);
+  to_device(dc.get(), c);
+  to_device(da.get(), a);
+  hcuda_update_ccmax_psi_2d(dm.get(), dc.get(), da.get(), 30.0f, nx, ny);
+  EXPECT_TRUE(same_bits(to_host(dm.get(), n), want_m));
+  EXPECT_TRUE(same_bits(to_host(da.get(), n), want_a));
+  to_device(dm.get(), m);
+  hcuda_update_ccmax_2d(dm.get(), dc.get(), nx, ny);
+  EXPECT_TRUE(same_bits(to_host(dm.get(), n), want_m2));
+}
+
+TEST(SpectrumProduct, SameBitsAsTheGenericProduct) {
+  const int nxh = 33, ny = 20, n = nxh * ny;
+  std::vector<float> a = awkward(2 * n, 3), b = awkward(2 * n, 4);
+  DeviceArray<float2> A(n), B(n), P1(n), P2(n);
+  memcpy_H2D(A.get(), a.data(), n * sizeof(float2));
+  memcpy_H2D(B.get(), b.data(), n * sizeof(float2));
+  for (float s : {4096.0f, 3600.0f, 1.0f}) {
+    scan_multconj_norm(A.get(), B.get(), P1.get(), nxh, ny, s);
+    hcuda_c2d_multconj_norm(A.get(), B.get(), P2.get(), nxh, ny, s);
+    EXPECT_EQ(memcmp(to_host(P1.get(), n).data(), to_host(P2.get(), n).data(), n * sizeof(float2)), 0) << s;
+  }
+}
+
 TEST(SwapDivide, SameBitsAsSwapThenDivide) {
   const int nx = 6, ny = 4;
   std::vector<float> p(nx * ny);
