@@ -17,6 +17,8 @@ static bool g_on_gpu = false;
 
 bool gvex_on_gpu() { return g_on_gpu; }
 
+void gvex_device_use_host() { g_on_gpu = false; }
+
 int gvex_host_threads() {
 #if defined(_OPENMP)
   return omp_get_max_threads();

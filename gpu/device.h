@@ -22,6 +22,11 @@ const char* gvex_device_activate(int gid);
 // True when the CUDA back end is the active one.
 bool gvex_on_gpu();
 
+// Back to the host back end (the conformance test runs each operation on
+// both back ends in one process). Arrays must be freed on the back end that
+// made them, and plan caches cleared, before switching.
+void gvex_device_use_host();
+
 // Number of host threads used by the host back end's loops.
 int gvex_host_threads();
 
