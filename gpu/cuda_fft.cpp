@@ -7,11 +7,11 @@
 
 #include <cstring>
 #include <map>
+#include <memory>
+#include <utility>
 #if defined(_OPENMP)
 #include <omp.h>
 #endif
-#include <memory>
-#include <utility>
 
 #include "gpu/device.h"
 #include "gpu/launch.h"
