@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "common/atomic_file.h"
 #include "common/errors.h"
 #include "io/io_messages.h"
 #include "io/star_keywords.h"
@@ -411,7 +412,7 @@ int output_vexmatch_star_one_temp(const char* name, const unsigned int* peaks, c
 
 int output_ice_coord(const char* path, const unsigned int* grid, const float* cell_ave, const float* cell_sigma,
                      int nx, int ny, int2 origin, int c, int shrink, int format) {
-  FILE* fp = fopen(path, "w");
+  FILE* fp = gvex_fopen_part(path, "w");
   if (!fp) gvex_open_write_failed(path, "output_ice_coord", "vexmatch56", 1607);
   if (c <= 0 || nx <= 0 || ny <= 0)
     io_fatalf("output_ice_coord", "vexmatch56", __LINE__, "grid of %d x %d pixels with cell size %d for %s", nx, ny,
@@ -429,6 +430,6 @@ int output_ice_coord(const char* path, const unsigned int* grid, const float* ce
       fprintf(fp, "%-8d%-8d%-8d%-8d\t%-8.6f\t%-8.6f\n", (int)((x - h) * shrink + origin.x),
               (int)((y - h) * shrink + origin.x), (int)((long)c * shrink), (int)((long)c * shrink), cell_ave[i], cell_sigma[i]);
   }
-  close_written(fp, path, "output_ice_coord", "vexmatch56", __LINE__);
+  if (gvex_commit_part(fp, path) != 0) io_write_failed(path, "output_ice_coord", "vexmatch56", __LINE__);
   return 0;
 }

@@ -10,6 +10,7 @@
 #include <type_traits>
 #include <vector>
 
+#include "common/atomic_file.h"
 #include "common/errors.h"
 #include "common/records.h"
 #include "gpu/device.h"
@@ -261,14 +262,15 @@ FILE* open_read(const char* name, const char* func, int line) {
   return fp;
 }
 
+// Images are written beside their final name and renamed when complete.
 FILE* open_write(const char* name, const char* func, int line) {
-  FILE* fp = fopen(name, "w+");
+  FILE* fp = gvex_fopen_part(name, "w+");
   if (!fp) gvex_open_write_failed(name, func, MODULE, line);
   return fp;
 }
 
 void close_written(FILE* fp, const char* name, const char* func, int line) {
-  if (fclose(fp) != 0) io_write_failed(name, func, MODULE, line);
+  if (gvex_commit_part(fp, name) != 0) io_write_failed(name, func, MODULE, line);
 }
 
 // Host buffer of count floats for a reader's result; zero-filled, so that an
