@@ -6,6 +6,7 @@
 #include <cstring>
 #include <string>
 
+#include "common/atomic_file.h"
 #include "common/errors.h"
 #include "common/strutil.h"
 #include "gpu/img_filter.h"
@@ -29,9 +30,9 @@ void gvex_commit_file(const char* tmp, const char* final_name) {
   }
 }
 
-// Temporary name beside the final one: a run killed before the rename never
-// leaves a final file that --do_unfinished would take as finished.
-static std::string temp_name(const char* final_name) { return std::string(final_name) + ".part"; }
+// The merge writes beside the final name; the rename makes it final, so a run
+// killed before it never leaves a file that --do_unfinished takes as done.
+static std::string temp_name(const char* final_name) { return gvex_part_name(final_name); }
 
 void gvexmatch_working_sizes(GVexRun& run, int nx, int ny) {
   GVexMatch_Para* p = run.p;
@@ -85,13 +86,11 @@ void gvexmatch_prepare_run(GVexRun& run) {
   run.ws.reset(new ScanWorkspace());
 }
 
-// Diagnostic image of the working size, written under a temporary name.
+// Diagnostic image of the working size beside the micrograph.
 static void write_working_image(const char* mic, const char* suffix, const float* d_img, int ext, int nz) {
   char name[GVEX_NAME_LEN];
   set_outname_by_suffix(name, mic, suffix);
-  std::string tmp = temp_name(name);
-  mrcf_write_xyz_ddata(tmp.c_str(), d_img, ext, ext, nz);
-  gvex_commit_file(tmp.c_str(), name);
+  mrcf_write_xyz_ddata(name, d_img, ext, ext, nz);
 }
 
 void gvexmatch_pick_micrograph(GVexRun& run, const char* mic, FILE* nonunique, const char* nonunique_name,
@@ -146,25 +145,27 @@ void gvexmatch_pick_micrograph(GVexRun& run, const char* mic, FILE* nonunique, c
   if (p->write_ccmax_mic) {
     char name[GVEX_NAME_LEN];
     set_outname_by_suffix(name, mic, "_ccmax.mrc");
-    std::string tmp = temp_name(name);
-    mrcf_write_xyz_data(tmp.c_str(), run.h_ccmax.data(), ext, ext, run.tnz);
-    gvex_commit_file(tmp.c_str(), name);
+    mrcf_write_xyz_data(name, run.h_ccmax.data(), ext, ext, run.tnz);
   }
   if (fclose(nonunique) != 0) gvex_open_write_failed(nonunique_name, "gvexmatch_pick_micrograph", "gvexmatch56", __LINE__);
 
   // Merge all templates' candidates into the final picks, in micrograph pixels.
+  // The merge sees only the shrunk micrograph itself: for a non-square one
+  // the rest of the square is a mirror image, and its picks would lie
+  // outside the micrograph.
+  const int mx = hd_even_shrink_size(run.nx, p->shrink), my = hd_even_shrink_size(run.ny, p->shrink);
   char box_name[GVEX_NAME_LEN], star_name[GVEX_NAME_LEN], in_name[GVEX_NAME_LEN], ex_name[GVEX_NAME_LEN];
   set_outname_by_suffix(box_name, mic, "_vexmatch.box");
   set_outname_by_suffix(star_name, mic, "_vexmatch.star");
   snprintf(in_name, sizeof in_name, "%s", nonunique_name);
   snprintf(ex_name, sizeof ex_name, "%s", excluded_name);
   std::string tmp = temp_name(box_name);
-  box_filter(ext, ext, p->min_dist_px, p->cc_cutoff, (float)p->shrink, p->boxsize, p->boxsize, origin, in_name, ex_name,
+  box_filter(mx, my, p->min_dist_px, p->cc_cutoff, (float)p->shrink, p->boxsize, p->boxsize, origin, in_name, ex_name,
              &tmp[0], 2);
   gvex_commit_file(tmp.c_str(), box_name);
   if (p->write_star) {
     tmp = temp_name(star_name);
-    box_filter(ext, ext, p->min_dist_px, p->cc_cutoff, (float)p->shrink, p->boxsize, p->boxsize, origin, in_name,
+    box_filter(mx, my, p->min_dist_px, p->cc_cutoff, (float)p->shrink, p->boxsize, p->boxsize, origin, in_name,
                ex_name, &tmp[0], 1);
     gvex_commit_file(tmp.c_str(), star_name);
   }
