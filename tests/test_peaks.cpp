@@ -1,5 +1,6 @@
 // Peak finding on the cell grid and the merge of candidate files.
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cmath>
@@ -181,6 +182,8 @@ const char* kCandidates =
     "105     92      16      16      0.400000\t3       \t40.000  \n"  // (113,100), cell (8,7), equal
     "this line is not a candidate\n"
     "1 2 3\n"
+    "126     126     8       8       0.900000\t1\n"              // six numbers: skipped
+    "126     126     8       8       0.900000\t1       \tabc\n"  // not a number: skipped
     "\n"
     "142     62      16      16      0.300000\t1       \t50.000  \n"  // (150,70), cell (10,5)
     "2       2       16      16      0.900000\t1       \t60.000  \n"  // (10,10): outer ring
@@ -231,14 +234,33 @@ TEST(BoxFilter, ExcludedFileRemovesNearbyPicks) {
   EXPECT_EQ(std::count(out.begin(), out.end(), '\n'), 3);
 }
 
+TEST(BoxFilterDeath, UnwritableOutputIsFatal) {
+  std::string in = tmp_path("in2_nonunique.box");
+  write_file(in, kCandidates);
+  std::vector<char> a(in.begin(), in.end());
+  a.push_back(0);
+  char ex[] = "NULL", out[] = "/nonexistent_dir/x_vexmatch.box";
+  EXPECT_EXIT(
+      {
+        dup2(2, 1);
+        box_filter(200, 200, 20.0f, 0.0f, 4.0f, 64, 64, {0, 0}, a.data(), ex, out, 2);
+      },
+      ::testing::ExitedWithCode(1), "Cannot write to file /nonexistent_dir/x_vexmatch.box");
+}
+
 TEST(BoxFilterDeath, UnreadableInputIsFatal) {
   char in[] = "/nonexistent_dir/x_nonunique.box", ex[] = "NULL";
   std::string out = tmp_path("never.box");
   std::vector<char> o(out.begin(), out.end());
   o.push_back(0);
-  EXPECT_EXIT(box_filter(100, 100, 20.0f, 0.0f, 1.0f, 16, 16, {0, 0}, in, ex, o.data(), 2),
-              ::testing::ExitedWithCode(1),
-              "");
+  EXPECT_EXIT(
+      {
+        dup2(2, 1);
+        box_filter(100, 100, 20.0f, 0.0f, 1.0f, 16, 16, {0, 0}, in, ex, o.data(), 2);
+      },
+      ::testing::ExitedWithCode(1),
+      "Cannot open file /nonexistent_dir/x_nonunique.box. Permission denied or wrong file name.\n"
+      "Error in function box_filter\\(\\), file boxfile on line 331: open file failed.! Exit now!");
 }
 
 }  // namespace
