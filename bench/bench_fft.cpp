@@ -92,11 +92,11 @@ void run_against_bare(benchmark::State& state, int bare_n, Op op) {
 void BM_FftPair(benchmark::State& state) {
   const int n = (int)state.range(0);
   std::vector<float> img = random_image((long)n * n), back((size_t)n * n);
-  std::vector<float2> spec((size_t)(n / 2 + 1) * n);
+  std::vector<float2> spectrum((size_t)(n / 2 + 1) * n);
   FftPlan2d& plan = gvex_fft_plan(n, n);
   run_against_bare(state, n, [&] {
-    plan.r2c(img.data(), spec.data());
-    plan.c2r(spec.data(), back.data());
+    plan.r2c(img.data(), spectrum.data());
+    plan.c2r(spectrum.data(), back.data());
   });
 }
 
@@ -104,11 +104,11 @@ void BM_FftPair(benchmark::State& state) {
 void BM_FftPairSerialPlan(benchmark::State& state) {
   const int n = (int)state.range(0);
   std::vector<float> img = random_image((long)n * n), back((size_t)n * n);
-  std::vector<float2> spec((size_t)(n / 2 + 1) * n);
+  std::vector<float2> spectrum((size_t)(n / 2 + 1) * n);
   FftPlan2d plan(n, n, 1);
   run_against_bare(state, n, [&] {
-    plan.r2c(img.data(), spec.data());
-    plan.c2r(spec.data(), back.data());
+    plan.r2c(img.data(), spectrum.data());
+    plan.c2r(spectrum.data(), back.data());
   });
 }
 

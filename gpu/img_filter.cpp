@@ -82,14 +82,14 @@ static void bandpass_mpad(const float* d_in, float* d_out, int n, float apix, fl
   const int N = 2 * n;
   FftPlan2d& plan = gvex_fft_plan(N, N);
   float* pad = plan.work_real();
-  float2* spec = plan.work_complex();
+  float2* spectrum = plan.work_complex();
   hcuda_2d_mirror_pad(pad, d_in, n, n);
-  plan.r2c(pad, spec);
+  plan.r2c(pad, spectrum);
   if (shape == 0)
-    cuda_c2d_bandpass_softR(spec, N, apix, r1, r2, w);
+    cuda_c2d_bandpass_softR(spectrum, N, apix, r1, r2, w);
   else
-    cuda_c2d_bandpass_guas(spec, N, apix, r1, r2);
-  plan.c2r(spec, pad);
+    cuda_c2d_bandpass_guas(spectrum, N, apix, r1, r2);
+  plan.c2r(spectrum, pad);
   hcuda_2d_mirror_pad_inv(d_out, pad, n, n);
 }
 

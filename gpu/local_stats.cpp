@@ -52,10 +52,10 @@ struct MaskSpectrum {
   int NX = 0, NY = 0;
   float r = 0.0f, w = 0.0f;
   float sum = 0.0f;  // M, the disc's tree sum
-  std::unique_ptr<DeviceArray<float2>> spec;
+  std::unique_ptr<DeviceArray<float2>> spectrum;
   bool matches(int nx_, int ny_, float r_, float w_) const {
     // Compared by value: the same radii give the same disc, bit for bit.
-    return spec && NX == nx_ && NY == ny_ && r == r_ && w == w_;
+    return spectrum && NX == nx_ && NY == ny_ && r == r_ && w == w_;
   }
 };
 // Two slots: the picker asks for two radii per micrograph (local sigma and
@@ -73,14 +73,14 @@ static const MaskSpectrum& mask_spectrum(int NX, int NY, float r, float w) {
     }
   for (int i = kSlots - 1; i > 0; i--) std::swap(g_slots[i], g_slots[i - 1]);
   MaskSpectrum& m = g_slots[0];
-  m.spec.reset();  // release the oldest before allocating
+  m.spectrum.reset();  // release the oldest before allocating
   FftPlan2d& plan = gvex_fft_plan(NX, NY);
   float* mask = plan.work_real();
   hcuda_2d_generate_rmask_soft(mask, NX, NY, (float)(((float)NX - 1.0) / 2.0), (float)(((float)NY - 1.0) / 2.0),
                                r, w);
   m.sum = hcuda_fast_sum(mask, (unsigned long)NX * NY);
-  m.spec.reset(new DeviceArray<float2>((unsigned long)(NX / 2 + 1) * NY));
-  plan.r2c(mask, m.spec->get());
+  m.spectrum.reset(new DeviceArray<float2>((unsigned long)(NX / 2 + 1) * NY));
+  plan.r2c(mask, m.spectrum->get());
   m.NX = NX;
   m.NY = NY;
   m.r = r;
@@ -90,7 +90,7 @@ static const MaskSpectrum& mask_spectrum(int NX, int NY, float r, float w) {
 
 void gvex_local_stats_cache_clear() {
   if (!g_slots) return;
-  for (int i = 0; i < kSlots; i++) g_slots[i].spec.reset();
+  for (int i = 0; i < kSlots; i++) g_slots[i].spectrum.reset();
 }
 
 // ---- local statistics ----
@@ -107,7 +107,7 @@ void hcuda_2d_bg_mpad(float* d_out, const float* d_in, int nx, int ny, float r, 
   float2* A = plan.work_complex();
   hcuda_2d_mirror_pad(pad, d_in, nx, ny);
   plan.r2c(pad, A);
-  hcuda_c2d_multconj_norm_inplace(A, m.spec->get(), NXH, NY, (float)N);
+  hcuda_c2d_multconj_norm_inplace(A, m.spectrum->get(), NXH, NY, (float)N);
   plan.c2r(A, pad);
   // Centre swap, division by M and the top-left quarter in one pass: pixel
   // (x, y) of the swapped map is (x + NX/2, y + NY/2) of the unswapped one

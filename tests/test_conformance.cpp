@@ -165,10 +165,10 @@ TEST_F(Conformance, FourierSpace) {
   const int n = 256, nxh = n / 2 + 1;
   const auto img = seeded(n * n, 6), tpl = seeded(n * n, 7);
   both([&] {
-    Dev a(img), spec((size_t)nxh * n * 2), back(n * n);
-    hcuda_2d_fft_r2c(a.d, (float2*)spec.d, n, n);
-    std::vector<float> s = spec.get();
-    hcuda_2d_fft_c2r((float2*)spec.d, back.d, n, n);
+    Dev a(img), spectrum((size_t)nxh * n * 2), back(n * n);
+    hcuda_2d_fft_r2c(a.d, (float2*)spectrum.d, n, n);
+    std::vector<float> s = spectrum.get();
+    hcuda_2d_fft_c2r((float2*)spectrum.d, back.d, n, n);
     std::vector<float> r = back.get();
     s.insert(s.end(), r.begin(), r.end());
     return s;

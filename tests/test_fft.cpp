@@ -45,13 +45,13 @@ TEST(FftTransforms, ForwardMatchesDirectDft) {
   for (const Shape& s : kShapes) {
     const int nxh = s.nx / 2 + 1, n = s.nx * s.ny;
     std::vector<float> img = random_image(n, 11 + s.nx * 31 + s.ny);
-    std::vector<float2> spec((size_t)nxh * s.ny);
-    gpu_2d_fft_r2c(img.data(), spec.data(), s.nx, s.ny);
+    std::vector<float2> spectrum((size_t)nxh * s.ny);
+    gpu_2d_fft_r2c(img.data(), spectrum.data(), s.nx, s.ny);
     std::vector<std::complex<double>> want = ref::dft_r2c(img.data(), s.nx, s.ny);
     const double tol = 1e-6 * ref::abs_sum(img.data(), n);
     for (int i = 0; i < nxh * s.ny; i++) {
-      ASSERT_NEAR(spec[i].x, want[i].real(), tol) << s.nx << "x" << s.ny << " element " << i;
-      ASSERT_NEAR(spec[i].y, want[i].imag(), tol) << s.nx << "x" << s.ny << " element " << i;
+      ASSERT_NEAR(spectrum[i].x, want[i].real(), tol) << s.nx << "x" << s.ny << " element " << i;
+      ASSERT_NEAR(spectrum[i].y, want[i].imag(), tol) << s.nx << "x" << s.ny << " element " << i;
     }
   }
 }
@@ -60,10 +60,10 @@ TEST(FftTransforms, InverseOfForwardScalesByPixelCount) {
   for (const Shape& s : kShapes) {
     const int nxh = s.nx / 2 + 1, n = s.nx * s.ny;
     std::vector<float> img = random_image(n, 5 + s.nx + 17 * s.ny);
-    std::vector<float2> spec((size_t)nxh * s.ny);
+    std::vector<float2> spectrum((size_t)nxh * s.ny);
     std::vector<float> back(n);
-    gpu_2d_fft_r2c(img.data(), spec.data(), s.nx, s.ny);
-    gpu_2d_fft_c2r(spec.data(), back.data(), s.nx, s.ny);
+    gpu_2d_fft_r2c(img.data(), spectrum.data(), s.nx, s.ny);
+    gpu_2d_fft_c2r(spectrum.data(), back.data(), s.nx, s.ny);
     const double tol = 1e-5 * n;
     for (int i = 0; i < n; i++) ASSERT_NEAR(back[i], (double)n * img[i], tol) << s.nx << "x" << s.ny;
   }
