@@ -76,6 +76,11 @@ const char* gvex_device_activate(int gid) {
   }
 #endif
   g_on_gpu = false;
+#if defined(_OPENMP)
+  // Results do not depend on the thread count, so let the runtime shed
+  // threads on a busy machine instead of spinning against other processes.
+  omp_set_dynamic(1);
+#endif
   snprintf(line, sizeof line, "Running on the host back end (no GPU answered), %d thread(s)\n",
            gvex_host_threads());
   return line;
