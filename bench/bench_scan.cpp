@@ -67,7 +67,7 @@ struct QuietStdout {
 
 int main(int argc, char** argv) {
   const int N = argc > 1 ? atoi(argv[1]) : 1024;
-  const int repeats = argc > 2 ? atoi(argv[2]) : 3;
+  const int repeats = argc > 2 ? atoi(argv[2]) : 7;
   if (N < 64 || N % 2 || repeats < 1) {
     fprintf(stderr, "usage: bench_scan [even size >= 64] [repeats >= 1]\n");
     return 1;
