@@ -82,7 +82,7 @@ int main(int argc, char** argv) {
   std::vector<float> h_mic(n);
   for (float& v : h_mic) v = noise(rng);
   DeviceArray<float> mic(n), mask(n), ccmax(n), psi(n, true), out(n), pad(n, true);
-  DeviceArray<float2> spec(nh), work(nh), fwd(nh);
+  DeviceArray<float2> spectrum(nh), work(nh), fwd(nh);
   memcpy_H2D(mic.get(), h_mic.data(), n * sizeof(float));
   hcuda_memset_float(mask.get(), 1.0f, n);
 
@@ -96,7 +96,7 @@ int main(int argc, char** argv) {
   const int angles = (int)get_rotation_angles(0.0f, 359.0f, 5.0f).size();
 
   FftPlan2d& plan = gvex_fft_plan(N, N);
-  plan.r2c(mic.get(), spec.get());  // a real spectrum to invert
+  plan.r2c(mic.get(), spectrum.get());  // a real spectrum to invert
 
   const Span none{1e30, 1e30};
   Span t_c2r = none, t_pair = none, t_cached = none, t_uncached = none;
@@ -111,7 +111,7 @@ int main(int argc, char** argv) {
   for (int r = 0; r < repeats; r++) {
     Span s;
     for (int k = 0; k < angles; k++) {
-      memcpy_D2D(work.get(), spec.get(), nh * sizeof(float2));  // the inverse consumes its input
+      memcpy_D2D(work.get(), spectrum.get(), nh * sizeof(float2));  // the inverse consumes its input
       const Stamp a = now();
       plan.c2r(work.get(), out.get());
       s.add(a, now());
@@ -120,7 +120,7 @@ int main(int argc, char** argv) {
 
     s = Span();
     for (int k = 0; k < angles; k++) {
-      memcpy_D2D(work.get(), spec.get(), nh * sizeof(float2));
+      memcpy_D2D(work.get(), spectrum.get(), nh * sizeof(float2));
       const Stamp a = now();
       plan.r2c(pad.get(), fwd.get());
       plan.c2r(work.get(), out.get());

@@ -156,6 +156,7 @@ int box_filter(int nx, int ny, float min_dist, float score_limit, float scale, i
       fprintf(out, "%-8d%-8d%-8d%-8d%-8.6f\t%-8d%-8.6f\n", (int)(sx - hx) + origin.x, (int)(sy - hy) + origin.y,
               box_x, box_y, best[g], (int)templ[g], angle[g]);
   }
-  fclose(out);
+  const bool bad = ferror(out) != 0;
+  if (fclose(out) != 0 || bad) gvex_open_write_failed(out_file, "box_filter", "boxfile", __LINE__);
   return 0;
 }

@@ -259,9 +259,9 @@ int vexmatch_ccmax_psi_by_one_template(float* mic, float* mask, float* ccmax, fl
       hcuda_x2d_cp_small_to_large_center(w.pad.get(), rot, nx, ny, tnx, tny);
       float2* dst = w.F.get();
       if (stored && ws->reserve_spectrum(spec_bytes)) {
-        auto* spec = new DeviceArray<float2>(w.spec_n);
-        stored->by_angle[key].reset(spec);
-        dst = spec->get();
+        auto* spectrum = new DeviceArray<float2>(w.spec_n);
+        stored->by_angle[key].reset(spectrum);
+        dst = spectrum->get();
       }
       plan.r2c(w.pad.get(), dst);
       F = dst;
