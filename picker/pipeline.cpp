@@ -44,7 +44,7 @@ void gvexmatch_working_sizes(GVexRun& run, int nx, int ny) {
   if (run.ext < 2)
     gvex_fatal("gvexmatch_working_sizes", "gvexmatch56", __LINE__,
                "the micrograph is too small for the shrink factor of --speed");
-  run.gx = run.gy = (run.ext + run.cell - 1) / run.cell;
+  run.gx = run.gy = (int)(((long)run.ext + run.cell - 1) / run.cell);  // cell may be near INT_MAX
 }
 
 void gvexmatch_prepare_run(GVexRun& run) {
