@@ -3,9 +3,11 @@
 // hold, resumption, and how a batch ends when one of its names is bad.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <regex>
+#include <sstream>
 #include <string>
 #include <vector>
 

@@ -5,6 +5,7 @@
 #include <dirent.h>
 #include <sys/stat.h>
 
+#include <cctype>
 #include <cmath>
 #include <cstdint>
 #include <cstdio>
@@ -159,16 +160,6 @@ inline Mrc read_mrc(const std::string& path) {
   }
   m.ok = true;
   return m;
-}
-
-// A mode-2 MRC file written byte by byte, independent of the library.
-inline bool write_mrc(const std::string& path, int nx, int ny, int nz, const std::vector<float>& data) {
-  std::string head(1024, '\0');
-  const int32_t w[4] = {nx, ny, nz, 2};
-  memcpy(&head[0], w, 16);
-  memcpy(&head[208], "MAP DA\0\0", 8);
-  std::string body(reinterpret_cast<const char*>(data.data()), data.size() * sizeof(float));
-  return write_text_file(path, head + body);
 }
 
 // Names in dir (not recursive).
