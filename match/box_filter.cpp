@@ -129,8 +129,10 @@ int box_filter(int nx, int ny, float min_dist, float score_limit, float scale, i
       const long long x = (long long)(int)(px * scale) + origin.x;
       const long long y = (long long)(int)(py * scale) + origin.y;
       for (int k = 0; k < n; k++) {
-        const long long dx = x - ((long long)ex[k].x + ex[k].bx / 2);
-        const long long dy = y - ((long long)ex[k].y + ex[k].by / 2);
+        // In double: coordinates from a hand-edited file may be anywhere in
+        // the int range, and their squares would overflow 64-bit integers.
+        const double dx = (double)(x - ((long long)ex[k].x + ex[k].bx / 2));
+        const double dy = (double)(y - ((long long)ex[k].y + ex[k].by / 2));
         if ((float)(dx * dx + dy * dy) < lim) {
           index[g] = 0;
           break;

@@ -421,13 +421,19 @@ int gvexmatch_check_values(const GVexMatch_Para* p) {
     bad_value(__LINE__, "option %s must be a positive pixel size, not %g", "--apixM", p->apixM);
   if (!(p->diameter > 0.0f))
     bad_value(__LINE__, "option %s must be a positive particle diameter, not %g", "--diameter", p->diameter);
-  if (gvexmatch_grid_cell(p) < 1) {
-    // min_dist either came from the user or follows the diameter.
-    const bool own = p->min_dist_given != 0;
+  // min_dist either came from the user or follows the diameter.
+  const bool own = p->min_dist_given != 0;
+  const char* md_option = own ? "--min_dist" : "--diameter";
+  const double md_value = own ? p->min_dist : p->diameter;
+  const int cell = gvexmatch_grid_cell(p);
+  if (cell < 1)
     bad_value(__LINE__, own ? "option %s %g leaves a picking grid cell below one working pixel"
                             : "option %s %g gives a minimum distance whose picking grid cell is below one working pixel",
-              own ? "--min_dist" : "--diameter", own ? p->min_dist : p->diameter);
-  }
+              md_option, md_value);
+  // No working image is wider than GVEX_MAX_CELL pixels (arrays stay below
+  // 2^31 elements), and squared distances of such cells must fit 64 bits.
+  if (cell > GVEX_MAX_CELL)
+    bad_value(__LINE__, "option %s %g gives a minimum distance larger than any micrograph", md_option, md_value);
   if (!p->auto_template) {
     // With the synthetic template a single orientation is scanned, so the
     // step only matters for a template file.

@@ -93,6 +93,8 @@ int gvexmatch_check_values(const GVexMatch_Para* p);
 // (int)(min_dist * 1.4142135 / (2 * shrink * apixM)) in float arithmetic,
 // with values that do not fit an int (infinite, NaN, huge) giving 0 or INT_MAX.
 int gvexmatch_grid_cell(const GVexMatch_Para* p);
+// Largest grid cell accepted: the side of the largest square working image.
+constexpr int GVEX_MAX_CELL = 46340;
 
 // out (1024 bytes) = mic without its suffix + "_nonunique.box". shrink does
 // not enter the name. A name that would not fit is fatal.

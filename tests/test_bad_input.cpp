@@ -423,7 +423,7 @@ TEST(BadInput, OptionValues) {
       {{"--apixM", "inf", "good.mrc"}, "option --apixM must be a positive pixel size"},
       {{"--min_dist", "0.001", "good.mrc"}, "option --min_dist 0.001 leaves a picking grid cell below one working pixel"},
       {{"--diameter", "1e-30", "good.mrc"}, "gives a minimum distance whose picking grid cell is below one working pixel"},
-      {{"--diameter", "1e30", "good.mrc"}, "cannot make a template"},
+      {{"--diameter", "1e30", "good.mrc"}, "option --diameter 1e+30 gives a minimum distance larger than any micrograph"},
       {{"--T", "good.mrc", "--ang_step", "0", "good.mrc"}, "option --ang_step 0 must be a positive step"},
       {{"--T", "good.mrc", "--ang_step", "-5", "good.mrc"}, "option --ang_step -5 must be a positive step"},
       {{"--T", "good.mrc", "--ang_step", "1e-30", "good.mrc"}, "option --ang_step 1e-30 must be a positive step"},
