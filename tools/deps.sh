@@ -1,7 +1,11 @@
 #!/usr/bin/env bash
-# Installs the Debian packages the build and the tests need (root, Debian 12).
+# Installs the Debian packages the build needs (root, Debian 12); with
+# --tests also those of the tests and benchmarks.
 set -euo pipefail
-pkgs="cmake g++ make pkg-config libfftw3-dev libgtest-dev libbenchmark-dev python3 python3-mrcfile python3-numpy relion"
+pkgs="cmake g++ make pkg-config libfftw3-dev"
+if [ "${1:-}" = "--tests" ]; then
+  pkgs="$pkgs libgtest-dev libbenchmark-dev python3 python3-mrcfile python3-numpy relion"
+fi
 missing=""
 for p in $pkgs; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing="$missing $p"

@@ -2,7 +2,7 @@
 # Install, build (CUDA back end too when nvcc exists) and run every test.
 set -euo pipefail
 cd "$(dirname "$0")/.."
-bash tools/deps.sh
+bash tools/deps.sh --tests
 cmake -S . -B build/ci -DCMAKE_BUILD_TYPE=Release -DGVEX_CUDA=AUTO
 cmake --build build/ci -j2
 ctest --test-dir build/ci --output-on-failure -j2
