@@ -338,23 +338,25 @@ std::vector<CoordCase> coord_cases() {
   };
 }
 
+// Each malformed file, read as a per-micrograph exclusion list (and marked
+// in the mask) and as the global one.
 TEST(BadInput, ExcludedCoordinateFiles) {
   for (const CoordCase& c : coord_cases()) {
     SCOPED_TRACE(c.name);
-    for (bool mask : {false, true}) {
-      SCOPED_TRACE(mask ? "with --mask_excluded" : "without --mask_excluded");
-      Work w;
-      write_text_file(w.file(std::string("good") + c.file), c.text);
-      std::vector<std::string> args = {"--exclusive_picking", "--excluded_suffix", c.file};
-      if (mask) args.push_back("--mask_excluded");
-      args.push_back("good.mrc");
-      RunResult r = w.run(args);
-      expect_clean_end(r, c.status, c.message, w);
-      if (c.status == 0) {
-        EXPECT_TRUE(file_exists(w.file("good_vexmatch.box")));
-      }
-    }
+    Work w;
+    write_text_file(w.file(std::string("good") + c.file), c.text);
+    RunResult r = w.run({"--exclusive_picking", "--excluded_suffix", c.file, "--mask_excluded", "good.mrc"});
+    expect_clean_end(r, c.status, c.message, w);
+    if (c.status == 0) EXPECT_TRUE(file_exists(w.file("good_vexmatch.box")));
+    Work g;
+    const std::string name = std::string("global") + c.file;
+    write_text_file(g.file(name), c.text);
+    expect_clean_end(g.run({"--global_excluded_box", name, "good.mrc"}), c.status, c.message, g);
   }
+  // A global file that is not there is passed over.
+  Work w;
+  expect_clean_end(w.run({"--global_excluded_box", "nothere.box", "good.mrc"}), 0, "finished successfully", w);
+  expect_good_intact(w);
 }
 
 // Coordinates at the ends of the int range: distances to them must be
@@ -387,23 +389,6 @@ TEST(BadInput, ExtremeExcludedCoordinates) {
     expect_clean_end(w.run({"--global_excluded_box", name, "good.mrc"}), 0, "finished successfully", w);
     expect_good_intact(w);
   }
-}
-
-TEST(BadInput, GlobalExcludedBoxFiles) {
-  for (const CoordCase& c : coord_cases()) {
-    SCOPED_TRACE(c.name);
-    Work w;
-    const std::string name = std::string("global") + c.file;
-    write_text_file(w.file(name), c.text);
-    RunResult r = w.run({"--global_excluded_box", name, "good.mrc"});
-    // The global file is read only when it names a coordinate file.
-    expect_clean_end(r, c.status, std::string(c.file) == "_ex.txt" ? "unrecognized box file format" : c.message, w);
-  }
-  // A global file that is not there is passed over.
-  Work w;
-  RunResult r = w.run({"--global_excluded_box", "nothere.box", "good.mrc"});
-  expect_clean_end(r, 0, "finished successfully", w);
-  expect_good_intact(w);
 }
 
 // ---- options ----
