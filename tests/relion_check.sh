@@ -13,10 +13,6 @@
 # Exit status 77 (a skip for CTest) when relion_preprocess is not installed.
 set -eu
 
-if [ $# -ne 3 ]; then
-  echo "usage: $0 GVEXMATCH GVEX_MAKEMIC WORKDIR" >&2
-  exit 2
-fi
 abspath() { case $1 in /*) echo "$1" ;; *) echo "$(pwd)/$1" ;; esac; }
 GVEX=$(abspath "$1")
 MAKEMIC=$(abspath "$2")
