@@ -1,13 +1,37 @@
 #include "common/errors.h"
 
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 
-void gvex_fatal(const char* func, const char* module, int line, const char* why) {
-  printf("Error in function %s(), file %s on line %d: %s! Exit now!\n", func, module, line, why);
+void gvex_throw(std::string text, int status, bool to_stderr) {
+  GvexFailure f;
+  f.text = std::move(text);
+  f.status = status;
+  f.to_stderr = to_stderr;
+  throw f;
+}
+
+int gvex_report_failure(const GvexFailure& f) {
   fflush(stdout);
-  exit(1);
+  FILE* out = f.to_stderr ? stderr : stdout;
+  fputs(f.text.c_str(), out);
+  fflush(out);
+  return f.status;
+}
+
+std::string gvex_fatal_line(const char* func, const char* module, int line, const char* why) {
+  const int n = snprintf(nullptr, 0, "Error in function %s(), file %s on line %d: %s! Exit now!\n", func, module, line, why);
+  std::string s((size_t)n, '\0');
+  snprintf(&s[0], (size_t)n + 1, "Error in function %s(), file %s on line %d: %s! Exit now!\n", func, module, line, why);
+  return s;
+}
+
+void gvex_fatal(const char* func, const char* module, int line, const char* why) {
+  gvex_throw(gvex_fatal_line(func, module, line, why));
+}
+
+void gvex_fatal_at(const char* func, const char* path, int line, const char* why) {
+  gvex_fatal(func, gvex_module_name(path).c_str(), line, why);
 }
 
 int gvex_warning(const char* func, const char* module, int line, const char* why) {
@@ -17,23 +41,18 @@ int gvex_warning(const char* func, const char* module, int line, const char* why
 }
 
 void gvex_open_read_failed(const char* name, const char* func, const char* module, int line) {
-  printf("Cannot open file %s. Permission denied or wrong file name.\n", name);
-  gvex_fatal(func, module, line, "open file failed.");
+  gvex_throw("Cannot open file " + std::string(name) + ". Permission denied or wrong file name.\n" +
+             gvex_fatal_line(func, module, line, "open file failed."));
 }
 
 void gvex_open_write_failed(const char* name, const char* func, const char* module, int line) {
-  printf("Cannot write to file %s. Permission denied or no space left!\n", name);
-  gvex_fatal(func, module, line, "open file failed.");
+  gvex_throw("Cannot write to file " + std::string(name) + ". Permission denied or no space left!\n" +
+             gvex_fatal_line(func, module, line, "open file failed."));
 }
 
-const char* gvex_module_of(const char* path, char* buf, int len) {
+std::string gvex_module_name(const char* path) {
   const char* base = strrchr(path, '/');
   base = base ? base + 1 : path;
-  int n = 0;
-  while (base[n] && base[n] != '.' && n < len - 1) {
-    buf[n] = base[n];
-    n++;
-  }
-  buf[n] = 0;
-  return buf;
+  const char* dot = strchr(base, '.');
+  return dot ? std::string(base, dot) : std::string(base);
 }

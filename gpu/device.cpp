@@ -217,10 +217,9 @@ void gpu_report_memory() {
 // ---- checks ----
 
 void gvex_device_error(const char* text, int line, const char* source_path) {
-  char module[256];
-  fflush(stdout);
-  fprintf(stderr, "Error %s at line %d in file %s\n", text, line, gvex_module_of(source_path, module, sizeof module));
-  exit(1);
+  char buf[512];
+  snprintf(buf, sizeof buf, "Error %s at line %d in file %s\n", text, line, gvex_module_name(source_path).c_str());
+  gvex_throw(buf, 1, true);
 }
 
 void gvex_check_kernel(const char* source_path, int line) {

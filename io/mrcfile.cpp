@@ -7,7 +7,9 @@
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <string>
 #include <type_traits>
+#include <utility>
 #include <vector>
 
 #include "common/atomic_file.h"
@@ -659,14 +661,16 @@ long get_mrcf_dim_size(const char* name, const char* key) {
 int check_mrc_head_sizes_two(const char* name1, const char* name2, const MRC_HEAD* head1, const MRC_HEAD* head2) {
   if (head1->nx == head2->nx && head1->ny == head2->ny && head1->nz == head2->nz && head1->mode == head2->mode)
     return 0;
-  printf("Micrograph \033[1m%s\033[m has a different size or format from  \033[1m%s\033[m.\n"
-         "Check if all the micrographs are the same sizes and format? \n ",
-         name1, name2);
-  printf("      Nx      Ny      Nz      Mode             File:\n");
-  printf("      %-8d%-8d%-8d%-18s  %s\n", head1->nx, head1->ny, head1->nz, mrc_get_head_mode(head1), name1);
-  printf("      %-8d%-8d%-8d%-18s  %s\n", head2->nx, head2->ny, head2->nz, mrc_get_head_mode(head2), name2);
-  fflush(stdout);
-  exit(1);
+  std::string text = "Micrograph \033[1m" + std::string(name1) + "\033[m has a different size or format from  \033[1m" +
+                     name2 + "\033[m.\nCheck if all the micrographs are the same sizes and format? \n ";
+  text += "      Nx      Ny      Nz      Mode             File:\n";
+  char row[GVEX_NAME_LEN + 128];
+  for (const auto& f : {std::make_pair(head1, name1), std::make_pair(head2, name2)}) {
+    snprintf(row, sizeof row, "      %-8d%-8d%-8d%-18s  %s\n", f.first->nx, f.first->ny, f.first->nz,
+             mrc_get_head_mode(f.first), f.second);
+    text += row;
+  }
+  gvex_throw(text);
 }
 
 // ---------------------------------------------------------------------------

@@ -1,4 +1,7 @@
 // gvexmatch: fully automatic particle picking.
-int gvexmatch_main(int argc, char** argv);
+#include "common/errors.h"
+#include "picker/run.h"
 
-int main(int argc, char** argv) { return gvexmatch_main(argc, argv); }
+int main(int argc, char** argv) {
+  return gvex_run_main([&] { return gvexmatch_main(argc, argv); });
+}

@@ -125,13 +125,14 @@ void compute_derived_fields(GVexMatch_Para* p) {
 }
 
 [[noreturn]] void unknown_option(const char* word) {
-  printf(GVEX_CRIT_ON "CRITICAL ERROR:" GVEX_CRIT_OFF
-         "in function %s(), file %s on line %d. Failed to recognize option: " GVEX_CRIT_ON "%s!" GVEX_CRIT_OFF
-         " Exit now. Check your input please.\n\n",
-         "gvexmatch_get_parameters", kModule, 977, word);
-  gvexmatch_print_valid_options();
-  fflush(stdout);
-  exit(0);
+  char line[GVEX_NAME_LEN + 256];
+  snprintf(line, sizeof line,
+           GVEX_CRIT_ON "CRITICAL ERROR:" GVEX_CRIT_OFF
+                        "in function %s(), file %s on line %d. Failed to recognize option: " GVEX_CRIT_ON
+                        "%s!" GVEX_CRIT_OFF " Exit now. Check your input please.\n\n",
+           "gvexmatch_get_parameters", kModule, 977, word);
+  // Status 0: an unknown option is not treated as an error.
+  gvex_throw(line + gvexmatch_valid_options_text(), 0);
 }
 
 char* new_text_buffer(const char* init) {
@@ -385,7 +386,7 @@ void gvexmatch_fput_parameters(int argc, char** argv, GVexMatch_Para* p, FILE* f
   for (int i = 0; i < p->n_mic; i++) fprintf(fp, "        %s\n", p->mic_files[i]);
 }
 
-void gvexmatch_print_valid_options() {
+std::string gvexmatch_valid_options_text() {
   // Deliberately not the parser's list (older spellings included).
   static const char* const k_valid[] = {
       "apixM",          "T",                  "diameter",         "ang_step",          "speed",
@@ -397,10 +398,9 @@ void gvexmatch_print_valid_options() {
       "extract_pf",     "write_rejected_box", "write_star",       "exclusive_picking", "excluded_suffix",
       "mask_excluded",  "global_excluded_box", "gid"};
   static_assert(sizeof k_valid / sizeof k_valid[0] == 38, "38 listed options");
-  printf("%s\n", std::string(130, '-').c_str());
-  printf("All valid options:\n");
-  for (const char* name : k_valid) printf("--%s\t ", name);
-  printf("\n%s\n", std::string(128, '-').c_str());
+  std::string s = std::string(130, '-') + "\nAll valid options:\n";
+  for (const char* name : k_valid) s += std::string("--") + name + "\t ";
+  return s + "\n" + std::string(128, '-') + "\n";
 }
 
 // ---- value checks ----

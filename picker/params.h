@@ -2,6 +2,7 @@
 // command line, echoed, then handed read-only to every stage.
 #pragma once
 #include <cstdio>
+#include <string>
 
 struct GVexMatch_Para {
   char** mic_files = nullptr;  // argc slots; entries point into argv
@@ -83,7 +84,7 @@ void gvexmatch_speed2shrink(int& speed, int& shrink);
 void gvexmatch_fput_parameters(int argc, char** argv, GVexMatch_Para* p, FILE* fp);
 
 // The option list printed before the unknown-option exit.
-void gvexmatch_print_valid_options();
+std::string gvexmatch_valid_options_text();
 
 // Rejects values that would divide by zero or never end (fatal, naming the
 // option). Returns 0 when all is well.

@@ -3,6 +3,10 @@
 
 struct GVexMatch_Para;
 
+// The whole program: options, run, summary. Failures are thrown to the
+// caller (main prints them and exits with their status).
+int gvexmatch_main(int argc, char** argv);
+
 // True when the micrograph's "_vexmatch.box" or "_vexmatch.star" exists and
 // is readable: --do_unfinished then skips it.
 bool is_file_vexmatch_done(const char* box_name, const char* star_name);

@@ -10,7 +10,7 @@
 
 #include "io/boxfile.h"
 #include "io/star_keywords.h"
-#include "support/in_child.h"
+#include "support/capture.h"
 #include "support/run.h"
 
 namespace {
@@ -34,7 +34,7 @@ const std::string kPickerStarHead =
     "\ndata_\n\nloop_\n_rlnCoordinateX #1\n_rlnCoordinateY #2\n_rlnAnglePsi #3\n_rlnClassNumber #4\n"
     "_rlnAutopickFigureOfMerit #5\n";
 
-void expect_fatal_line(const ChildOutcome& c, const std::string& prefix, const std::string& reason) {
+void expect_fatal_line(const Captured& c, const std::string& prefix, const std::string& reason) {
   EXPECT_EQ(c.status, 1);
   EXPECT_EQ(c.out.rfind(prefix, 0), 0u) << c.out;
   EXPECT_NE(c.out.find(reason), std::string::npos) << c.out;
@@ -98,7 +98,7 @@ TEST(BoxRead, UnknownSuffixAndOpenFailure) {
   EXPECT_EQ(out.rfind("Warning in function read_all_ptcl_boxes(), file boxfile on line ", 0), 0u) << out;
   EXPECT_NE(out.find(": unrecognized box file format, only EMAN .box and Relion .star file are supported now.!\n"),
             std::string::npos);
-  expect_fatal_line(run_in_child([&] { read_boxes(dir.file("none.box")); }),
+  expect_fatal_line(capture_run([&] { read_boxes(dir.file("none.box")); }),
                     "Cannot open file " + dir.file("none.box") + ". Permission denied or wrong file name.\n",
                     kReadFatal);
 }
@@ -122,7 +122,7 @@ TEST(BoxRead, UnusableFilesAreFatal) {
   };
   for (const auto& k : cases) {
     write_text_file(k.file, k.text);
-    expect_fatal_line(run_in_child([&] { read_boxes(k.file); }), kReadFatal, k.reason);
+    expect_fatal_line(capture_run([&] { read_boxes(k.file); }), kReadFatal, k.reason);
   }
 }
 
@@ -136,7 +136,7 @@ TEST(BoxWrite, RecordListsAndHeaders) {
             "1       2       64      64      0.500000        3       45.000000\n"
             "-5      7       32      16      0.125000        -1      -2.500000\n");
   EXPECT_EQ(read_boxes(dir.file("o.box")), (Lines{"1 2 64 64 0.5 3 45", "-5 7 32 16 0.125 -1 -2.5"}));
-  expect_fatal_line(run_in_child([&] { fprint_all_ptcl_boxes(dir.file("x/y.box").c_str(), b.data(), 3); }),
+  expect_fatal_line(capture_run([&] { fprint_all_ptcl_boxes(dir.file("x/y.box").c_str(), b.data(), 3); }),
                     "Cannot open file " + dir.file("x/y.box") + ". strike any key exit!\n",
                     "Error in function fprint_all_ptcl_boxes(), file boxfile on line ");
 
@@ -204,7 +204,7 @@ TEST(BoxWrite, RejectedCellsUseTheOriginXForBoth) {
   EXPECT_EQ(read_text_file(dir.file("r.star")),
             "\ndata_\n\nloop_\n_rlnCoordinateX #1\n_rlnCoordinateY #2\n51      63      \n139     99      \n");
 
-  ChildOutcome r = run_in_child([&] {
+  Captured r = capture_run([&] {
     output_ice_coord(dir.file("no/r.box").c_str(), grid.data(), ave.data(), sig.data(), nx, ny, origin, c, 4, 2);
   });
   EXPECT_EQ(r.status, 1);

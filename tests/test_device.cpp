@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <string>
 
+#include "support/capture.h"
 #include "gpu/device.h"
 #include "gpu/reduce.h"
 #include "support/dev_vec.h"
@@ -78,7 +79,7 @@ TEST(DeviceErrors, FftTextsAndExit) {
   EXPECT_STREQ(cuFFT_GetErrorString(12), "CUFFT_PARSE_ERROR,  Internal plan database error");
   EXPECT_STREQ(cuFFT_GetErrorString(99), "Unkown error");
   EXPECT_STREQ(cuFFT_GetErrorString(-1), "Unkown error");
-  EXPECT_EXIT(gvex_check_fft(8, "/x/cuda_fft.cpp", 42), testing::ExitedWithCode(1),
+  EXPECT_FAILS(gvex_check_fft(8, "/x/cuda_fft.cpp", 42),
               "Error CUFFT_INVALID_SIZE, User specified an invalid transform size at line 42 in file cuda_fft\n");
   gvex_check_fft(0, "cuda_fft.cpp", 1);  // success passes
 }

@@ -10,7 +10,7 @@
 #include "io/boxfile.h"
 #include "io/extract.h"
 #include "io/mrcfile.h"
-#include "support/in_child.h"
+#include "support/capture.h"
 #include "support/run.h"
 
 namespace {
@@ -130,7 +130,7 @@ TEST_F(ExtractFiles, UnusableBoxSizesAreRefused) {
   };
   for (const auto& k : cases) {
     const std::string p = k.picks.empty() ? star : picks(k.picks);
-    ChildOutcome c = run_in_child([&] { mrcf_x2d_extract_ptcls_from_micrograph(m.c_str(), p.c_str(), k.newsize, 0); });
+    Captured c = capture_run([&] { mrcf_x2d_extract_ptcls_from_micrograph(m.c_str(), p.c_str(), k.newsize, 0); });
     EXPECT_EQ(c.status, 1);
     EXPECT_NE(c.out.find("Error in function mrcf_x2d_extract_ptcls_from_micrograph(), file process2d_mrc on line "),
               std::string::npos)

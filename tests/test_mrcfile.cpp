@@ -12,7 +12,7 @@
 
 #include "common/records.h"
 #include "io/mrcfile.h"
-#include "support/in_child.h"
+#include "support/capture.h"
 #include "support/run.h"
 
 namespace {
@@ -45,7 +45,7 @@ std::vector<float> ramp(int n, float offset) {
 }
 
 // Status 1 and the fatal line of func naming the reason.
-void expect_fatal(const ChildOutcome& r, const std::string& func, const std::string& reason) {
+void expect_fatal(const Captured& r, const std::string& func, const std::string& reason) {
   EXPECT_EQ(r.status, 1);
   EXPECT_NE(r.out.find("Error in function " + func + "(), file mrcfile on line "), std::string::npos) << r.out;
   EXPECT_NE(r.out.find(reason), std::string::npos) << r.out;
@@ -157,7 +157,7 @@ TEST(MrcRead, ExactSizeCheck) {
   mrc_read_slice(fp, &r, 0, 'z', s);
   EXPECT_EQ(s[0], 9.0f);
   fclose(fp);
-  expect_fatal(run_in_child([&] { free(get_mrcf_data_all(ext.c_str())); }), "get_mrcf_data_all",
+  expect_fatal(capture_run([&] { free(get_mrcf_data_all(ext.c_str())); }), "get_mrcf_data_all",
                ": File size error! Exit now!\n");
 }
 
@@ -183,20 +183,20 @@ TEST(MrcRead, ImpossibleHeadersAreFatal) {
   for (const auto& k : cases) {
     const std::string f = dir.file(k.file);
     write_raw(f, k.head, four.data(), 16);
-    expect_fatal(run_in_child([&] { free(get_mrcf_data_sliceN(f.c_str(), 0)); }), "get_mrcf_data_sliceN",
+    expect_fatal(capture_run([&] { free(get_mrcf_data_sliceN(f.c_str(), 0)); }), "get_mrcf_data_sliceN",
                  "file " + f + " " + k.reason);
   }
   // The stream reader names the file as well.
-  expect_fatal(run_in_child([&] {
+  expect_fatal(capture_run([&] {
                  FILE* fp = fopen(dir.file("zero.mrc").c_str(), "r");
                  MRC_HEAD h;
                  mrc_read_head(fp, &h);
                }),
                "mrc_read_head", "file " + dir.file("zero.mrc") + " has the invalid");
   write_text_file(dir.file("tiny.mrc"), "MAP");
-  expect_fatal(run_in_child([&] { get_mrcf_head(dir.file("tiny.mrc").c_str()); }), "get_mrcf_head",
+  expect_fatal(capture_run([&] { get_mrcf_head(dir.file("tiny.mrc").c_str()); }), "get_mrcf_head",
                "is too short for an MRC header of 1024 bytes");
-  ChildOutcome c = run_in_child([&] { get_mrcf_head(dir.file("none.mrc").c_str()); });
+  Captured c = capture_run([&] { get_mrcf_head(dir.file("none.mrc").c_str()); });
   EXPECT_EQ(c.status, 1);
   EXPECT_EQ(c.out.rfind("Cannot open file " + dir.file("none.mrc") +
                             ". Permission denied or wrong file name.\nError in function get_mrcf_head()",
@@ -211,14 +211,14 @@ TEST(MrcRead, ReadsBeyondTheFileAreFatal) {
   TempDir dir;
   const std::string f = dir.file("two.mrcs");
   write_mode(f, 2, 2, 2, 2, ramp(8, 0.0f));
-  expect_fatal(run_in_child([&] { free(get_mrcf_data_sliceN(f.c_str(), 2)); }), "get_mrcf_data_sliceN",
+  expect_fatal(capture_run([&] { free(get_mrcf_data_sliceN(f.c_str(), 2)); }), "get_mrcf_data_sliceN",
                "file " + f + " has no plane 2 along z (it holds 2)");
   std::vector<float> out(16);
   MRC_HEAD h = make_head(4, 4, 1, 2);  // 64 bytes, the file holds 32
-  expect_fatal(run_in_child([&] { mrc_read_slice(fopen(f.c_str(), "r"), &h, 0, 'z', out.data()); }), "mrc_read_slice",
+  expect_fatal(capture_run([&] { mrc_read_slice(fopen(f.c_str(), "r"), &h, 0, 'z', out.data()); }), "mrc_read_slice",
                f + " is too short for image 0 of 4 x 4 floats");
   h = make_head(2, 2, 4, 2);
-  expect_fatal(run_in_child([&] { mrc_read_all_nocheck(fopen(f.c_str(), "r"), &h, out.data()); }),
+  expect_fatal(capture_run([&] { mrc_read_all_nocheck(fopen(f.c_str(), "r"), &h, out.data()); }),
                "mrc_read_all_nocheck", f + " is too short for 2 x 2 x 4 floats");
 }
 
@@ -246,7 +246,7 @@ TEST(MrcRead, DifferentSizesPrintTheTableAndExit) {
   const MRC_HEAD a = make_head(4096, 4096, 1, 2);
   const MRC_HEAD b = make_head(4096, 3710, 1, 6), c = make_head(4096, 4096, 1, 1);
   EXPECT_EQ(check_mrc_head_sizes_two("a.mrc", "a2.mrc", &a, &a), 0);
-  ChildOutcome r = run_in_child([&] { check_mrc_head_sizes_two("b.mrc", "a.mrc", &b, &a); });
+  Captured r = capture_run([&] { check_mrc_head_sizes_two("b.mrc", "a.mrc", &b, &a); });
   EXPECT_EQ(r.status, 1);
   EXPECT_EQ(r.out,
             "Micrograph \033[1mb.mrc\033[m has a different size or format from  \033[1ma.mrc\033[m.\n"
@@ -254,7 +254,7 @@ TEST(MrcRead, DifferentSizesPrintTheTableAndExit) {
             "      Nx      Ny      Nz      Mode             File:\n"
             "      4096    3710    1       Unsigned Short      b.mrc\n"
             "      4096    4096    1       Float               a.mrc\n");
-  EXPECT_EQ(run_in_child([&] { check_mrc_head_sizes_two("a.mrc", "c.mrc", &a, &c); }).status, 1);  // mode only
+  EXPECT_EQ(capture_run([&] { check_mrc_head_sizes_two("a.mrc", "c.mrc", &a, &c); }).status, 1);  // mode only
 }
 
 // What the writers write is checked by mrc_validate.py; here, what they refuse.
@@ -273,15 +273,15 @@ TEST(MrcWrite, Refusals) {
   // Only mode 2 is written.
   mrc_set_head_stmp(h);
   h->mode = 1;
-  expect_fatal(run_in_child([&] { mrcf_write_head_data(dir.file("m1.mrc").c_str(), h, v.data()); }),
+  expect_fatal(capture_run([&] { mrcf_write_head_data(dir.file("m1.mrc").c_str(), h, v.data()); }),
                "mrcf_write_head_data",
                ": mrc_write_head_alldata() does not support writing float data to other MRC format.! Exit now!");
-  expect_fatal(run_in_child([&] { mrc_write_head_ddata(stdout, h, v.data()); }), "mrc_write_head_ddata",
+  expect_fatal(capture_run([&] { mrc_write_head_ddata(stdout, h, v.data()); }), "mrc_write_head_ddata",
                "does not support writing float data");
   mrc_delete_head(h);
 
   const std::string nowhere = dir.file("no/such/dir.mrc");
-  ChildOutcome c = run_in_child([&] { mrcf_write_xyz_data(nowhere.c_str(), v.data(), 2, 2, 1); });
+  Captured c = capture_run([&] { mrcf_write_xyz_data(nowhere.c_str(), v.data(), 2, 2, 1); });
   expect_fatal(c, "mrcf_write_xyz_data", "open file failed.! Exit now!\n");
   EXPECT_EQ(c.out.rfind("Cannot write to file " + nowhere + ". Permission denied or no space left!\n", 0), 0u);
 }
@@ -303,7 +303,7 @@ TEST(MrcNames, SuffixesAndOutputNames) {
   const std::string in = std::string(1000, 'a') + ".mrc";
   set_outname_by_suffix(out, in.c_str(), std::string(23, 's').c_str());
   EXPECT_EQ(strlen(out), 1023u);
-  expect_fatal(run_in_child([&] { set_outname_by_suffix(out, in.c_str(), std::string(24, 's').c_str()); }),
+  expect_fatal(capture_run([&] { set_outname_by_suffix(out, in.c_str(), std::string(24, 's').c_str()); }),
                "set_outname_by_suffix", "the output name for file " + in);
 }
 

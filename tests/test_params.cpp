@@ -5,6 +5,7 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <memory>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -13,6 +14,7 @@
 #include "common/strutil.h"
 #include "picker/params.h"
 #include "picker/timer.h"
+#include "support/capture.h"
 
 namespace {
 
@@ -46,18 +48,13 @@ struct Parsed : Argv {
   }
 };
 
-// Parses and checks in a death-test child, its output sent where the death
-// test matches; exit status 42 means accepted.
-void parse_to_stderr(const std::string& line) {
-  fflush(stdout);
-  dup2(2, 1);
+// Parses and checks the values of one command line.
+void parse_and_check(const std::string& line) {
   Argv a(line);
-  GVexMatch_Para* p = new GVexMatch_Para();
-  gvexmatch_init_parameters(a.argc(), p);
-  gvexmatch_get_parameters(a.argc(), a.ptrs.data(), p);
-  gvexmatch_check_values(p);
-  fflush(stdout);
-  exit(42);
+  std::unique_ptr<GVexMatch_Para, void (*)(GVexMatch_Para*)> p(new GVexMatch_Para(), gvexmatch_delete_parameters);
+  gvexmatch_init_parameters(a.argc(), p.get());
+  gvexmatch_get_parameters(a.argc(), a.ptrs.data(), p.get());
+  gvexmatch_check_values(p.get());
 }
 
 TEST(StringHelpers, KeywordsHelpAndNull) {
@@ -158,9 +155,9 @@ TEST(Parameters, DerivedDefaults) {
   }
 }
 
-using ParametersDeathTest = testing::Test;
+using ParametersFail = testing::Test;
 
-TEST_F(ParametersDeathTest, ValuesThatCannotBeProcessed) {
+TEST_F(ParametersFail, ValuesThatCannotBeProcessed) {
   const std::pair<const char*, const char*> bad[] = {
       {"--apixM 0", "--apixM must be a positive"},
       {"--apixM -1.3", "--apixM"},
@@ -178,9 +175,8 @@ TEST_F(ParametersDeathTest, ValuesThatCannotBeProcessed) {
       {"--extract_raw --boxsize 0", "--boxsize must be positive"},
   };
   for (const auto& [words, why] : bad)
-    EXPECT_EXIT(parse_to_stderr(words + std::string(" a.mrc")), testing::ExitedWithCode(1),
-                std::string("gvexmatch_check_values\\(\\), file vexmatch56 on line [0-9]+: option ") + why)
-        << words;
+    EXPECT_FAILS(parse_and_check(words + std::string(" a.mrc")),
+                 std::string("gvexmatch_check_values\\(\\), file vexmatch56 on line [0-9]+: option ") + why);
   const char* fine[] = {
       "--ang_step 0",  // the synthetic template scans one orientation
       "--T t.mrcs --ang_step 0.01",
@@ -189,16 +185,15 @@ TEST_F(ParametersDeathTest, ValuesThatCannotBeProcessed) {
       "--speed 4",
   };
   for (const char* words : fine)
-    EXPECT_EXIT(parse_to_stderr(words + std::string(" a.mrc")), testing::ExitedWithCode(42), "") << words;
+    EXPECT_FALSE(capture_run([&] { parse_and_check(words + std::string(" a.mrc")); }).failed) << words;
   // Text values fill at most 1023 characters of their buffer.
-  EXPECT_EXIT(parse_to_stderr("--T " + std::string(GVEX_NAME_LEN, 't') + " a.mrc"), testing::ExitedWithCode(1),
+  EXPECT_FAILS(parse_and_check("--T " + std::string(GVEX_NAME_LEN, 't') + " a.mrc"),
               "gvexmatch_get_parameters\\(\\), file vexmatch56 on line [0-9]+: the value of option --T is longer "
               "than 1023");
-  EXPECT_EXIT(parse_to_stderr("--T " + std::string(GVEX_NAME_LEN - 1, 't') + " a.mrc"), testing::ExitedWithCode(42),
-              "");
+  EXPECT_FALSE(capture_run([&] { parse_and_check("--T " + std::string(GVEX_NAME_LEN - 1, 't') + " a.mrc"); }).failed);
 }
 
-TEST_F(ParametersDeathTest, NonuniqueBoxName) {
+TEST_F(ParametersFail, NonuniqueBoxName) {
   char out[GVEX_NAME_LEN];
   const std::pair<const char*, const char*> names[] = {{"Micrographs/a.mrc", "Micrographs/a_nonunique.box"},
                                                        {"a.b.mrcs", "a.b_nonunique.box"},
@@ -208,8 +203,8 @@ TEST_F(ParametersDeathTest, NonuniqueBoxName) {
     set_name_shrinked_box(out, mic, 4);
     EXPECT_STREQ(out, box);
   }
-  EXPECT_EXIT(set_name_shrinked_box(out, (std::string(GVEX_NAME_LEN - 14, 'm') + ".mrc").c_str(), 2),
-              testing::ExitedWithCode(1), "");
+  EXPECT_FAILS(set_name_shrinked_box(out, (std::string(GVEX_NAME_LEN - 14, 'm') + ".mrc").c_str(), 2),
+               "too long");
 }
 
 // The TIME lines are checked end to end; here, a stack that is full or empty.

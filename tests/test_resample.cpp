@@ -9,6 +9,7 @@
 #include <cstdio>
 #include <string>
 
+#include "support/capture.h"
 #include "gpu/resample.h"
 #include "support/dev_vec.h"
 
@@ -29,9 +30,6 @@ float block_mean(const float* in, int nx, int xo, int yo, int f) {
   return s / (float)(f * f);
 }
 
-// The fatal lines go to standard output; death tests read standard error.
-#define EXPECT_FATAL(stmt, regex) \
-  EXPECT_EXIT({ fflush(stdout); dup2(2, 1); stmt; }, testing::ExitedWithCode(1), regex)
 
 TEST(MeanShrink, BlockMeansDropPartialBlocks) {
   // Stacked 29 x 23 images, none a whole number of blocks; f = 1 copies.
@@ -87,10 +85,10 @@ TEST(MirrorFillDeathTest, OneSideTwiceTheOtherStopsTheRun) {
   const char* msg =
       "Error in function cpu_2d_extend_to_square_mirror_inplace\\(\\), file process2d_raw on line [0-9]+: "
       "Make sure: Ny/2 < Nx < 2Ny! Exit now!";
-  EXPECT_FATAL(cpu_2d_extend_to_square_mirror_inplace(buf.data(), 6, 3), msg);
-  EXPECT_FATAL(cpu_2d_extend_to_square_mirror_inplace(buf.data(), 3, 7), msg);
+  EXPECT_FAILS(cpu_2d_extend_to_square_mirror_inplace(buf.data(), 6, 3), msg);
+  EXPECT_FAILS(cpu_2d_extend_to_square_mirror_inplace(buf.data(), 3, 7), msg);
   const Vec in = image(200, 40);  // five times as wide as high, through the shrink
-  EXPECT_FATAL(cpu_2d_meanshrink_extended_even_square(buf.data(), in.data(), 200, 40, 2), msg);
+  EXPECT_FAILS(cpu_2d_meanshrink_extended_even_square(buf.data(), in.data(), 200, 40, 2), msg);
 }
 
 TEST(Bilinear, IntegerEdgesStayInside) {
@@ -145,7 +143,7 @@ TEST(Paste, SmallLandsInTheCentreAndNothingElseChanges) {
   Vec want(40, -1.0f);
   for (int i = 0; i < 6; i++) want[(1 + i / 3) * 8 + 2 + i % 3] = small[i];
   EXPECT_EQ(download(dl.get(), 40), want);
-  EXPECT_FATAL(hcuda_x2d_cp_small_to_large_center(dl.get(), ds.get(), 8, 5, 10, 2),
+  EXPECT_FAILS(hcuda_x2d_cp_small_to_large_center(dl.get(), ds.get(), 8, 5, 10, 2),
                "hcuda_x2d_cp_small_to_large_center.*10 x 2.*8 x 5.*Exit now!");
 }
 
