@@ -27,10 +27,3 @@ void gvexmatch_put_tip_for_seed(long seconds);
 
 // Entry i (0-based) of the tip table; null outside 0..8.
 const char* gvexmatch_tip_text(int i);
-
-// Contact and discussion notes between rulers.
-void gvexmatch_put_ad();
-
-// Older, shorter help; kept for reference, not used by the run.
-void gvexmatch_virus_help(const char* prog);
-void gvexmatch_virus_help_full(const char* prog);

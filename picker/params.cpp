@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <string>
+#include <vector>
 #include <strings.h>
 
 #include "common/errors.h"
@@ -14,98 +15,20 @@
 #include "common/strutil.h"
 #include "gpu/device.h"
 #include "picker/help.h"
+#include "picker/options.h"
 
 // Module name in this unit's failure lines.
 static const char* const kModule = "vexmatch56";
 
 namespace {
 
-enum OptKind { OPT_TEXT, OPT_FLOAT, OPT_INT, OPT_FLAG };
-
-struct OptDesc {
-  const char* name;   // matched by keywd_cmp
-  OptKind kind;
-  size_t offset;      // field in GVexMatch_Para
-  const char* label;  // name in the echo
-  const char* fmt;    // echo format of the value
-};
-
-#define GVEX_OPT(name, kind, field, label, fmt) {name, kind, offsetof(GVexMatch_Para, field), label, fmt}
-
-// Parser order: the first name that matches wins.
-const OptDesc k_options[] = {
-    GVEX_OPT("T", OPT_TEXT, T, "--T", "%s"),
-    GVEX_OPT("apixM", OPT_FLOAT, apixM, "--apixM", "%.3f"),
-    GVEX_OPT("apixT", OPT_FLOAT, apixT, "--apixT", "%.3f"),
-    GVEX_OPT("diameter", OPT_FLOAT, diameter, "--diameter", "%.2f"),
-    GVEX_OPT("ang_step", OPT_FLOAT, ang_step, "--ang_step", "%.2f"),
-    GVEX_OPT("speed", OPT_INT, speed, "--speed", "%d"),
-    GVEX_OPT("boxsize", OPT_INT, boxsize, "--boxsize", "%d"),
-    GVEX_OPT("min_dist", OPT_FLOAT, min_dist, "--min_dist", "%.2f"),
-    GVEX_OPT("update_T", OPT_FLAG, update_T, "--update_T", "%d"),
-    GVEX_OPT("cc_cutoff", OPT_FLOAT, cc_cutoff, "--cc_cutoff", "%.3f"),
-    GVEX_OPT("lsigma_cutoff", OPT_FLOAT, lsigma_cutoff, "--lsigma_cutoff", "%.3f"),
-    GVEX_OPT("lave_max", OPT_FLOAT, lave_max, "--lave_max", "%.3f"),
-    GVEX_OPT("lave_min", OPT_FLOAT, lave_min, "--lave_min", "%.3f"),
-    GVEX_OPT("lsigma_D", OPT_FLOAT, lsigma_D, "--lsigma_D", "%.3f"),
-    GVEX_OPT("lave_D", OPT_FLOAT, lave_D, "--lave_D", "%.3f"),
-    GVEX_OPT("lp", OPT_FLOAT, lp, "--lp", "%.3f"),
-    GVEX_OPT("hp", OPT_FLOAT, hp, "--hp", "%.3f"),
-    GVEX_OPT("pre_lp", OPT_FLOAT, pre_lp, "--pre_lp", "%.3f"),
-    GVEX_OPT("pre_hp", OPT_FLOAT, pre_hp, "--pre_hp", "%.3f"),
-    GVEX_OPT("do_pre_filter", OPT_FLAG, do_pre_filter, "--do_pre_filter", "%d"),
-    GVEX_OPT("dont_invertT", OPT_FLAG, dont_invertT, "--dont_invertT", "%d"),
-    GVEX_OPT("detect_ice", OPT_FLAG, detect_ice, "--detect_ice", "%d"),
-    GVEX_OPT("T_norm_type", OPT_INT, T_norm_type, "--T_norm_type", "%d"),
-    GVEX_OPT("center1_ratio", OPT_FLOAT, center1_ratio, "--center1_ratio", "%.3f"),
-    GVEX_OPT("do_bandpass", OPT_FLAG, do_bandpass, "--do_bandpass", "%d"),
-    GVEX_OPT("do_ctf", OPT_FLAG, do_ctf, "--do_ctf", "%d"),
-    GVEX_OPT("do_local_ctf", OPT_FLAG, do_local_ctf, "--local_ctf", "%d"),
-    GVEX_OPT("kv", OPT_FLOAT, kV, "--kV", "%.2f"),
-    GVEX_OPT("cs", OPT_FLOAT, cs, "--cs", "%.2f"),
-    GVEX_OPT("ac", OPT_FLOAT, ac, "--ac", "%.2f"),
-    GVEX_OPT("write_ccmax_mic", OPT_FLAG, write_ccmax_mic, "--write_ccmax_mic", "%d"),
-    GVEX_OPT("write_pf_mic", OPT_FLAG, write_pf_mic, "--write_pf_mic", "%d"),
-    GVEX_OPT("write_pref_mic", OPT_FLAG, write_pref_mic, "--write_pref_mic", "%d"),
-    GVEX_OPT("write_bg_mic", OPT_FLAG, write_bg_mic, "--write_bg_mic", "%d"),
-    GVEX_OPT("write_bgfree_mic", OPT_FLAG, write_bgfree_mic, "--write_bgfree_mic", "%d"),
-    GVEX_OPT("write_lsigma_mic", OPT_FLAG, write_lsigma_mic, "--write_lsigma_mic", "%d"),
-    GVEX_OPT("write_mic_mask", OPT_FLAG, write_mic_mask, "--write_mic_mask", "%d"),
-    GVEX_OPT("write_star", OPT_FLAG, write_star, "--write_star", "%d"),
-    GVEX_OPT("do_unfinished", OPT_FLAG, do_unfinished, "--do_unfinished", "%d"),
-    GVEX_OPT("exclusive_picking", OPT_FLAG, exclusive_picking, "--exclusive_picking", "%d"),
-    GVEX_OPT("mask_excluded", OPT_FLAG, mask_excluded, "--mask_excluded", "%d"),
-    GVEX_OPT("excluded_suffix", OPT_TEXT, excluded_suffix, "--excluded_suffix", "%s"),
-    GVEX_OPT("global_excluded_box", OPT_TEXT, global_excluded_box, "--global_excluded_box", "%s"),
-    GVEX_OPT("extract_raw", OPT_FLAG, extract_raw, "--extract_raw", "%d"),
-    GVEX_OPT("extract_pf", OPT_FLAG, extract_pf, "--extract_pf", "%d"),
-    GVEX_OPT("gid", OPT_INT, gid, "--gid", "%d"),
-};
-#undef GVEX_OPT
-
-constexpr int kNumOptions = (int)(sizeof k_options / sizeof k_options[0]);
-static_assert(kNumOptions == 46, "the parser knows 46 options");
-
-int find_option(const char* word) {
-  for (int k = 0; k < kNumOptions; k++)
-    if (keywd_cmp(word, k_options[k].name)) return k;
-  return -1;
+int index_of(const OptionRow* r) {
+  int n = 0;
+  return (int)(r - gvex_options(n));
 }
 
-float& float_field(GVexMatch_Para* p, const OptDesc& o) {
-  return *reinterpret_cast<float*>(reinterpret_cast<char*>(p) + o.offset);
-}
-int& int_field(GVexMatch_Para* p, const OptDesc& o) {
-  return *reinterpret_cast<int*>(reinterpret_cast<char*>(p) + o.offset);
-}
-char* text_field(GVexMatch_Para* p, const OptDesc& o) {
-  return *reinterpret_cast<char**>(reinterpret_cast<char*>(p) + o.offset);
-}
-
-bool given(const bool* seen, const char* name) {
-  for (int k = 0; k < kNumOptions; k++)
-    if (strcmp(k_options[k].name, name) == 0) return seen[k];
-  return false;
+char* text_field(GVexMatch_Para* p, const OptionRow& o) {
+  return *reinterpret_cast<char**>(reinterpret_cast<char*>(p) + o.field);
 }
 
 // (int) of a double that may not fit: NaN gives 0, out of range saturates.
@@ -148,53 +71,10 @@ void gvexmatch_init_parameters(int argc, GVexMatch_Para* p) {
   p->mic_files = (char**)calloc(argc > 0 ? argc : 1, sizeof(char*));
   if (!p->mic_files) gvex_fatal("gvexmatch_init_parameters", kModule, __LINE__, "out of host memory");
   p->T = new_text_buffer("NULL");
-  p->dont_invertT = 0;
-  p->apixM = 1.34f;
-  p->apixT = 1.34f;
-  p->diameter = 400.0f;
-  p->min_dist = 300.0f;
-  p->boxsize = 128;
-  p->shrink = 4;
-  p->speed = 2;
-  p->ang_step = 5.0f;
-  p->update_T = 0;
-  p->cc_cutoff = 0.15f;
-  p->lp = 40.0f;
-  p->hp = 1000.0f;
-  p->pre_lp = 8.0f;
-  p->pre_hp = 1000.0f;
-  p->T_norm_type = 1;
-  p->center1_ratio = 0.05f;
-  p->do_bandpass = 1;
-  p->do_ctf = 0;
-  p->do_local_ctf = 0;
-  p->kV = 300.0f;
-  p->cs = 2.7f;
-  p->ac = 0.1f;
-  p->lave_max = 1.0f;
-  p->lave_min = -1.0f;
-  p->lsigma_cutoff = 1.3f;
-  p->lsigma_D = 100.0f;
-  p->lave_D = 400.0f;
-  p->write_ccmax_mic = 0;
-  p->do_pre_filter = 0;
-  p->detect_ice = 1;
-  p->write_pref_mic = 0;
-  p->write_pf_mic = 0;
-  p->write_bg_mic = 0;
-  p->write_bgfree_mic = 0;
-  p->write_lsigma_mic = 0;
-  p->write_mic_mask = 0;
-  p->do_unfinished = 0;
   p->excluded_suffix = new_text_buffer("NULL");
-  p->exclusive_picking = 0;
-  p->mask_excluded = 0;
   p->global_excluded_box = new_text_buffer("NULL");
-  p->write_rejected_box = 1;
-  p->write_star = 1;
-  p->extract_raw = 0;
-  p->extract_pf = 0;
-  p->gid = 0;
+  gvex_option_defaults(p);
+  p->shrink = 4;
   p->n_mic = 0;
   p->local_edge = 8.0f;
   p->template_r_scale = 1.3f;
@@ -215,44 +95,40 @@ void gvexmatch_speed2shrink(int& speed, int& shrink) {
 }
 
 int gvexmatch_get_parameters(int argc, char** argv, GVexMatch_Para* p) {
-  bool seen[kNumOptions] = {};
+  int n_rows = 0;
+  gvex_options(n_rows);
+  std::vector<bool> seen_v(n_rows, false);
+  auto seen = [&](const char* name) { return (bool)seen_v[index_of(gvex_find_option(("--" + std::string(name)).c_str()))]; };
   for (int i = 1; i < argc; i++) {
     const char* word = argv[i];
-    const int k = find_option(word);
-    if (k < 0) {
+    const OptionRow* o = gvex_find_option(word);
+    if (!o) {
       if (word[0] == '-') unknown_option(word);
       p->mic_files[p->n_mic++] = argv[i];
       continue;
     }
-    const OptDesc& o = k_options[k];
-    seen[k] = true;
-    if (o.kind == OPT_FLAG) {
-      get_bool_keyword(argc, argv, int_field(p, o), i);
+    seen_v[index_of(o)] = true;
+    char* field = reinterpret_cast<char*>(p) + o->field;
+    if (o->kind == OPT_FLAG) {
+      get_bool_keyword(argc, argv, *reinterpret_cast<int*>(field), i);
       continue;
     }
     if (i + 1 >= argc) {
       char why[128];
-      snprintf(why, sizeof why, "option %s needs a value", o.label);
+      snprintf(why, sizeof why, "option --%s needs a value", o->name);
       gvex_fatal("gvexmatch_get_parameters", kModule, __LINE__, why);
     }
     const char* value = argv[++i];
-    switch (o.kind) {
-      case OPT_FLOAT:
-        float_field(p, o) = (float)atof(value);
-        break;
-      case OPT_INT:
-        int_field(p, o) = atoi(value);
-        // Resolved at once, so no other option can change the outcome.
-        if (&int_field(p, o) == &p->speed) gvexmatch_speed2shrink(p->speed, p->shrink);
-        break;
-      default:
-        if (!str_copy_fits(text_field(p, o), value, GVEX_NAME_LEN)) {
-          char why[128];
-          snprintf(why, sizeof why, "the value of option %s is longer than %d characters", o.label,
-                   GVEX_NAME_LEN - 1);
-          gvex_fatal("gvexmatch_get_parameters", kModule, __LINE__, why);
-        }
-        break;
+    if (o->kind == OPT_FLOAT) {
+      *reinterpret_cast<float*>(field) = (float)atof(value);
+    } else if (o->kind == OPT_INT) {
+      *reinterpret_cast<int*>(field) = atoi(value);
+      // Resolved at once, so no other option can change the outcome.
+      if (field == reinterpret_cast<char*>(&p->speed)) gvexmatch_speed2shrink(p->speed, p->shrink);
+    } else if (!str_copy_fits(text_field(p, *o), value, GVEX_NAME_LEN)) {
+      char why[128];
+      snprintf(why, sizeof why, "the value of option --%s is longer than %d characters", o->name, GVEX_NAME_LEN - 1);
+      gvex_fatal("gvexmatch_get_parameters", kModule, __LINE__, why);
     }
   }
 
@@ -260,26 +136,26 @@ int gvexmatch_get_parameters(int argc, char** argv, GVexMatch_Para* p) {
 
   // Defaults that follow the particle size, unless the user set them.
   const double d = p->diameter;
-  p->min_dist_given = given(seen, "min_dist") ? 1 : 0;
-  if (!given(seen, "min_dist")) p->min_dist = (float)(0.8 * d);
-  if (!given(seen, "boxsize")) p->boxsize = 2 * (trunc_to_int(d * 1.33 / (double)p->apixM) / 2);
-  if (!given(seen, "lsigma_D")) p->lsigma_D = (float)(0.5 * d + 100);
-  if (!given(seen, "lave_D")) p->lave_D = (float)(0.3 * d + 200);
+  p->min_dist_given = seen("min_dist") ? 1 : 0;
+  if (!seen("min_dist")) p->min_dist = (float)(0.8 * d);
+  if (!seen("boxsize")) p->boxsize = 2 * (trunc_to_int(d * 1.33 / (double)p->apixM) / 2);
+  if (!seen("lsigma_D")) p->lsigma_D = (float)(0.5 * d + 100);
+  if (!seen("lave_D")) p->lave_D = (float)(0.3 * d + 200);
   compute_derived_fields(p);
 
   if (p->n_mic == 0) gvexmatch_help_exit(argv[0], "No valid files to be processed.");
   if (check_and_set_gid(p->gid) == -1) gvexmatch_help_exit(argv[0], "Failed to find any usable GPU device!");
 
-  if (!given(seen, "diameter"))
+  if (!seen("diameter"))
     printf("Waring: You have not set the parameter '--diameter',  the default value 400Å will be used.\n");
-  if (!given(seen, "T"))
+  if (!seen("T"))
     printf("Waring: You have not set the parameter '--T',  the automatically generated Gaussian template will be "
            "used. This is fine for 'spherical particles' like virus or ribosome. Do use templates for "
            "non-spherical particles.\n");
-  if (!given(seen, "apixM"))
+  if (!seen("apixM"))
     printf("Waring: You have not set the parameter '--apixM', the pixel size of micrograph is assumed to be "
            "1.34Å by default.\n");
-  if (!given(seen, "apixT")) {
+  if (!seen("apixT")) {
     printf("Waring: You have not set the parameter '--apixT', the pixel size of templates is assumed to be the "
            "same as micrographs by default.\n");
     p->apixT = p->apixM;
@@ -289,118 +165,20 @@ int gvexmatch_get_parameters(int argc, char** argv, GVexMatch_Para* p) {
 
 // ---- echo ----
 
-static void put_row(FILE* fp, const char* label) { fprintf(fp, "       %-20s ", label); }
-static void put_f(FILE* fp, const char* label, const char* fmt, float v) {
-  put_row(fp, label);
-  fprintf(fp, fmt, v);
-  fputc('\n', fp);
-}
-static void put_d(FILE* fp, const char* label, int v) {
-  put_row(fp, label);
-  fprintf(fp, "%d\n", v);
-}
-static void put_s(FILE* fp, const char* label, const char* v) {
-  put_row(fp, label);
-  fprintf(fp, "%s\n", v ? v : "");
-}
-
 void gvexmatch_fput_parameters(int argc, char** argv, GVexMatch_Para* p, FILE* fp) {
   fprintf(fp, "%s\n", std::string(99, '*').c_str());
   fprintf(fp, "User input parameters:\n");
-  for (int i = 1; i < argc; i++) {
-    const int k = find_option(argv[i]);
-    if (k < 0) continue;
-    const OptDesc& o = k_options[k];
-    if (o.kind == OPT_FLAG) {
-      int v = 0;
-      get_bool_keyword(argc, argv, v, i);
-      put_d(fp, o.label, v);
-      continue;
-    }
-    if (i + 1 >= argc) break;  // the parser refuses this; nothing to re-read
-    const char* value = argv[++i];
-    if (o.kind == OPT_FLOAT)
-      put_f(fp, o.label, o.fmt, (float)atof(value));
-    else if (o.kind == OPT_INT)
-      put_d(fp, o.label, atoi(value));
-    else
-      put_s(fp, o.label, value);
-  }
-
+  gvex_echo_typed(fp, argc, argv);
   fprintf(fp, "All parameters to be used:\n");
-  fprintf(fp, "Basic options:  \n");
-  put_s(fp, "--T", p->T);
-  put_f(fp, "--apixM", "%.3f", p->apixM);
-  put_f(fp, "--diameter", "%.2f", p->diameter);
-  put_f(fp, "--apixT", "%.3f", p->apixT);
-
-  fprintf(fp, "Additional options:  \n");
-  put_f(fp, "--ang_step", "%.2f", p->ang_step);
-  put_d(fp, "--speed", p->speed);
-  put_d(fp, "--boxsize", p->boxsize);
-  put_f(fp, "--min_dist", "%.2f", p->min_dist);
-  put_f(fp, "--cc_cutoff", "%.3f", p->cc_cutoff);
-  put_f(fp, "--lsigma_D", "%.3f", p->lsigma_D);
-  put_f(fp, "--lsigma_cutoff", "%.3f", p->lsigma_cutoff);
-  put_f(fp, "--lave_D", "%.3f", p->lave_D);
-  put_f(fp, "--lave_max", "%.3f", p->lave_max);
-  put_f(fp, "--lave_min", "%.3f", p->lave_min);
-  put_f(fp, "--lp", "%.2f", p->lp);
-  put_f(fp, "--hp", "%.2f", p->hp);
-  put_d(fp, "--do_pre_filter", p->do_pre_filter);
-  put_f(fp, "--pre_lp", "%.2f", p->pre_lp);
-  put_f(fp, "--pre_hp", "%.2f", p->pre_hp);
-  put_d(fp, "--detect_ice", p->detect_ice);
-  put_d(fp, "--T_norm_type", p->T_norm_type);
-  put_d(fp, "--do_bandpass", p->do_bandpass);
-
-  fprintf(fp, "CTF options: \n");
-  put_d(fp, "--do_ctf", p->do_ctf);
-  put_d(fp, "--local_ctf", p->do_local_ctf);
-  put_f(fp, "--kV", "%.2f", p->kV);
-  put_f(fp, "--cs", "%.2f", p->cs);
-  put_f(fp, "--ac", "%.2f", p->ac);
-
-  fprintf(fp, "I/O options:  \n");
-  put_d(fp, "--write_ccmax_mic", p->write_ccmax_mic);
-  put_d(fp, "--write_pf_mic", p->write_pf_mic);
-  put_d(fp, "--write_pref_mic", p->write_pref_mic);
-  put_d(fp, "--write_bg_mic", p->write_bg_mic);
-  put_d(fp, "--write_bgfree_mic", p->write_bgfree_mic);
-  put_d(fp, "--write_lsigma_mic", p->write_lsigma_mic);
-  put_d(fp, "--write_mic_mask", p->write_mic_mask);
-  put_d(fp, "--write_rejected_box", p->write_rejected_box);
-  put_d(fp, "--write_star", p->write_star);
-  put_d(fp, "--exclusive_picking", p->exclusive_picking);
-  put_s(fp, "--excluded_suffix", p->excluded_suffix);
-  put_d(fp, "--mask_excluded", p->mask_excluded);
-  put_s(fp, "--global_excluded_box", p->global_excluded_box);
-  put_d(fp, "--do_unfinished", p->do_unfinished);
-  put_d(fp, "--dont_invertT", p->dont_invertT);
-  put_d(fp, "--extract_raw", p->extract_raw);
-  put_d(fp, "--extract_pf", p->extract_pf);
-  put_d(fp, "--gid", p->gid);
-
+  gvex_echo_record(fp, p);
   fprintf(fp, "\n\n");
   fprintf(fp, "All %d files to be used:\n", p->n_mic);
   for (int i = 0; i < p->n_mic; i++) fprintf(fp, "        %s\n", p->mic_files[i]);
 }
 
 std::string gvexmatch_valid_options_text() {
-  // Deliberately not the parser's list (older spellings included).
-  static const char* const k_valid[] = {
-      "apixM",          "T",                  "diameter",         "ang_step",          "speed",
-      "boxsize",        "min_dist",           "cc_cutoff",        "lsigma_cutoff",     "lave_max",
-      "lave_min",       "lcutoff_D",          "lp",               "hp",                "dont_invertT",
-      "per_lp",         "pre_hp",             "do_pre_filter",    "do_ctf",            "do_local_ctf",
-      "kv",             "cs",                 "ac",               "write_ccmax_mic",   "write_pf_mic",
-      "write_bg_mic",   "write_bgfree_mic",   "write_lsigma_mic", "write_mic_mask",    "extract_raw",
-      "extract_pf",     "write_rejected_box", "write_star",       "exclusive_picking", "excluded_suffix",
-      "mask_excluded",  "global_excluded_box", "gid"};
-  static_assert(sizeof k_valid / sizeof k_valid[0] == 38, "38 listed options");
-  std::string s = std::string(130, '-') + "\nAll valid options:\n";
-  for (const char* name : k_valid) s += std::string("--") + name + "\t ";
-  return s + "\n" + std::string(128, '-') + "\n";
+  return std::string(130, '-') + "\nAll valid options:\n" + gvex_valid_options_list() + "\n" + std::string(128, '-') +
+         "\n";
 }
 
 // ---- value checks ----
