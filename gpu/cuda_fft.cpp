@@ -225,55 +225,6 @@ void gvex_fft_plan_cache_clear() { plan_cache().clear(); }
 
 // ---- whole transforms ----
 
-void hcuda_2d_fft_r2c(const float* d_in, float2* d_out, unsigned int nx, unsigned int ny) {
-  gvex_fft_plan((int)nx, (int)ny).r2c(d_in, d_out);
-}
-
-void hcuda_2d_fft_c2r(float2* d_in, float* d_out, unsigned int nx, unsigned int ny) {
-  gvex_fft_plan((int)nx, (int)ny).c2r(d_in, d_out);
-}
-
-void hcuda_2d_fft_r2c_normz(const float* d_in, float2* d_out, unsigned int nx, unsigned int ny) {
-  hcuda_2d_fft_r2c(d_in, d_out, nx, ny);
-  hcuda_complex2d_norm_inplace(d_out, (int)(nx / 2 + 1), (int)ny, sqrtf((float)(nx * ny)));
-}
-
-void hcuda_2d_fft_c2r_normz(float2* d_in, float* d_out, unsigned int nx, unsigned int ny) {
-  hcuda_2d_fft_c2r(d_in, d_out, nx, ny);
-  hcuda_2d_divide_inplace(d_out, (int)nx, (int)ny, sqrtf((float)(nx * ny)));
-}
-
-void hcuda_2ds_fft_r2c(const float* d_in, float2* d_out, int nx, int ny, int nz) {
-  if (nz <= 0) return;
-  FftPlan2d& plan = gvex_fft_plan(nx, ny);
-  const unsigned long nr = (unsigned long)nx * ny;
-  const unsigned long nc = (unsigned long)(nx / 2 + 1) * ny;
-  for (int k = 0; k < nz; k++) plan.r2c(d_in + k * nr, d_out + k * nc);
-}
-
-void gpu_2d_fft_r2c(const float* in, float2* out, int nx, int ny) { gpu_2ds_fft_r2c(in, out, nx, ny, 1); }
-
-void gpu_2d_fft_c2r(const float2* in, float* out, int nx, int ny) {
-  const unsigned long nr = (unsigned long)nx * ny;
-  const unsigned long nc = (unsigned long)(nx / 2 + 1) * ny;
-  DeviceArray<float2> d_in(nc);
-  DeviceArray<float> d_out(nr);
-  memcpy_H2D(d_in.get(), in, nc * sizeof(float2));
-  hcuda_2d_fft_c2r(d_in.get(), d_out.get(), nx, ny);
-  memcpy_D2H(out, d_out.get(), nr * sizeof(float));
-}
-
-void gpu_2ds_fft_r2c(const float* in, float2* out, int nx, int ny, int nz) {
-  if (nz <= 0) return;
-  const unsigned long nr = (unsigned long)nx * ny * nz;
-  const unsigned long nc = (unsigned long)(nx / 2 + 1) * ny * nz;
-  DeviceArray<float> d_in(nr);
-  DeviceArray<float2> d_out(nc);
-  memcpy_H2D(d_in.get(), in, nr * sizeof(float));
-  hcuda_2ds_fft_r2c(d_in.get(), d_out.get(), nx, ny, nz);
-  memcpy_D2H(out, d_out.get(), nc * sizeof(float2));
-}
-
 // ---- element-wise operations ----
 
 void hcuda_c2d_multconj_norm(const float2* d_A, const float2* d_B, float2* d_out, int nxh, int ny, float s) {
@@ -300,15 +251,5 @@ void hcuda_2d_swap_ccf_inplace(float* d_p, int nx, int ny) {
     const float t = d_p[i];
     d_p[i] = d_p[j];
     d_p[j] = t;
-  });
-}
-
-void hcuda_complex2d_norm_inplace(float2* d_p, int nxh, int ny, float s) {
-  const int n = nxh < ny ? nxh : ny;
-  if (n <= 0) return;
-  launch_1d(GVEX_SITE, (unsigned long)n, GVEX_LAMBDA(int k) {
-    float2& v = d_p[k * nxh + k];
-    v.x = v.x / s;
-    v.y = v.y / s;
   });
 }

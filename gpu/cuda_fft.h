@@ -82,20 +82,8 @@ void gvex_fft_plan_cache_clear();
 int gvex_fft_plan_jobs(int nx, int ny);
 
 // ---- whole transforms on device arrays ----
-void hcuda_2d_fft_r2c(const float* d_in, float2* d_out, unsigned int nx, unsigned int ny);
-// The half spectrum is consumed; its contents afterwards are undefined.
-void hcuda_2d_fft_c2r(float2* d_in, float* d_out, unsigned int nx, unsigned int ny);
-// Forward transform, then hcuda_complex2d_norm_inplace with sqrt(nx*ny).
-void hcuda_2d_fft_r2c_normz(const float* d_in, float2* d_out, unsigned int nx, unsigned int ny);
-// Inverse transform, then every pixel divided by sqrt(nx*ny).
-void hcuda_2d_fft_c2r_normz(float2* d_in, float* d_out, unsigned int nx, unsigned int ny);
-// nz stacked images: image k at k*nx*ny, its spectrum at k*(nx/2+1)*ny.
-void hcuda_2ds_fft_r2c(const float* d_in, float2* d_out, int nx, int ny, int nz);
 
 // ---- the same on host arrays, copied to and from the device ----
-void gpu_2d_fft_r2c(const float* in, float2* out, int nx, int ny);
-void gpu_2d_fft_c2r(const float2* in, float* out, int nx, int ny);
-void gpu_2ds_fft_r2c(const float* in, float2* out, int nx, int ny, int nz);
 
 // ---- element-wise Fourier-space operations ----
 // out = A*conj(B)/s over nxh x ny: re = fmaf(a.re, b.re, a.im*b.im)/s,
@@ -106,9 +94,6 @@ void hcuda_c2d_multconj_norm_inplace(float2* d_A, const float2* d_B, int nxh, in
 // moves the zero shift of a correlation map from (0, 0) to (nx/2, ny/2).
 // Its own inverse for even sizes; odd sizes give an undefined map.
 void hcuda_2d_swap_ccf_inplace(float* d_p, int nx, int ny);
-// Divides only the diagonal elements (k, k), k < min(nxh, ny), by s; the
-// rest of the spectrum is left alone. Kept this way on purpose.
-void hcuda_complex2d_norm_inplace(float2* d_p, int nxh, int ny, float s);
 
 // Kernel bodies, shared by both back ends and by the tests.
 GVEX_HD inline float2 hd_multconj_norm(float2 a, float2 b, float s) {

@@ -120,13 +120,6 @@ int safe_cudaMalloc_empty(void** p, unsigned long bytes) {
   return 0;
 }
 
-int cudaMalloc_empty(void** p, unsigned long bytes) {
-  int e = device_alloc(p, bytes);
-  if (e != 0) return e;
-  hcuda_empty(*p, bytes);
-  return 0;
-}
-
 void hcuda_free(void* p) {
   if (!p) return;
 #if defined(GVEX_WITH_CUDA)
@@ -158,60 +151,8 @@ void hcuda_empty(void* p, unsigned long bytes) {
   launch_1d(GVEX_SITE, bytes, GVEX_LAMBDA(int i) { b[i] = 0; });
 }
 
-void hcuda_empty_float(float* p, unsigned long n) {
-  launch_1d(GVEX_SITE, n, GVEX_LAMBDA(int i) { p[i] = 0.0f; });
-}
-
 void hcuda_memset_float(float* p, float value, unsigned long n) {
   launch_1d(GVEX_SITE, n, GVEX_LAMBDA(int i) { p[i] = value; });
-}
-
-void hcuda_memset_int(int* p, int value, unsigned long n) {
-  launch_1d(GVEX_SITE, n, GVEX_LAMBDA(int i) { p[i] = value; });
-}
-
-void hcuda_memset_uint(unsigned int* p, unsigned int value, unsigned long n) {
-  launch_1d(GVEX_SITE, n, GVEX_LAMBDA(int i) { p[i] = value; });
-}
-
-void host_memset_float(float* p, float value, unsigned long n) {
-  for (unsigned long i = 0; i < n; i++) p[i] = value;
-}
-void host_memset_int(int* p, int value, unsigned long n) {
-  for (unsigned long i = 0; i < n; i++) p[i] = value;
-}
-void host_memset_uint(unsigned int* p, unsigned int value, unsigned long n) {
-  for (unsigned long i = 0; i < n; i++) p[i] = value;
-}
-
-void gpu_report_memory() {
-  unsigned long free_b = 0, total_b = 0;
-  int e = 0;
-  const char* err = "no error";
-#if defined(GVEX_WITH_CUDA)
-  if (g_on_gpu) e = gvex_cuda::mem_info(free_b, total_b, &err);
-#endif
-  if (!g_on_gpu) {
-    // The host back end reports the machine's physical memory.
-    FILE* fp = fopen("/proc/meminfo", "r");
-    if (fp) {
-      char key[64];
-      unsigned long kb;
-      while (fscanf(fp, "%63s %lu kB", key, &kb) == 2) {
-        if (!strcmp(key, "MemTotal:")) total_b = kb * 1024UL;
-        if (!strcmp(key, "MemAvailable:")) free_b = kb * 1024UL;
-      }
-      fclose(fp);
-    }
-  }
-  if (e != 0) {
-    printf("Error: cudaMemGetInfo fails, %s \n", err);
-    gvex_fatal("gpu_report_memory", "cuda_general", __LINE__, "Device memory, cudaMemGetInfo failed");
-  }
-  double free_mb = free_b / 1024.0 / 1024.0;
-  double total_mb = total_b / 1024.0 / 1024.0;
-  double used_mb = total_mb - free_mb;
-  printf("GPU memory usage:  total = %f MB, used = %f, free = %f MB\n", used_mb, free_mb, total_mb);
 }
 
 // ---- checks ----

@@ -33,7 +33,6 @@ int gvex_host_threads();
 // ---- memory ----
 int safe_cudaMalloc(void** p, unsigned long bytes);
 int safe_cudaMalloc_empty(void** p, unsigned long bytes);
-int cudaMalloc_empty(void** p, unsigned long bytes);  // platform error code, 0 on success
 void hcuda_free(void* p);                             // release a device array (null is fine)
 
 // Synchronous copies; the platform's error code is returned unchecked.
@@ -43,17 +42,7 @@ int memcpy_D2D(void* dst, const void* src, unsigned long bytes);
 
 // ---- fills ----
 void hcuda_empty(void* p, unsigned long bytes);  // counts bytes
-void hcuda_empty_float(float* p, unsigned long n);
 void hcuda_memset_float(float* p, float value, unsigned long n);
-void hcuda_memset_int(int* p, int value, unsigned long n);
-void hcuda_memset_uint(unsigned int* p, unsigned int value, unsigned long n);
-void host_memset_float(float* p, float value, unsigned long n);
-void host_memset_int(int* p, int value, unsigned long n);
-void host_memset_uint(unsigned int* p, unsigned int value, unsigned long n);
-
-// "GPU memory usage:  total = %f MB, used = %f, free = %f MB\n" with the
-// values in the order used, free, total (the labels are kept as they are).
-void gpu_report_memory();
 
 // ---- checks ----
 // Synchronise and end the process on a pending device error:

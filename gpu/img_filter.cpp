@@ -93,10 +93,6 @@ static void bandpass_mpad(const float* d_in, float* d_out, int n, float apix, fl
   hcuda_2d_mirror_pad_inv(d_out, pad, n, n);
 }
 
-void hcuda_2d_bandpass_softR_mpad(const float* d_in, float* d_out, int n, float apix, float r1, float r2, float w) {
-  bandpass_mpad(d_in, d_out, n, apix, r1, r2, w, 0);
-}
-
 void hcuda_2d_bandpass_softR_mpad_inplace(float* d_p, int n, float apix, float r1, float r2, float w) {
   bandpass_mpad(d_p, d_p, n, apix, r1, r2, w, 0);
 }
@@ -107,17 +103,4 @@ void hcuda_2d_bandpass_guas_mpad(const float* d_in, float* d_out, int n, float a
 
 void hcuda_2d_bandpass_guas_mpad_inplace(float* d_p, int n, float apix, float r1, float r2) {
   bandpass_mpad(d_p, d_p, n, apix, r1, r2, 0.0f, 1);
-}
-
-void gpu_2d_bandpass_guas_mpad(const float* in, float* out, int n, float apix, float r1, float r2) {
-  if (n <= 0) return;
-  const unsigned long bytes = (unsigned long)n * n * sizeof(float);
-  DeviceArray<float> d((unsigned long)n * n);
-  memcpy_H2D(d.get(), in, bytes);
-  hcuda_2d_bandpass_guas_mpad_inplace(d.get(), n, apix, r1, r2);
-  memcpy_D2H(out, d.get(), bytes);
-}
-
-void gpu_2d_bandpass_guas_mpad_inplace(float* p, int n, float apix, float r1, float r2) {
-  gpu_2d_bandpass_guas_mpad(p, p, n, apix, r1, r2);
 }

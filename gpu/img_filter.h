@@ -15,16 +15,10 @@ void hcuda_2d_mirror_pad(float* d_out, const float* d_in, int nx, int ny);
 // The top-left nx x ny quarter of a 2nx-wide image.
 void hcuda_2d_mirror_pad_inv(float* d_out, const float* d_in, int nx, int ny);
 
-// Hard band [R_lo, R_hi] with a Gaussian edge of width w (spectrum pixels)
-// above R_hi that starts at 0.3989423, not at 1.
-void hcuda_2d_bandpass_softR_mpad(const float* d_in, float* d_out, int n, float apix, float r1, float r2, float w);
 void hcuda_2d_bandpass_softR_mpad_inplace(float* d_p, int n, float apix, float r1, float r2, float w);
 // Band [R_lo, R_hi] weighted by a low-pass and a high-pass Gaussian.
 void hcuda_2d_bandpass_guas_mpad(const float* d_in, float* d_out, int n, float apix, float r1, float r2);
 void hcuda_2d_bandpass_guas_mpad_inplace(float* d_p, int n, float apix, float r1, float r2);
-// The same on host arrays.
-void gpu_2d_bandpass_guas_mpad(const float* in, float* out, int n, float apix, float r1, float r2);
-void gpu_2d_bandpass_guas_mpad_inplace(float* p, int n, float apix, float r1, float r2);
 
 // The filter passes alone, on the half spectrum of an N x N image
 // (N rows of N/2+1 values), with R_hi = N*apix/min(r1, r2) and

@@ -122,15 +122,6 @@ void hcuda_2d_local_ave_softR_mpad(float* d_out, const float* d_in, int nx, int 
   hcuda_2d_bg_mpad(d_out, d_in, nx, ny, r, w);
 }
 
-void gpu_2d_local_ave_softR_mpad(float* out, const float* in, int nx, int ny, float r, float w) {
-  if (nx <= 0 || ny <= 0) return;
-  const unsigned long n = (unsigned long)nx * ny;
-  DeviceArray<float> d(n);
-  memcpy_H2D(d.get(), in, n * sizeof(float));
-  hcuda_2d_bg_mpad(d.get(), d.get(), nx, ny, r, w);
-  memcpy_D2H(out, d.get(), n * sizeof(float));
-}
-
 void hcuda_2d_local_sigma_softR_mpad(float* d_out, const float* d_in, int nx, int ny, float r, float w) {
   if (nx <= 0 || ny <= 0) return;
   const unsigned long n = (unsigned long)nx * ny;

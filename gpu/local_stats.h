@@ -18,7 +18,6 @@ void cpu_2d_generate_rmask_soft(float* mask, int nx, int ny, float cx, float cy,
 // of output pixel (X, Y) is centred at (X - 0.5, Y - 0.5). out may equal in.
 void hcuda_2d_bg_mpad(float* d_out, const float* d_in, int nx, int ny, float r, float w);
 void hcuda_2d_local_ave_softR_mpad(float* d_out, const float* d_in, int nx, int ny, float r, float w);
-void gpu_2d_local_ave_softR_mpad(float* out, const float* in, int nx, int ny, float r, float w);
 // sqrt(local mean of in^2 - (local mean of in)^2), unclamped: rounding may
 // make it NaN where the deviation is (nearly) zero.
 void hcuda_2d_local_sigma_softR_mpad(float* d_out, const float* d_in, int nx, int ny, float r, float w);

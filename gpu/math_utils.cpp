@@ -9,11 +9,6 @@
 #include "gpu/launch.h"
 
 // ---- element-wise ----
-void hcuda_add(float* d_out, const float* d_in, unsigned long n, float a) {
-  float* o = d_out;
-  const float* p = d_in;
-  launch_1d(GVEX_SITE, n, GVEX_LAMBDA(int i) { o[i] = p[i] + a; });
-}
 void hcuda_sub(float* d_out, const float* d_in, unsigned long n, float a) {
   float* o = d_out;
   const float* p = d_in;
@@ -24,38 +19,14 @@ void hcuda_multi(float* d_out, const float* d_in, unsigned long n, float a) {
   const float* p = d_in;
   launch_1d(GVEX_SITE, n, GVEX_LAMBDA(int i) { o[i] = p[i] * a; });
 }
-void hcuda_divide(float* d_out, const float* d_in, unsigned long n, float a) {
-  float* o = d_out;
-  const float* p = d_in;
-  launch_1d(GVEX_SITE, n, GVEX_LAMBDA(int i) { o[i] = p[i] / a; });
-}
-void hcuda_add_inplace(float* d_p, unsigned long n, float a) { hcuda_add(d_p, d_p, n, a); }
 void hcuda_sub_inplace(float* d_p, unsigned long n, float a) { hcuda_sub(d_p, d_p, n, a); }
-void hcuda_multi_inplace(float* d_p, unsigned long n, float a) { hcuda_multi(d_p, d_p, n, a); }
-void hcuda_divide_inplace(float* d_p, unsigned long n, float a) { hcuda_divide(d_p, d_p, n, a); }
 
-void hcuda_add_multi(float* d_out, const float* d_in, unsigned long n, float a, float b) {
-  float* o = d_out;
-  const float* p = d_in;
-  launch_1d(GVEX_SITE, n, GVEX_LAMBDA(int i) { o[i] = (p[i] + a) * b; });
-}
 void hcuda_multi_add(float* d_out, const float* d_in, unsigned long n, float a, float b) {
   float* o = d_out;
   const float* p = d_in;
   launch_1d(GVEX_SITE, n, GVEX_LAMBDA(int i) { o[i] = fmaf(p[i], a, b); });
 }
 void hcuda_multi_add_inplace(float* d_p, unsigned long n, float a, float b) { hcuda_multi_add(d_p, d_p, n, a, b); }
-void hcuda_sub_divide(float* d_out, const float* d_in, unsigned long n, float a, float b) {
-  float* o = d_out;
-  const float* p = d_in;
-  launch_1d(GVEX_SITE, n, GVEX_LAMBDA(int i) { o[i] = (p[i] - a) / b; });
-}
-void hcuda_sub_divide_inplace(float* d_p, unsigned long n, float a, float b) { hcuda_sub_divide(d_p, d_p, n, a, b); }
-void hcuda_divide_sub(float* d_out, const float* d_in, unsigned long n, float a, float b) {
-  float* o = d_out;
-  const float* p = d_in;
-  launch_1d(GVEX_SITE, n, GVEX_LAMBDA(int i) { o[i] = p[i] / a - b; });
-}
 
 void hcuda_sqr(float* d_out, const float* d_in, unsigned long n) {
   float* o = d_out;
@@ -63,32 +34,13 @@ void hcuda_sqr(float* d_out, const float* d_in, unsigned long n) {
   launch_1d(GVEX_SITE, n, GVEX_LAMBDA(int i) { o[i] = p[i] * p[i]; });
 }
 void hcuda_sqr_inplace(float* d_p, unsigned long n) { hcuda_sqr(d_p, d_p, n); }
-void hcuda_sub_sqr(float* d_out, const float* d_in, unsigned long n, float a) {
-  float* o = d_out;
-  const float* p = d_in;
-  launch_1d(GVEX_SITE, n, GVEX_LAMBDA(int i) {
-    const float d = p[i] - a;
-    o[i] = d * d;
-  });
-}
 void hcuda_sqrtf(float* d_out, const float* d_in, unsigned long n) {
   float* o = d_out;
   const float* p = d_in;
   launch_1d(GVEX_SITE, n, GVEX_LAMBDA(int i) { o[i] = sqrtf(p[i]); });
 }
 void hcuda_sqrtf_inplace(float* d_p, unsigned long n) { hcuda_sqrtf(d_p, d_p, n); }
-void hcuda_logf(float* d_out, const float* d_in, unsigned long n) {
-  float* o = d_out;
-  const float* p = d_in;
-  launch_1d(GVEX_SITE, n, GVEX_LAMBDA(int i) { o[i] = logf(p[i]); });
-}
-void hcuda_logf_inplace(float* d_p, unsigned long n) { hcuda_logf(d_p, d_p, n); }
 
-void hcuda_x1d_add(float* d_out, const float* d_in1, const float* d_in2, unsigned long n) {
-  float* o = d_out;
-  const float *p = d_in1, *q = d_in2;
-  launch_1d(GVEX_SITE, n, GVEX_LAMBDA(int i) { o[i] = p[i] + q[i]; });
-}
 void hcuda_x1d_sub(float* d_out, const float* d_in1, const float* d_in2, unsigned long n) {
   float* o = d_out;
   const float *p = d_in1, *q = d_in2;
@@ -99,32 +51,15 @@ void hcuda_x1d_multi(float* d_out, const float* d_in1, const float* d_in2, unsig
   const float *p = d_in1, *q = d_in2;
   launch_1d(GVEX_SITE, n, GVEX_LAMBDA(int i) { o[i] = p[i] * q[i]; });
 }
-void hcuda_x1d_divide(float* d_out, const float* d_in1, const float* d_in2, unsigned long n) {
-  float* o = d_out;
-  const float *p = d_in1, *q = d_in2;
-  launch_1d(GVEX_SITE, n, GVEX_LAMBDA(int i) { o[i] = p[i] / q[i]; });
-}
-void hcuda_x1d_add_inplace(float* d_io, const float* d_in2, unsigned long n) { hcuda_x1d_add(d_io, d_io, d_in2, n); }
 void hcuda_x1d_sub_inplace(float* d_io, const float* d_in2, unsigned long n) { hcuda_x1d_sub(d_io, d_io, d_in2, n); }
-void hcuda_x1d_multi_inplace(float* d_io, const float* d_in2, unsigned long n) {
-  hcuda_x1d_multi(d_io, d_io, d_in2, n);
-}
-void hcuda_x1d_divide_inplace(float* d_io, const float* d_in2, unsigned long n) {
-  hcuda_x1d_divide(d_io, d_io, d_in2, n);
-}
-void hcuda_addto_float(float* d_io, const float* d_in, unsigned long n) { hcuda_x1d_add(d_io, d_io, d_in, n); }
 void hcuda_apply_mask(float* d_out, const float* d_in, const float* d_w, unsigned long n) {
   hcuda_x1d_multi(d_out, d_in, d_w, n);
 }
-void hcuda_apply_mask_inplace(float* d_p, const float* d_w, unsigned long n) { hcuda_x1d_multi(d_p, d_p, d_w, n); }
 
 void hcuda_sqr_withmask(float* d_out, const float* d_in, const float* d_w, unsigned long n) {
   float* o = d_out;
   const float *p = d_in, *w = d_w;
   launch_1d(GVEX_SITE, n, GVEX_LAMBDA(int i) { o[i] = p[i] * p[i] * w[i]; });
-}
-void hcuda_data_submean_sqr(float* d_out, const float* d_in, unsigned long n, float m) {
-  hcuda_sub_sqr(d_out, d_in, n, m);
 }
 void hcuda_data_submean_sqr_withmask(float* d_out, const float* d_in, const float* d_w, unsigned long n, float m) {
   float* o = d_out;
@@ -145,22 +80,6 @@ float hcuda_fast_sumsqr(const float* d_p, unsigned long n) {
   hcuda_sqr(t.get(), d_p, n);
   return hcuda_fast_sum_inplace(t.get(), n);
 }
-
-float hcuda_fast_sumsqr_inplace(float* d_p, unsigned long n) {
-  hcuda_sqr_inplace(d_p, n);
-  return hcuda_fast_sum_inplace(d_p, n);
-}
-
-float hcuda_fast_submean_sumsqr(const float* d_p, unsigned long n) {
-  const float m = hcuda_fast_mean(d_p, n);
-  DeviceArray<float> t(n);
-  hcuda_data_submean_sqr(t.get(), d_p, n, m);
-  return hcuda_fast_sum_inplace(t.get(), n);
-}
-
-float hcuda_variance(const float* d_p, unsigned long n) { return hcuda_fast_submean_sumsqr(d_p, n) / (float)n; }
-
-float hcuda_stdv(const float* d_p, unsigned long n) { return sqrtf(hcuda_fast_submean_sumsqr(d_p, n) / (float)n); }
 
 float hcuda_fast_sum_withmask(const float* d_p, const float* d_w, unsigned long n) {
   DeviceArray<float> t(n);
@@ -186,10 +105,6 @@ float hcuda_fast_submean_sumsqr_withmask(const float* d_p, const float* d_w, uns
   return hcuda_fast_sum_inplace(t.get(), n);
 }
 
-float hcuda_variance_withmask(const float* d_p, const float* d_w, unsigned long n) {
-  return hcuda_fast_submean_sumsqr_withmask(d_p, d_w, n) / (float)n;
-}
-
 float hcuda_stdv_withmask(const float* d_p, const float* d_w, unsigned long n) {
   const float ss = hcuda_fast_submean_sumsqr_withmask(d_p, d_w, n);
   return sqrtf(ss / hcuda_fast_sum(d_w, n));
@@ -209,22 +124,4 @@ void hcuda_norm_withmask_inplace(float* d_p, const float* d_w, unsigned long n, 
   const float k = scale / s;
   float* p = d_p;
   launch_1d(GVEX_SITE, n, GVEX_LAMBDA(int i) { p[i] = fmaf(p[i] - m, k, offset); });
-}
-
-void hcuda_norm_withmask_applymask_inplace(float* d_p, const float* d_w, unsigned long n, float scale, float offset) {
-  hcuda_norm_withmask_inplace(d_p, d_w, n, scale, offset);
-  hcuda_apply_mask_inplace(d_p, d_w, n);
-}
-
-void gpu_norm_withmask_applymask(float* out, const float* in, const float* w, unsigned long n, float scale,
-                                 float offset) {
-  DeviceArray<float> d_p(n), d_w(n);
-  memcpy_H2D(d_p.get(), in, n * sizeof(float));
-  memcpy_H2D(d_w.get(), w, n * sizeof(float));
-  hcuda_norm_withmask_applymask_inplace(d_p.get(), d_w.get(), n, scale, offset);
-  memcpy_D2H(out, d_p.get(), n * sizeof(float));
-}
-
-void gpu_norm_withmask_applymask_inplace(float* p, const float* w, unsigned long n, float scale, float offset) {
-  gpu_norm_withmask_applymask(p, p, w, n, scale, offset);
 }

@@ -146,21 +146,12 @@ int read_star_records(FILE* fp, PTCL_BOX* boxes, int max, const char* name) {
   return n;
 }
 
-void print_box_line(FILE* fp, const PTCL_BOX& b) {
-  fprintf(fp, "%-8d%-8d%-8d%-8d%-8.6f        %-8d%-8.6f\n", b.x, b.y, b.bx, b.by, b.cc, b.cls, b.psi);
-}
-
 // Position of a peak index in an nx-wide image, and whether a box of half
 // size h around it lies strictly inside nx x ny.
 bool peak_inside(unsigned int p, int nx, int ny, int h, long& x, long& y) {
   x = (long)(p % (unsigned int)nx);
   y = (long)(p / (unsigned int)nx);
   return h < x && x < (long)nx - h && h < y && y < (long)ny - h;
-}
-
-void close_written(FILE* fp, const char* name, const char* func, const char* module, int line) {
-  const bool bad = ferror(fp) != 0;
-  if (fclose(fp) != 0 || bad) io_write_failed(name, func, module, line);
 }
 
 }  // namespace
@@ -203,44 +194,6 @@ int read_all_ptcl_boxes(PTCL_BOX* boxes, int max, const char* name) {
   return n;
 }
 
-int get_ptcl_number_from_boxf(const char* name) {
-  FILE* fp = fopen(name, "r");
-  if (!fp) {
-    printf("Cannot open file %s!\n", name);
-    gvex_fatal("get_ptcl_number_from_boxf", MODULE, __LINE__, "open file failed.");
-  }
-  LineReader line;
-  char* w[7];
-  int n = 0;
-  while (line.next(fp))
-    if (split_words(line.buf, w, 7, WORD_SEPS) >= 7) n++;
-  fclose(fp);
-  return n;
-}
-
-int fprint_all_ptcl_boxes(const char* name, const PTCL_BOX* boxes, long n) {
-  FILE* fp = fopen(name, "w+");
-  if (!fp) {
-    printf("Cannot open file %s. strike any key exit!\n", name);
-    gvex_fatal("fprint_all_ptcl_boxes", MODULE, __LINE__, "open file failed.");
-  }
-  if (n > GVEX_MAX_PTCLS) n = GVEX_MAX_PTCLS;
-  int written = 0;
-  for (long i = 0; i < n; i++) {
-    if (boxes[i].bx == 0 || boxes[i].by == 0) continue;
-    print_box_line(fp, boxes[i]);
-    written++;
-  }
-  close_written(fp, name, "fprint_all_ptcl_boxes", MODULE, __LINE__);
-  return written;
-}
-
-void print_all_ptcl_boxes(const PTCL_BOX* boxes, long n) {
-  if (n > GVEX_MAX_PTCLS) n = GVEX_MAX_PTCLS;
-  for (long i = 0; i < n; i++)
-    if (boxes[i].bx != 0 && boxes[i].by != 0) print_box_line(stdout, boxes[i]);
-}
-
 // ---------------------------------------------------------------------------
 // STAR tables
 
@@ -274,14 +227,6 @@ int star_read_head(FILE* fp, StarHead* head) {
     }
   }
   return head->n;
-}
-
-int starf_read_head(const char* name, StarHead* head) {
-  FILE* fp = fopen(name, "r");
-  if (!fp) gvex_open_read_failed(name, "starf_read_head", MODULE, __LINE__);
-  const int n = star_read_head(fp, head);
-  fclose(fp);
-  return n;
 }
 
 void set_info_index_from_star_head(const StarHead* head, ParticleInfoIndex* index) {
@@ -366,17 +311,6 @@ void output_starbox_head_XYonly(FILE* fp) {
   fprintf(fp, "_rlnCoordinateY #2\n");
 }
 
-void gvexmatch_output_star_head(FILE* fp) {
-  rewind(fp);
-  fprintf(fp, "\ndata_\n");
-  fprintf(fp, "\nloop_\n");
-  fprintf(fp, "_rlnCoordinateX #1\n");
-  fprintf(fp, "_rlnCoordinateY #2\n");
-  fprintf(fp, "_rlnClassNumber #3\n");
-  fprintf(fp, "_rlnAnglePsi #4\n");
-  fprintf(fp, "_rlnAutopickFigureOfMerit #5\n");
-}
-
 int output_vexmatch_coord_one_temp(FILE* fp, const unsigned int* peaks, const float* cc, const float* psi, int temp,
                                    int n, int nx, int ny, int box) {
   if (nx <= 0) return 0;
@@ -388,25 +322,6 @@ int output_vexmatch_coord_one_temp(FILE* fp, const unsigned int* peaks, const fl
     fprintf(fp, "%-8d%-8d%-8d%-8d%-8.6f\t%-8d\t%-8.3f\n", (int)(x - h), (int)(y - h), box, box, cc[i], temp, psi[i]);
     written++;
   }
-  return written;
-}
-
-int output_vexmatch_star_one_temp(const char* name, const unsigned int* peaks, const float* cc, const float* psi,
-                                  int temp, int n, int nx, int ny, int box) {
-  FILE* fp = fopen(name, "w+");
-  if (!fp) gvex_open_write_failed(name, "output_vexmatch_star_one_temp", MODULE, __LINE__);
-  gvexmatch_output_star_head(fp);
-  const int h = box / 2;
-  int written = 0;
-  for (int i = 0; nx > 0 && i < n; i++) {
-    long x = 0, y = 0;
-    if (peaks[i] == 0 || !peak_inside(peaks[i], nx, ny, h, x, y)) continue;
-    // Angle under _rlnClassNumber and template under _rlnAnglePsi, as the
-    // files of this writer have always been.
-    fprintf(fp, "%-8d%-8d%-8.6f\t%-8d\t%-8.3f\n", (int)x, (int)y, psi[i], temp, cc[i]);
-    written++;
-  }
-  close_written(fp, name, "output_vexmatch_star_one_temp", MODULE, __LINE__);
   return written;
 }
 

@@ -17,11 +17,6 @@ void empty_all_ptcl_boxes(PTCL_BOX* boxes, long n);
 int get_boxf_suffixf(const char* name);
 // Fills up to max records (max <= 0 reads nothing) and returns their number.
 int read_all_ptcl_boxes(PTCL_BOX* boxes, int max, const char* name);
-// Lines holding at least seven words.
-int get_ptcl_number_from_boxf(const char* name);
-// Records 0 .. n-1 (at most 10,000,000) with non-zero bx and by.
-int fprint_all_ptcl_boxes(const char* name, const PTCL_BOX* boxes, long n);
-void print_all_ptcl_boxes(const PTCL_BOX* boxes, long n);
 
 // ---- STAR tables ----
 constexpr int STAR_MAX_LABELS = 512;
@@ -46,7 +41,6 @@ StarHead* star_head_new();                   // zeroed; release with free()
 ParticleInfoIndex* particle_info_index_new();  // zeroed; release with free()
 // Returns the number of labels read.
 int star_read_head(FILE* fp, StarHead* head);
-int starf_read_head(const char* name, StarHead* head);
 void set_info_index_from_star_head(const StarHead* head, ParticleInfoIndex* index);
 // Leaves fp at the start of data line n (0-based) after the header.
 int star_set_pointer(FILE* fp, int n);
@@ -54,13 +48,10 @@ int star_set_pointer(FILE* fp, int n);
 // ---- writers ----
 void output_starbox_head(FILE* fp);
 void output_starbox_head_XYonly(FILE* fp);
-void gvexmatch_output_star_head(FILE* fp);
 // Per-template pick lists: peaks are pixel indices y*nx+x of an nx-wide
 // image (0 = none); only boxes strictly inside the image are written.
 int output_vexmatch_coord_one_temp(FILE* fp, const unsigned int* peaks, const float* cc, const float* psi, int temp,
                                    int n, int nx, int ny, int box);
-int output_vexmatch_star_one_temp(const char* name, const unsigned int* peaks, const float* cc, const float* psi,
-                                  int temp, int n, int nx, int ny, int box);
 // Rejected grid cells; format 1 writes STAR, anything else box lines.
 int output_ice_coord(const char* path, const unsigned int* grid, const float* cell_ave, const float* cell_sigma,
                      int nx, int ny, int2 origin, int c, int shrink, int format);

@@ -337,19 +337,6 @@ int write_head_ddata_named(FILE* fp, MRC_HEAD* head, const float* d_data, const 
   return write_head_data_named(fp, head, host.data(), name, func, line);
 }
 
-int read_data_check(const char* name, MRC_HEAD* head, float* out, int nx, int ny, int nz, bool use_z,
-                    const char* func, int line) {
-  FILE* fp = open_read(name, func, line);
-  read_head_named(fp, head, name, func, line);
-  if (head->nx != nx || head->ny != ny || (use_z && head->nz != nz)) {
-    fclose(fp);
-    return -1;
-  }
-  const int r = read_all_named(fp, head, out, false, name, func, line);
-  fclose(fp);
-  return r;
-}
-
 }  // namespace
 
 // ---------------------------------------------------------------------------
@@ -404,18 +391,6 @@ void mrc_set_head_xyz_mode(MRC_HEAD* head, int nx, int ny, int nz, int mode) {
   head->mode = mode;
 }
 
-void mrc_set_head_xyz_mmm(MRC_HEAD* head, int nx, int ny, int nz, float min, float max, float mean) {
-  mrc_set_head_xyz(head, nx, ny, nz);
-  if (min > max) {
-    const float t = min;
-    min = max;
-    max = t;
-  }
-  head->amin = min;
-  head->amax = max;
-  head->amean = mean;
-}
-
 void mrc_set_head_mmm_from_data(MRC_HEAD* head, const float* data, unsigned long n) {
   float mx = 0.0f, mn = 0.0f, mean = 0.0f;
   max_min_mean_value(data, n, mx, mn, mean);
@@ -423,18 +398,6 @@ void mrc_set_head_mmm_from_data(MRC_HEAD* head, const float* data, unsigned long
   head->amin = mn;
   head->amean = mean;
 }
-
-int mrc_check_head(const MRC_HEAD* head) {
-  if (head && stamped(head)) return 0;
-  printf("Warning: in function 'mrc_check_head()'! Not a valid mrc file head!\n");
-  return -1;
-}
-
-int mrc_check_even_size(const MRC_HEAD* head) { return (head->nx % 2 != 0 || head->ny % 2 != 0) ? -1 : 0; }
-
-bool is_mrc_square(const MRC_HEAD* head) { return head->nx == head->ny; }
-
-bool is_mrc_cube(const MRC_HEAD* head) { return head->nx == head->ny && head->ny == head->nz; }
 
 // ---------------------------------------------------------------------------
 // modes
@@ -506,32 +469,9 @@ int mrc_check_fsize(FILE* fp, const MRC_HEAD* head) {
   return 0;
 }
 
-int mrc_read_all(FILE* fp, const MRC_HEAD* head, float* out) {
-  char buf[NAME_BUF];
-  return read_all_named(fp, head, out, true, io_stream_name(fp, buf, sizeof buf), "mrc_read_all", __LINE__);
-}
-
-int mrc_read_all_nocheck(FILE* fp, const MRC_HEAD* head, float* out) {
-  char buf[NAME_BUF];
-  return read_all_named(fp, head, out, false, io_stream_name(fp, buf, sizeof buf), "mrc_read_all_nocheck",
-                        __LINE__);
-}
-
 int mrc_read_slice(FILE* fp, const MRC_HEAD* head, int n, char axis, float* out) {
   char buf[NAME_BUF];
   return read_slice_named(fp, head, n, axis, out, io_stream_name(fp, buf, sizeof buf), "mrc_read_slice", __LINE__);
-}
-
-int mrc_read_slice_double(FILE* fp, const MRC_HEAD* head, int n, char axis, double* out) {
-  char buf[NAME_BUF];
-  return read_slice_named(fp, head, n, axis, out, io_stream_name(fp, buf, sizeof buf), "mrc_read_slice_double",
-                          __LINE__);
-}
-
-int mrc_read_slice_byte(FILE* fp, const MRC_HEAD* head, int n, char axis, unsigned char* out) {
-  char buf[NAME_BUF];
-  return read_slice_named(fp, head, n, axis, out, io_stream_name(fp, buf, sizeof buf), "mrc_read_slice_byte",
-                          __LINE__);
 }
 
 // ---------------------------------------------------------------------------
@@ -543,16 +483,6 @@ MRC_HEAD* get_mrcf_head(const char* name) {
   read_head_named(fp, head, name, "get_mrcf_head", __LINE__);
   fclose(fp);
   return head;
-}
-
-float* get_mrcf_data_sliceN(const char* name, int n) {
-  FILE* fp = open_read(name, "get_mrcf_data_sliceN", __LINE__);
-  MRC_HEAD head;
-  read_head_named(fp, &head, name, "get_mrcf_data_sliceN", __LINE__);
-  float* out = new_floats((size_t)head.nx * (size_t)head.ny, name, "get_mrcf_data_sliceN", __LINE__);
-  read_slice_named(fp, &head, n, 'z', out, name, "get_mrcf_data_sliceN", __LINE__);
-  fclose(fp);
-  return out;
 }
 
 float* get_mrcf_data_all(const char* name) {
@@ -572,66 +502,6 @@ int mrcf_read_head(const char* name, MRC_HEAD* head) {
   read_head_named(fp, head, name, "mrcf_read_head", __LINE__);
   fclose(fp);
   return 0;
-}
-
-int mrcf_read_all(const char* name, float* out) {
-  FILE* fp = open_read(name, "mrcf_read_all", __LINE__);
-  MRC_HEAD head;
-  read_head_named(fp, &head, name, "mrcf_read_all", __LINE__);
-  const int r = read_all_named(fp, &head, out, true, name, "mrcf_read_all", __LINE__);
-  fclose(fp);
-  return r;
-}
-
-int get_mrcf_head_data(const char* name, MRC_HEAD* head, float* out) {
-  FILE* fp = open_read(name, "get_mrcf_head_data", __LINE__);
-  read_head_named(fp, head, name, "get_mrcf_head_data", __LINE__);
-  const int r = read_all_named(fp, head, out, true, name, "get_mrcf_head_data", __LINE__);
-  fclose(fp);
-  return r;
-}
-
-int mrcf_read_head_data_nocheck(const char* name, MRC_HEAD* head, float* out) {
-  FILE* fp = open_read(name, "mrcf_read_head_data_nocheck", __LINE__);
-  read_head_named(fp, head, name, "mrcf_read_head_data_nocheck", __LINE__);
-  const int r = read_all_named(fp, head, out, false, name, "mrcf_read_head_data_nocheck", __LINE__);
-  fclose(fp);
-  return r;
-}
-
-int mrcf_read_data_check_xy(const char* name, float* out, int nx, int ny) {
-  MRC_HEAD head;
-  return read_data_check(name, &head, out, nx, ny, 0, false, "mrcf_read_data_check_xy", __LINE__);
-}
-
-int mrcf_read_data_check_xyz(const char* name, float* out, int nx, int ny, int nz) {
-  MRC_HEAD head;
-  return read_data_check(name, &head, out, nx, ny, nz, true, "mrcf_read_data_check_xyz", __LINE__);
-}
-
-int mrcf_read_head_data_check_xy(const char* name, MRC_HEAD* head, float* out, int nx, int ny) {
-  return read_data_check(name, head, out, nx, ny, 0, false, "mrcf_read_head_data_check_xy", __LINE__);
-}
-
-int mrcf_read_head_data_check_xyz(const char* name, MRC_HEAD* head, float* out, int nx, int ny, int nz) {
-  return read_data_check(name, head, out, nx, ny, nz, true, "mrcf_read_head_data_check_xyz", __LINE__);
-}
-
-int mrcf_check_head(const char* name) {
-  FILE* fp = open_read(name, "mrcf_check_head", __LINE__);
-  // The raw bytes: the stamping reader would make every header look valid.
-  MRC_HEAD head;
-  const bool whole = fread(&head, HEAD_BYTES, 1, fp) == 1;
-  fclose(fp);
-  if (whole && stamped(&head)) return 0;
-  printf("Warning: in function 'mrcf_check_head()'! '%s' is not a valid mrc file !\n", name);
-  return -1;
-}
-
-const char* mrcf_get_head_mode(const char* name) {
-  MRC_HEAD head;
-  mrcf_read_head(name, &head);
-  return mrc_mode_name(head.mode);
 }
 
 long get_mrcf_dim_size(const char* name, const char* key) {
@@ -687,12 +557,6 @@ int mrc_write_head_data(FILE* fp, MRC_HEAD* head, const float* data) {
                                __LINE__);
 }
 
-int mrc_write_head_ddata(FILE* fp, MRC_HEAD* head, const float* d_data) {
-  char buf[NAME_BUF];
-  return write_head_ddata_named(fp, head, d_data, io_stream_name(fp, buf, sizeof buf), "mrc_write_head_ddata",
-                                __LINE__);
-}
-
 int mrcf_write_xyz_data(const char* name, const float* data, int nx, int ny, int nz) {
   FILE* fp = open_write(name, "mrcf_write_xyz_data", __LINE__);
   MRC_HEAD* head = mrc_new_head();
@@ -710,20 +574,6 @@ int mrcf_write_xyz_ddata(const char* name, const float* d_data, int nx, int ny, 
   write_head_ddata_named(fp, head, d_data, name, "mrcf_write_xyz_ddata", __LINE__);
   mrc_delete_head(head);
   close_written(fp, name, "mrcf_write_xyz_ddata", __LINE__);
-  return 0;
-}
-
-int mrcf_write_head_data(const char* name, MRC_HEAD* head, const float* data) {
-  FILE* fp = open_write(name, "mrcf_write_head_data", __LINE__);
-  write_head_data_named(fp, head, data, name, "mrcf_write_head_data", __LINE__);
-  close_written(fp, name, "mrcf_write_head_data", __LINE__);
-  return 0;
-}
-
-int mrcf_write_head_ddata(const char* name, MRC_HEAD* head, const float* d_data) {
-  FILE* fp = open_write(name, "mrcf_write_head_ddata", __LINE__);
-  write_head_ddata_named(fp, head, d_data, name, "mrcf_write_head_ddata", __LINE__);
-  close_written(fp, name, "mrcf_write_head_ddata", __LINE__);
   return 0;
 }
 
@@ -751,48 +601,3 @@ void set_outname_by_suffix(char* out, const char* in, const char* suffix) {
 
 // ---------------------------------------------------------------------------
 // square views
-
-int get_max_square_even_size(int nx, int ny) {
-  const int ex = nx % 2 != 0 ? nx - 1 : nx;
-  const int ey = ny % 2 != 0 ? ny - 1 : ny;
-  return ex < ey ? ex : ey;
-}
-
-int2 get_max_square_clip_origin(int nx, int ny) {
-  int2 o;
-  if (nx > ny) {
-    o.x = (nx - ny) / 2;
-    o.y = 0;
-  } else {
-    o.x = 0;
-    o.y = (ny - nx) / 2;
-  }
-  return o;
-}
-
-int get_max_extended_square_even_size(int nx, int ny, int s) {
-  const int a = (nx / (2 * s)) * 2;
-  const int b = (ny / (2 * s)) * 2;
-  return a > b ? a : b;
-}
-
-static int read_square(FILE* fp, const MRC_HEAD* head, float* out, int size, int2 origin, const char* func,
-                       int line) {
-  if (head->nx < size || head->ny < size) gvex_fatal(func, MODULE, line, "Can not read micrograph. File Size issue");
-  char buf[NAME_BUF];
-  const char* name = io_stream_name(fp, buf, sizeof buf);
-  float* image = new_floats((size_t)head->nx * (size_t)head->ny, name, func, line);
-  read_slice_named(fp, head, 0, 'z', image, name, func, line);
-  cpu_x2d_extract_small_from_large(out, size, size, image, head->nx, head->ny, origin.x, origin.y);
-  free(image);
-  return 0;
-}
-
-int mrc_read_square_even(FILE* fp, const MRC_HEAD* head, float* out, int size, int2 origin) {
-  return read_square(fp, head, out, size, origin, "mrc_read_square_even", __LINE__);
-}
-
-// Same as mrc_read_square_even, size check included: it does not pad.
-int mrc_read_square_even_extend(FILE* fp, const MRC_HEAD* head, float* out, int size, int2 origin) {
-  return read_square(fp, head, out, size, origin, "mrc_read_square_even_extend", __LINE__);
-}

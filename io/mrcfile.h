@@ -62,14 +62,7 @@ void mrc_set_head_stmp(MRC_HEAD* head);  // "MAP " and "DA\0\0"
 void mrc_set_head_mode(MRC_HEAD* head, int mode);
 void mrc_set_head_xyz(MRC_HEAD* head, int nx, int ny, int nz);
 void mrc_set_head_xyz_mode(MRC_HEAD* head, int nx, int ny, int nz, int mode);
-// min and max are swapped first when min > max.
-void mrc_set_head_xyz_mmm(MRC_HEAD* head, int nx, int ny, int nz, float min, float max, float mean);
 void mrc_set_head_mmm_from_data(MRC_HEAD* head, const float* data, unsigned long n);
-// 0 when bytes 208-210 read "MAP", else a warning line and -1.
-int mrc_check_head(const MRC_HEAD* head);
-int mrc_check_even_size(const MRC_HEAD* head);  // -1 when nx or ny is odd
-bool is_mrc_square(const MRC_HEAD* head);
-bool is_mrc_cube(const MRC_HEAD* head);
 
 // ---- modes ----
 // Bytes per stored element (0 for a mode without a known size).
@@ -88,28 +81,13 @@ long get_file_size(FILE* fp);  // the stream position is kept
 int mrc_read_head(FILE* fp, MRC_HEAD* head);
 // 0 when the file is exactly 1024 + element size x nx x ny x nz bytes.
 int mrc_check_fsize(FILE* fp, const MRC_HEAD* head);
-int mrc_read_all(FILE* fp, const MRC_HEAD* head, float* out);
-int mrc_read_all_nocheck(FILE* fp, const MRC_HEAD* head, float* out);
 // One plane along axis 'x', 'y' or 'z' (either case); n is the plane number.
 int mrc_read_slice(FILE* fp, const MRC_HEAD* head, int n, char axis, float* out);
-int mrc_read_slice_double(FILE* fp, const MRC_HEAD* head, int n, char axis, double* out);
-// Float pixels are clamped to 0..255 (NaN gives 0); integers keep their low byte.
-int mrc_read_slice_byte(FILE* fp, const MRC_HEAD* head, int n, char axis, unsigned char* out);
 
 // ---- reading by file name (open failures are fatal) ----
 MRC_HEAD* get_mrcf_head(const char* name);
-float* get_mrcf_data_sliceN(const char* name, int n);  // caller frees
 float* get_mrcf_data_all(const char* name);            // caller frees
 int mrcf_read_head(const char* name, MRC_HEAD* head);
-int mrcf_read_all(const char* name, float* out);
-int get_mrcf_head_data(const char* name, MRC_HEAD* head, float* out);
-int mrcf_read_head_data_nocheck(const char* name, MRC_HEAD* head, float* out);
-int mrcf_read_data_check_xy(const char* name, float* out, int nx, int ny);
-int mrcf_read_data_check_xyz(const char* name, float* out, int nx, int ny, int nz);
-int mrcf_read_head_data_check_xy(const char* name, MRC_HEAD* head, float* out, int nx, int ny);
-int mrcf_read_head_data_check_xyz(const char* name, MRC_HEAD* head, float* out, int nx, int ny, int nz);
-int mrcf_check_head(const char* name);
-const char* mrcf_get_head_mode(const char* name);
 long get_mrcf_dim_size(const char* name, const char* key);
 // 0 when sizes and mode agree; otherwise prints both headers and exits 1.
 int check_mrc_head_sizes_two(const char* name1, const char* name2, const MRC_HEAD* head1, const MRC_HEAD* head2);
@@ -117,11 +95,8 @@ int check_mrc_head_sizes_two(const char* name1, const char* name2, const MRC_HEA
 // ---- writing (mode 2 only; statistics are recomputed from the data) ----
 int mrc_write_head(FILE* fp, const MRC_HEAD* head);
 int mrc_write_head_data(FILE* fp, MRC_HEAD* head, const float* data);
-int mrc_write_head_ddata(FILE* fp, MRC_HEAD* head, const float* d_data);
 int mrcf_write_xyz_data(const char* name, const float* data, int nx, int ny, int nz);
 int mrcf_write_xyz_ddata(const char* name, const float* d_data, int nx, int ny, int nz);
-int mrcf_write_head_data(const char* name, MRC_HEAD* head, const float* data);
-int mrcf_write_head_ddata(const char* name, MRC_HEAD* head, const float* d_data);
 
 // ---- file names ----
 int get_micrograph_suffixn(const char* name);  // 4 ".mrc", 5 ".mrcs", else 0
@@ -130,8 +105,3 @@ int get_micrograph_suffixn(const char* name);  // 4 ".mrc", 5 ".mrcs", else 0
 void set_outname_by_suffix(char* out, const char* in, const char* suffix);
 
 // ---- square views ----
-int get_max_square_even_size(int nx, int ny);
-int2 get_max_square_clip_origin(int nx, int ny);
-int get_max_extended_square_even_size(int nx, int ny, int s);
-int mrc_read_square_even(FILE* fp, const MRC_HEAD* head, float* out, int size, int2 origin);
-int mrc_read_square_even_extend(FILE* fp, const MRC_HEAD* head, float* out, int size, int2 origin);

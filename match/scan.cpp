@@ -71,11 +71,6 @@ bool ScanWorkspace::reserve_spectrum(unsigned long bytes) {
   return true;
 }
 
-void ScanWorkspace::clear_spectra() {
-  if (impl_) impl_->store.clear();
-  used_ = 0;
-}
-
 // Per-element bodies of the running maximum. The comparison is false for
 // equal values and whenever either side is NaN.
 GVEX_HD inline void hd_update_ccmax(float* m, const float* c, long i) {
@@ -291,10 +286,4 @@ int vexmatch_ccmax_psi_by_one_template(float* mic, float* mask, float* ccmax, fl
     hcuda_2d_divide_inplace(ccmax, nx, ny, D);
   }
   return 0;
-}
-
-int vexmatch_ccmax_by_one_template(float* mic, float* mask, float* ccmax, int nx, int ny, float* T, int tnx, int tny,
-                                   float R, float ang_start, float ang_end, float ang_step, ScanWorkspace* ws) {
-  return vexmatch_ccmax_psi_by_one_template(mic, mask, ccmax, nullptr, 0, nx, ny, T, tnx, tny, R, ang_start, ang_end,
-                                            ang_step, ws);
 }

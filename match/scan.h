@@ -50,11 +50,6 @@ int vexmatch_ccmax_psi_by_one_template(float* mic, float* mask, float* ccmax, fl
                                        float* T, int tnx, int tny, float R, float ang_start, float ang_end,
                                        float ang_step, ScanWorkspace* ws = nullptr);
 
-// The same without angle map.
-int vexmatch_ccmax_by_one_template(float* mic, float* mask, float* ccmax, int nx, int ny, float* T, int tnx, int tny,
-                                   float R, float ang_start, float ang_end, float ang_step,
-                                   ScanWorkspace* ws = nullptr);
-
 // Running maximum: ccmax[i] = cc[i] (and psi[i] = ang) where cc[i] >
 // ccmax[i]; equal values and NaN change nothing.
 void hcuda_update_ccmax_2d(float* ccmax, float* cc, int nx, int ny);

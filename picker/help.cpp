@@ -94,5 +94,3 @@ void gvexmatch_put_one_random_tip() {
   gettimeofday(&tv, nullptr);
   gvexmatch_put_tip_for_seed((long)tv.tv_sec);
 }
-
-const char* gvexmatch_tip_text(int i) { return i >= 0 && i < GVEX_N_TIPS ? k_tips[i] : nullptr; }

@@ -24,6 +24,3 @@ void gvexmatch_put_one_random_tip();
 
 // What gvexmatch_put_one_random_tip prints when the clock reads `seconds`.
 void gvexmatch_put_tip_for_seed(long seconds);
-
-// Entry i (0-based) of the tip table; null outside 0..8.
-const char* gvexmatch_tip_text(int i);

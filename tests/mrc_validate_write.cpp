@@ -1,5 +1,5 @@
-// Writes MRC files through each of our writers (host and device data, our
-// header or the caller's, particle stacks) into the folder given as the only
+// Writes MRC files through each of our writers (host and device data,
+// images and stacks, particle stacks) into the folder given as the only
 // argument, with a line per file in manifest.txt for mrc_validate.py:
 //   <file> <nx> <ny> <nz> <ramp offset, or "any">
 // Ramp files hold x + 100*y + 10000*z + offset at pixel (x, y) of section z.
@@ -19,33 +19,28 @@ int main(int argc, char** argv) {
   if (!manifest) return 2;
   gvex_device_activate(0);
 
-  // from_device: the data are copied to the device first; own_head: a
-  // caller's header with stale statistics and an origin.
-  auto write = [&](const char* name, int nx, int ny, int nz, float offset, bool from_device, bool own_head) {
+  // from_device: the data are copied to the device first.
+  auto write = [&](const char* name, int nx, int ny, int nz, float offset, bool from_device) {
     std::vector<float> v((size_t)nx * ny * nz);
     for (size_t i = 0; i < v.size(); i++)
       v[i] = (float)(i % nx + 100 * (i / nx % ny) + 10000 * (i / nx / ny)) + offset;
     DeviceArray<float> d(v.size());
     memcpy_H2D(d.get(), v.data(), v.size() * sizeof(float));
-    MRC_HEAD* head = mrc_new_head();
-    mrc_set_head_xyz_mmm(head, nx, ny, nz, 5.0f, -5.0f, 0.0f);
-    head->xorigin = 12.0f;
-    if (own_head && from_device) mrcf_write_head_ddata(path(name).c_str(), head, d.get());
-    if (own_head && !from_device) mrcf_write_head_data(path(name).c_str(), head, v.data());
-    if (!own_head && from_device) mrcf_write_xyz_ddata(path(name).c_str(), d.get(), nx, ny, nz);
-    if (!own_head && !from_device) mrcf_write_xyz_data(path(name).c_str(), v.data(), nx, ny, nz);
-    mrc_delete_head(head);
+    if (from_device)
+      mrcf_write_xyz_ddata(path(name).c_str(), d.get(), nx, ny, nz);
+    else
+      mrcf_write_xyz_data(path(name).c_str(), v.data(), nx, ny, nz);
     fprintf(manifest, "%s %d %d %d %g\n", name, nx, ny, nz, offset);
   };
-  write("host_image.mrc", 37, 23, 1, 0.25f, false, false);
-  write("host_stack.mrcs", 16, 12, 5, -3.5f, false, false);
-  write("device_image.mrc", 20, 30, 1, 1.0f, true, false);
-  write("device_stack.mrcs", 8, 8, 4, 2.0f, true, true);
-  write("head_stack.mrcs", 10, 6, 2, -100.0f, false, true);
+  write("host_image.mrc", 37, 23, 1, 0.25f, false);
+  write("host_stack.mrcs", 16, 12, 5, -3.5f, false);
+  write("device_image.mrc", 20, 30, 1, 1.0f, true);
+  write("device_stack.mrcs", 8, 8, 4, 2.0f, true);
+  write("head_stack.mrcs", 10, 6, 2, -100.0f, false);
 
   // Particle stacks: three picks, one past the border, and no picks.
-  write("mic.mrc", 64, 48, 1, 0.0f, false, false);
-  write("empty.mrc", 64, 48, 1, 0.0f, false, false);
+  write("mic.mrc", 64, 48, 1, 0.0f, false);
+  write("empty.mrc", 64, 48, 1, 0.0f, false);
   FILE* fp = fopen(path("mic.box").c_str(), "w");
   fprintf(fp, "4 6 16 16 0.5 1 10.0\n-5 30 16 16 0.4 1 0.0\n50 40 16 16 0.3 1 0.0\n");
   fclose(fp);

@@ -86,7 +86,6 @@ TEST(BoxRead, FilesAndTheirRecords) {
   const std::string f = dir.file("a.box");
   EXPECT_EQ(read_boxes(f, 2).size(), 2u);
   EXPECT_EQ(read_boxes(f, 0).size() + read_boxes(f, -3).size(), 0u);
-  EXPECT_EQ(get_ptcl_number_from_boxf(f.c_str()), 2);  // lines of seven words or more
 }
 
 TEST(BoxRead, UnknownSuffixAndOpenFailure) {
@@ -126,20 +125,8 @@ TEST(BoxRead, UnusableFilesAreFatal) {
   }
 }
 
-TEST(BoxWrite, RecordListsAndHeaders) {
+TEST(BoxWrite, HeadersOverwriteFromTheStart) {
   TempDir dir;
-  std::vector<PTCL_BOX> b(3, one_new_ptcl_box());
-  b[0] = {1, 2, 64, 64, 0.5f, 3, 45.0f, 0};
-  b[2] = {-5, 7, 32, 16, 0.125f, -1, -2.5f, 0};  // b[1] has no box: skipped
-  EXPECT_EQ(fprint_all_ptcl_boxes(dir.file("o.box").c_str(), b.data(), 3), 2);
-  EXPECT_EQ(read_text_file(dir.file("o.box")),
-            "1       2       64      64      0.500000        3       45.000000\n"
-            "-5      7       32      16      0.125000        -1      -2.500000\n");
-  EXPECT_EQ(read_boxes(dir.file("o.box")), (Lines{"1 2 64 64 0.5 3 45", "-5 7 32 16 0.125 -1 -2.5"}));
-  expect_fatal_line(capture_run([&] { fprint_all_ptcl_boxes(dir.file("x/y.box").c_str(), b.data(), 3); }),
-                    "Cannot open file " + dir.file("x/y.box") + ". strike any key exit!\n",
-                    "Error in function fprint_all_ptcl_boxes(), file boxfile on line ");
-
   // Headers are written from the start of the file, over what was there;
   // the picker's own lists put the class before psi.
   FILE* fp = fopen(dir.file("h.star").c_str(), "w+");
@@ -147,12 +134,6 @@ TEST(BoxWrite, RecordListsAndHeaders) {
   output_starbox_head(fp);
   fclose(fp);
   EXPECT_EQ(read_text_file(dir.file("h.star")).substr(0, kPickerStarHead.size()), kPickerStarHead);
-  fp = fopen(dir.file("g.star").c_str(), "w+");
-  gvexmatch_output_star_head(fp);
-  fclose(fp);
-  EXPECT_EQ(read_text_file(dir.file("g.star")),
-            "\ndata_\n\nloop_\n_rlnCoordinateX #1\n_rlnCoordinateY #2\n_rlnClassNumber #3\n_rlnAnglePsi #4\n"
-            "_rlnAutopickFigureOfMerit #5\n");
 }
 
 // Per-template lists: a box of 10 (h = 5) in a 20 x 16 image is written only
@@ -169,13 +150,6 @@ TEST(BoxWrite, PerTemplateListsKeepStrictBounds) {
   EXPECT_EQ(read_text_file(dir.file("t.box")),
             "1       1       10      10      0.250000\t2       \t2.500   \n"
             "9       5       10      10      0.500000\t2       \t355.000 \n");
-  // STAR form: centres, the angle under the class label, the template under psi's.
-  EXPECT_EQ(output_vexmatch_star_one_temp(dir.file("t.star").c_str(), peaks, cc, psi, 2, 7, nx, ny, box), 2);
-  EXPECT_EQ(read_text_file(dir.file("t.star")),
-            "\ndata_\n\nloop_\n_rlnCoordinateX #1\n_rlnCoordinateY #2\n_rlnClassNumber #3\n_rlnAnglePsi #4\n"
-            "_rlnAutopickFigureOfMerit #5\n"
-            "6       6       2.500000\t2       \t0.250   \n"
-            "14      10      355.000000\t2       \t0.500   \n");
 }
 
 // Rejected cells: 40 x 30 shrunk pixels, cells of 10 (4 x 3 cells), shrink 4,

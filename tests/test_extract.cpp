@@ -68,8 +68,9 @@ class ExtractFiles : public testing::Test {
     MRC_HEAD h;
     mrcf_read_head(dir.file(name).c_str(), &h);
     EXPECT_TRUE(h.nx == expect_box && h.ny == expect_box && h.nz == expect_n && h.mode == 2);
-    std::vector<float> s((size_t)h.nx * h.ny * h.nz);
-    get_mrcf_head_data(dir.file(name).c_str(), &h, s.data());
+    float* all = get_mrcf_data_all(dir.file(name).c_str());
+    std::vector<float> s(all, all + (size_t)h.nx * h.ny * h.nz);
+    free(all);
     return s;
   }
 };

@@ -35,16 +35,20 @@ TEST(FftTransforms, ForwardMatchesDirectDftAndInverseScalesByPixelCount) {
                   Shape{5, 1}}) {
     const int nxh = s.nx / 2 + 1, n = s.nx * s.ny;
     const Vec img = uniform(n, 11 + s.nx * 31 + s.ny);
+    DevVec d_img(img), d_back(n);
+    DeviceArray<float2> d_spec((size_t)nxh * s.ny);
+    FftPlan2d& plan = gvex_fft_plan(s.nx, s.ny);
+    plan.r2c(d_img.get(), d_spec.get());
     Spectrum spectrum((size_t)nxh * s.ny);
-    Vec back(n);
-    gpu_2d_fft_r2c(img.data(), spectrum.data(), s.nx, s.ny);
+    memcpy_D2H(spectrum.data(), d_spec.get(), spectrum.size() * sizeof(float2));
     const auto want = ref::dft_r2c(img.data(), s.nx, s.ny);
     const double tol = 1e-6 * ref::abs_sum(img.data(), n);
     for (int i = 0; i < nxh * s.ny; i++) {
       ASSERT_NEAR(spectrum[i].x, want[i].real(), tol) << s.nx << "x" << s.ny << " element " << i;
       ASSERT_NEAR(spectrum[i].y, want[i].imag(), tol) << s.nx << "x" << s.ny << " element " << i;
     }
-    gpu_2d_fft_c2r(spectrum.data(), back.data(), s.nx, s.ny);
+    plan.c2r(d_spec.get(), d_back.get());
+    const Vec back = download(d_back.get(), n);
     for (int i = 0; i < n; i++) ASSERT_NEAR(back[i], (double)n * img[i], 1e-5 * n) << s.nx << "x" << s.ny;
   }
 }
@@ -124,13 +128,14 @@ TEST(FourierKernels, CentreSwapExchangesQuadrantsAndUndoesItself) {
   for (Shape s : {Shape{6, 4}, Shape{8, 10}, Shape{64, 64}}) {
     Vec p(s.nx * s.ny);
     for (size_t i = 0; i < p.size(); i++) p[i] = (float)i;
-    Vec q = p;
-    hcuda_2d_swap_ccf_inplace(q.data(), s.nx, s.ny);
+    DevVec d_q(p);
+    hcuda_2d_swap_ccf_inplace(d_q.get(), s.nx, s.ny);
+    const Vec q = download(d_q.get(), p.size());
     for (int y = 0; y < s.ny; y++)
       for (int x = 0; x < s.nx; x++)
         ASSERT_EQ(q[((y + s.ny / 2) % s.ny) * s.nx + (x + s.nx / 2) % s.nx], p[y * s.nx + x]);
-    hcuda_2d_swap_ccf_inplace(q.data(), s.nx, s.ny);
-    EXPECT_EQ(p, q);
+    hcuda_2d_swap_ccf_inplace(d_q.get(), s.nx, s.ny);
+    EXPECT_EQ(download(d_q.get(), p.size()), p);
   }
 }
 
@@ -138,13 +143,14 @@ TEST(FourierKernels, CentreSwapExchangesQuadrantsAndUndoesItself) {
 // computes it: forward, A * conj(B) / (nx*ny), inverse.
 Vec correlate(const Vec& m, const Vec& t, int nx, int ny) {
   const int nxh = nx / 2 + 1;
-  Spectrum M((size_t)nxh * ny), T(M.size());
-  Vec cc(m.size());
-  hcuda_2d_fft_r2c(m.data(), M.data(), nx, ny);
-  hcuda_2d_fft_r2c(t.data(), T.data(), nx, ny);
-  hcuda_c2d_multconj_norm_inplace(M.data(), T.data(), nxh, ny, (float)(nx * ny));
-  hcuda_2d_fft_c2r(M.data(), cc.data(), nx, ny);
-  return cc;
+  DevVec d_m(m), d_t(t), d_cc(m.size());
+  DeviceArray<float2> M((size_t)nxh * ny), T((size_t)nxh * ny);
+  FftPlan2d& plan = gvex_fft_plan(nx, ny);
+  plan.r2c(d_m.get(), M.get());
+  plan.r2c(d_t.get(), T.get());
+  hcuda_c2d_multconj_norm_inplace(M.get(), T.get(), nxh, ny, (float)(nx * ny));
+  plan.c2r(M.get(), d_cc.get());
+  return download(d_cc.get(), m.size());
 }
 
 TEST(FourierKernels, SpectrumProductGivesTheCircularCorrelation) {
@@ -158,8 +164,9 @@ TEST(FourierKernels, SpectrumProductGivesTheCircularCorrelation) {
   // A unit impulse correlated with itself peaks, after the swap, at (nx/2, ny/2).
   Vec imp(16 * 12, 0.0f);
   imp[0] = 1.0f;
-  Vec cc = correlate(imp, imp, 16, 12);
-  hcuda_2d_swap_ccf_inplace(cc.data(), 16, 12);
+  DevVec d_cc(correlate(imp, imp, 16, 12));
+  hcuda_2d_swap_ccf_inplace(d_cc.get(), 16, 12);
+  const Vec cc = download(d_cc.get(), 16 * 12);
   for (int i = 0; i < 16 * 12; i++) EXPECT_NEAR(cc[i], i == 6 * 16 + 8 ? 1.0f : 0.0f, 1e-6f) << i;
 }
 

@@ -70,8 +70,9 @@ TEST(BandpassPadded, AllPassReturnsTheImageTimesThePaddedSize) {
   // remains, a factor (2n)^2.
   const int n = 24;
   const Vec in = uniform(n * n, 4);
-  Vec out(n * n);
-  hcuda_2d_bandpass_softR_mpad(in.data(), out.data(), n, 1.0f, 0.01f, INFINITY, 3.0f);
+  DevVec d(in);
+  hcuda_2d_bandpass_softR_mpad_inplace(d.get(), n, 1.0f, 0.01f, INFINITY, 3.0f);
+  const Vec out = download(d.get(), n * n);
   const double f = 4.0 * n * n;
   for (int i = 0; i < n * n; i++) ASSERT_NEAR(out[i], f * in[i], 1e-4 * f) << i;
 }
@@ -80,14 +81,15 @@ TEST(BandpassPadded, RemovesTheMeanAndIgnoresLimitOrder) {
   const int n = 32;
   Vec in = uniform(n * n, 7);
   for (float& v : in) v += 5.0f;  // a large mean to remove
-  // Out of place with (r1, r2); in place, as the picker calls them, swapped.
-  Vec a(n * n), b = in, c(n * n), d = in;
-  hcuda_2d_bandpass_guas_mpad(in.data(), a.data(), n, 2.0f, 8.0f, 40.0f);
-  hcuda_2d_bandpass_guas_mpad_inplace(b.data(), n, 2.0f, 40.0f, 8.0f);
-  hcuda_2d_bandpass_softR_mpad(in.data(), c.data(), n, 2.0f, 4.0f, 40.0f, 8.0f);
-  hcuda_2d_bandpass_softR_mpad_inplace(d.data(), n, 2.0f, 40.0f, 4.0f, 8.0f);
-  EXPECT_EQ(a, b);
-  EXPECT_EQ(c, d);
+  // The two limits in either order.
+  DevVec da(in), db(in), dc(in), dd(in);
+  hcuda_2d_bandpass_guas_mpad_inplace(da.get(), n, 2.0f, 8.0f, 40.0f);
+  hcuda_2d_bandpass_guas_mpad_inplace(db.get(), n, 2.0f, 40.0f, 8.0f);
+  hcuda_2d_bandpass_softR_mpad_inplace(dc.get(), n, 2.0f, 4.0f, 40.0f, 8.0f);
+  hcuda_2d_bandpass_softR_mpad_inplace(dd.get(), n, 2.0f, 40.0f, 4.0f, 8.0f);
+  const Vec a = download(da.get(), n * n), c = download(dc.get(), n * n);
+  EXPECT_EQ(a, download(db.get(), n * n));
+  EXPECT_EQ(c, download(dd.get(), n * n));
   for (const Vec* v : {&a, &c}) {  // the zero frequency is gone: mean 0
     const double typical = ref::abs_sum(v->data(), n * n) / (n * n);
     EXPECT_GT(typical, 0.0);
