@@ -30,10 +30,6 @@ void gvex_fatal(const char* func, const char* module, int line, const char* why)
   gvex_throw(gvex_fatal_line(func, module, line, why));
 }
 
-void gvex_fatal_at(const char* func, const char* path, int line, const char* why) {
-  gvex_fatal(func, gvex_module_name(path).c_str(), line, why);
-}
-
 int gvex_warning(const char* func, const char* module, int line, const char* why) {
   printf("Warning in function %s(), file %s on line %d: %s!\n", func, module, line, why);
   fflush(stdout);

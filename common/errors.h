@@ -31,10 +31,9 @@ int gvex_run_main(F&& body) {
 // "Error in function %s(), file %s on line %d: %s! Exit now!\n", status 1.
 std::string gvex_fatal_line(const char* func, const char* module, int line, const char* why);
 [[noreturn]] void gvex_fatal(const char* func, const char* module, int line, const char* why);
-// The same with the function, module (file name without extension) and line
-// of the call site filled in.
-#define GVEX_FAIL(why) gvex_fatal_at(__func__, __FILE__, __LINE__, (why))
-[[noreturn]] void gvex_fatal_at(const char* func, const char* path, int line, const char* why);
+// The same with the function and line of the call site filled in; each
+// source file names its module once as `gvex_module`.
+#define GVEX_FAIL(why) gvex_fatal(__func__, gvex_module, __LINE__, (why))
 
 // "Warning in function %s(), file %s on line %d: %s!\n"; returns -1.
 int gvex_warning(const char* func, const char* module, int line, const char* why);
@@ -44,8 +43,6 @@ int gvex_warning(const char* func, const char* module, int line, const char* why
 
 // "Cannot write to file %s. Permission denied or no space left!\n" + fatal "open file failed."
 [[noreturn]] void gvex_open_write_failed(const char* name, const char* func, const char* module, int line);
-#define GVEX_READ_FAILED(name) gvex_open_read_failed((name), __func__, gvex_module_name(__FILE__).c_str(), __LINE__)
-#define GVEX_WRITE_FAILED(name) gvex_open_write_failed((name), __func__, gvex_module_name(__FILE__).c_str(), __LINE__)
 
 // Module name of a source path: "/a/b/mrcfile.cpp" -> "mrcfile".
 std::string gvex_module_name(const char* path);

@@ -13,6 +13,9 @@
 #include "gpu/device_cuda.h"
 #include "gpu/launch.h"
 
+// Module name in this unit's failure lines.
+static const char* const gvex_module = "cuda_general";
+
 static bool g_on_gpu = false;
 
 bool gvex_on_gpu() { return g_on_gpu; }
@@ -109,13 +112,13 @@ static int device_alloc(void** p, unsigned long bytes) {
 }
 
 int safe_cudaMalloc(void** p, unsigned long bytes) {
-  if (device_alloc(p, bytes) != 0) gvex_fatal("safe_cudaMalloc", "cuda_general", __LINE__, "Device memory allocation failed");
+  if (device_alloc(p, bytes) != 0) GVEX_FAIL("Device memory allocation failed");
   return 0;
 }
 
 int safe_cudaMalloc_empty(void** p, unsigned long bytes) {
   if (device_alloc(p, bytes) != 0)
-    gvex_fatal("safe_cudaMalloc_empty", "cuda_general", __LINE__, "Device memory allocation failed");
+    GVEX_FAIL("Device memory allocation failed");
   hcuda_empty(*p, bytes);
   return 0;
 }

@@ -5,7 +5,7 @@
 
 #include "common/errors.h"
 
-static const char* const MODULE = "math_utils";
+static const char* const gvex_module = "math_utils";
 
 // Element-wise loops: each element is independent, so threads never change
 // the result.
@@ -74,8 +74,8 @@ double hm_sum_check0(const float* p, unsigned long n) {
   // The zero test sits behind the small-sum test and so never fires for a
   // zero sum: an empty mask warns and the caller divides by it.
   if (s < 1e-6)
-    gvex_warning("hm_sum_check0", MODULE, __LINE__, "Too small sum of mask");
+    gvex_warning("hm_sum_check0", gvex_module, __LINE__, "Too small sum of mask");
   else if (s == 0.0)
-    gvex_fatal("hm_sum_check0", MODULE, __LINE__, "Zero sum of mask");
+    GVEX_FAIL("Zero sum of mask");
   return s;
 }

@@ -9,10 +9,10 @@
 #include "gpu/device.h"
 #include "gpu/launch.h"
 
-static const char* const MODULE = "process2d_raw";
+static const char* const gvex_module = "process2d_raw";
 
 static void shrink_factor_error(const char* func, int line) {
-  printf("Error in function %s(), file %s on line %d: %s!\n", func, MODULE, line,
+  printf("Error in function %s(), file %s on line %d: %s!\n", func, gvex_module, line,
          "Wrong value of shrink_factor. Must be >=1");
   fflush(stdout);
 }
@@ -112,7 +112,7 @@ void cpu_2d_extend_to_square_mirror_inplace(float* p, int nx, int ny) {
       for (long x = lx; x < ly; x++) row[x] = row[2 * lx - x - 1];
     }
   } else {
-    gvex_fatal("cpu_2d_extend_to_square_mirror_inplace", MODULE, __LINE__, "Make sure: Ny/2 < Nx < 2Ny");
+    GVEX_FAIL("Make sure: Ny/2 < Nx < 2Ny");
   }
 }
 
@@ -171,7 +171,7 @@ void hcuda_x2d_cp_small_to_large_center(float* d_large, float* d_small, int NX, 
   if (nx > NX || ny > NY) {
     char why[160];
     snprintf(why, sizeof why, "Image of %d x %d pixels does not fit into the centre of %d x %d", nx, ny, NX, NY);
-    gvex_fatal("hcuda_x2d_cp_small_to_large_center", MODULE, __LINE__, why);
+    GVEX_FAIL(why);
   }
   const int ox = (NX - nx) / 2, oy = (NY - ny) / 2;
   float* large = d_large;

@@ -13,7 +13,7 @@
 
 namespace {
 
-const char* const MODULE = "boxfile";
+const char* const gvex_module = "boxfile";
 
 // Separators of the coordinate readers and of the STAR header reader.
 const char* const WORD_SEPS = " \t\n\r\v\f";
@@ -81,7 +81,7 @@ int read_box_records(FILE* fp, PTCL_BOX* boxes, int max) {
   while (n < max && line.next(fp)) {
     const int nw = split_words(line.buf, w, 7, WORD_SEPS);
     if (nw == 0) continue;
-    if (nw < 4) gvex_fatal("read_all_ptcl_boxes", MODULE, __LINE__, "unrecognized box format");
+    if (nw < 4) gvex_fatal("read_all_ptcl_boxes", gvex_module, __LINE__, "unrecognized box format");
     PTCL_BOX& b = boxes[n++];
     b = one_new_ptcl_box();
     b.x = parse_int(w[0]);
@@ -100,11 +100,11 @@ int read_box_records(FILE* fp, PTCL_BOX* boxes, int max) {
 void check_star_column(int col, const char* label, int nlabels, bool required, const char* name) {
   if (col <= 0) {
     if (required)
-      io_fatalf("read_all_ptcl_boxes", MODULE, __LINE__, "STAR file %s has no %s column", name, label);
+      io_fatalf("read_all_ptcl_boxes", gvex_module, __LINE__, "STAR file %s has no %s column", name, label);
     return;
   }
   if (col > nlabels)
-    io_fatalf("read_all_ptcl_boxes", MODULE, __LINE__, "STAR file %s gives %s column %d but has only %d labels", name,
+    io_fatalf("read_all_ptcl_boxes", gvex_module, __LINE__, "STAR file %s gives %s column %d but has only %d labels", name,
               label, col, nlabels);
 }
 
@@ -125,7 +125,7 @@ int read_star_records(FILE* fp, PTCL_BOX* boxes, int max, const char* name) {
 
   star_set_pointer(fp, 0);
   char** w = (char**)malloc(sizeof(char*) * (size_t)nl);
-  if (!w) io_fatalf("read_all_ptcl_boxes", MODULE, __LINE__, "cannot allocate the columns of %s", name);
+  if (!w) io_fatalf("read_all_ptcl_boxes", gvex_module, __LINE__, "cannot allocate the columns of %s", name);
   LineReader line;
   int n = 0;
   while (n < max && line.next(fp)) {
@@ -164,7 +164,7 @@ PTCL_BOX one_new_ptcl_box() {
 
 void empty_all_ptcl_boxes(PTCL_BOX* boxes, long n) {
   if (n > GVEX_MAX_PTCLS) {
-    gvex_warning("empty_all_ptcl_boxes", MODULE, __LINE__, "Too many particle numbers");
+    gvex_warning("empty_all_ptcl_boxes", gvex_module, __LINE__, "Too many particle numbers");
     n = GVEX_MAX_PTCLS;
   }
   if (n > 0) memset(boxes, 0, sizeof(PTCL_BOX) * (size_t)n);
@@ -179,12 +179,12 @@ int get_boxf_suffixf(const char* name) {
 
 int read_all_ptcl_boxes(PTCL_BOX* boxes, int max, const char* name) {
   FILE* fp = fopen(name, "r");
-  if (!fp) gvex_open_read_failed(name, "read_all_ptcl_boxes", MODULE, __LINE__);
+  if (!fp) gvex_open_read_failed(name, "read_all_ptcl_boxes", gvex_module, __LINE__);
   if (max > 0) empty_all_ptcl_boxes(boxes, max);
   const int kind = get_boxf_suffixf(name);
   int n = 0;
   if (kind == 0) {
-    gvex_warning("read_all_ptcl_boxes", MODULE, __LINE__,
+    gvex_warning("read_all_ptcl_boxes", gvex_module, __LINE__,
                  "unrecognized box file format, only EMAN .box and Relion .star file are supported now.");
   } else if (max > 0) {
     const int cap = max > GVEX_MAX_PTCLS ? (int)GVEX_MAX_PTCLS : max;
@@ -199,13 +199,13 @@ int read_all_ptcl_boxes(PTCL_BOX* boxes, int max, const char* name) {
 
 StarHead* star_head_new() {
   StarHead* h = (StarHead*)calloc(1, sizeof(StarHead));
-  if (!h) gvex_fatal("star_head_new", MODULE, __LINE__, "cannot allocate a STAR header");
+  if (!h) GVEX_FAIL("cannot allocate a STAR header");
   return h;
 }
 
 ParticleInfoIndex* particle_info_index_new() {
   ParticleInfoIndex* p = (ParticleInfoIndex*)calloc(1, sizeof(ParticleInfoIndex));
-  if (!p) gvex_fatal("particle_info_index_new", MODULE, __LINE__, "cannot allocate a STAR column index");
+  if (!p) GVEX_FAIL("cannot allocate a STAR column index");
   return p;
 }
 

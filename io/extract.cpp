@@ -13,7 +13,7 @@
 
 namespace {
 
-const char* const MODULE = "process2d_mrc";
+const char* const gvex_module = "process2d_mrc";
 
 // Largest particle stack held in memory, in floats.
 constexpr long MAX_STACK_FLOATS = 1L << 31;
@@ -28,7 +28,7 @@ struct Picks {
 // is allocated from them.
 void load_picks(Picks& p, const char* box_name, int newsize, const char* func) {
   if (newsize < 0 || newsize > GVEX_MAX_EXTRACT_BOX)
-    io_fatalf(func, MODULE, __LINE__, "particle box size %d for %s is outside 0..%d", newsize, box_name,
+    io_fatalf(func, gvex_module, __LINE__, "particle box size %d for %s is outside 0..%d", newsize, box_name,
               GVEX_MAX_EXTRACT_BOX);
   p.n = read_all_ptcl_boxes(p.boxes.data(), GVEX_MAX_EXTRACT_PTCLS, box_name);
   if (newsize != 0) resize_ptcl_boxes(p.boxes.data(), p.n, newsize);
@@ -40,7 +40,7 @@ void load_picks(Picks& p, const char* box_name, int newsize, const char* func) {
     return;
   }
   if (p.bx <= 0 || p.by <= 0 || p.bx > GVEX_MAX_EXTRACT_BOX || p.by > GVEX_MAX_EXTRACT_BOX)
-    io_fatalf(func, MODULE, __LINE__, "particle box %d x %d in %s cannot be cut (sides must be 1..%d)", p.bx, p.by,
+    io_fatalf(func, gvex_module, __LINE__, "particle box %d x %d in %s cannot be cut (sides must be 1..%d)", p.bx, p.by,
               box_name, GVEX_MAX_EXTRACT_BOX);
 }
 
@@ -80,13 +80,13 @@ float* get_mrcf_data_ptcls(const char* mic_name, const char* box_name, int newsi
   Picks p;
   load_picks(p, box_name, newsize, func);
   const int nz = head->nz;
-  if (nz < 1) gvex_fatal(func, MODULE, __LINE__, "Micrograph or movie size error");
+  if (nz < 1) gvex_fatal(func, gvex_module, __LINE__, "Micrograph or movie size error");
   const long total = (long)p.n * nz * p.bx * p.by;
   if ((long)p.n * nz > INT_MAX || total > MAX_STACK_FLOATS)
-    io_fatalf(func, MODULE, __LINE__, "%d particles of %d x %d x %d from %s are too many to hold", p.n, p.bx, p.by,
+    io_fatalf(func, gvex_module, __LINE__, "%d particles of %d x %d x %d from %s are too many to hold", p.n, p.bx, p.by,
               nz, mic_name);
   float* out = (float*)calloc(total > 0 ? (size_t)total : 1, sizeof(float));
-  if (!out) io_fatalf(func, MODULE, __LINE__, "cannot allocate %ld floats for the particles of %s", total, mic_name);
+  if (!out) io_fatalf(func, gvex_module, __LINE__, "cannot allocate %ld floats for the particles of %s", total, mic_name);
   if (nz == 1)
     cpu_x2d_extract_ptcls_from_micrograph(out, p.bx, p.by, p.n, mic, head->nx, head->ny, p.boxes.data());
   else

@@ -22,7 +22,7 @@
 
 namespace {
 
-const char* const MODULE = "mrcfile";
+const char* const gvex_module = "mrcfile";
 constexpr long HEAD_BYTES = 1024;
 constexpr size_t NAME_BUF = 4096;
 
@@ -67,25 +67,25 @@ bool data_bytes(const MRC_HEAD* head, long esize, long& bytes) {
 // here rather than in a huge allocation or a read of garbage.
 void check_head_describes_file(const MRC_HEAD* head, FILE* fp, const char* name, const char* func, int line) {
   if (head->machst[0] == 0x11)
-    io_fatalf(func, MODULE, line,
+    io_fatalf(func, gvex_module, line,
               "file %s is stored in big-endian byte order (machine stamp 0x11), only little-endian MRC files "
               "can be read",
               name);
   if (head->nx <= 0 || head->ny <= 0 || head->nz <= 0)
-    io_fatalf(func, MODULE, line, "file %s has the invalid image size %d x %d x %d in its header", name, head->nx,
+    io_fatalf(func, gvex_module, line, "file %s has the invalid image size %d x %d x %d in its header", name, head->nx,
               head->ny, head->nz);
   long bytes = 0;
   if (!data_bytes(head, bound_element_size(head->mode), bytes))
-    io_fatalf(func, MODULE, line, "file %s has the impossible image size %d x %d x %d (mode %d) in its header", name,
+    io_fatalf(func, gvex_module, line, "file %s has the impossible image size %d x %d x %d (mode %d) in its header", name,
               head->nx, head->ny, head->nz, head->mode);
   const long fsize = get_file_size(fp);
   if (fsize >= 0 && fsize - HEAD_BYTES < bytes) {
     if (mrc_mode_element_size(head->mode) > 0)
-      io_fatalf(func, MODULE, line,
+      io_fatalf(func, gvex_module, line,
                 "file %s is too short for its header: %d x %d x %d %s need %ld data bytes, the file holds %ld", name,
                 head->nx, head->ny, head->nz, element_words(head->mode), bytes,
                 fsize > HEAD_BYTES ? fsize - HEAD_BYTES : 0L);
-    io_fatalf(func, MODULE, line, "file %s is too short for its header: %d x %d x %d elements of unknown mode %d",
+    io_fatalf(func, gvex_module, line, "file %s is too short for its header: %d x %d x %d elements of unknown mode %d",
               name, head->nx, head->ny, head->nz, head->mode);
   }
 }
@@ -93,7 +93,7 @@ void check_head_describes_file(const MRC_HEAD* head, FILE* fp, const char* name,
 void read_head_named(FILE* fp, MRC_HEAD* head, const char* name, const char* func, int line) {
   if (ftell(fp) != 0) rewind(fp);
   if (fread(head, HEAD_BYTES, 1, fp) != 1)
-    io_fatalf(func, MODULE, line, "file %s is too short for an MRC header of 1024 bytes", name);
+    io_fatalf(func, gvex_module, line, "file %s is too short for an MRC header of 1024 bytes", name);
   // Old files without the stamp are accepted and stamped in memory.
   if (!stamped(head)) mrc_set_head_stmp(head);
   check_head_describes_file(head, fp, name, func, line);
@@ -171,7 +171,7 @@ bool read_elements(FILE* fp, int mode, bool mode6_unsigned, size_t count, T* out
 }
 
 [[noreturn]] void read_failed(const char* name, const char* func, int line) {
-  io_fatalf(func, MODULE, line, "reading file %s failed", name);
+  io_fatalf(func, gvex_module, line, "reading file %s failed", name);
 }
 
 template <class T>
@@ -182,14 +182,14 @@ int read_slice_named(FILE* fp, const MRC_HEAD* head, int n, char axis, T* out, c
   if (a != 'x' && a != 'y' && a != 'z') return 0;
   long bytes = 0;
   if (!data_bytes(head, 1, bytes))
-    io_fatalf(func, MODULE, line, "file %s has the invalid image size %d x %d x %d in its header", name, head->nx,
+    io_fatalf(func, gvex_module, line, "file %s has the invalid image size %d x %d x %d in its header", name, head->nx,
               head->ny, head->nz);
   const long nx = head->nx, ny = head->ny, nz = head->nz;
   const long es = mrc_mode_element_size(head->mode);
   const long fsize = get_file_size(fp);
   const long planes = a == 'z' ? nz : (a == 'y' ? ny : nx);
   if (n < 0 || n >= planes)
-    io_fatalf(func, MODULE, line, "file %s has no plane %d along %c (it holds %ld)", name, n, a, planes);
+    io_fatalf(func, gvex_module, line, "file %s has no plane %d along %c (it holds %ld)", name, n, a, planes);
   // Last byte the plane needs; the products fit because nx*ny*nz does.
   long end = 0;
   if (a == 'z')
@@ -200,9 +200,9 @@ int read_slice_named(FILE* fp, const MRC_HEAD* head, int n, char axis, T* out, c
     end = HEAD_BYTES + ((ny * nz - 1) * nx + n + 1) * es;
   if (fsize >= 0 && fsize < end) {
     if (a == 'z')
-      io_fatalf(func, MODULE, line, "file %s is too short for image %d of %ld x %ld %s", name, n, nx, ny,
+      io_fatalf(func, gvex_module, line, "file %s is too short for image %d of %ld x %ld %s", name, n, nx, ny,
                 element_words(head->mode));
-    io_fatalf(func, MODULE, line, "file %s is too short for plane %d along %c of %s", name, n, a,
+    io_fatalf(func, gvex_module, line, "file %s is too short for plane %d along %c of %s", name, n, a,
               element_words(head->mode));
   }
   bool ok = true;
@@ -227,32 +227,32 @@ int read_slice_named(FILE* fp, const MRC_HEAD* head, int n, char axis, T* out, c
 // Whole-file read; check selects the exact file-size test.
 int read_all_named(FILE* fp, const MRC_HEAD* head, float* out, bool check, const char* name, const char* func,
                    int line) {
-  if (check && mrc_check_fsize(fp, head) != 0) gvex_fatal(func, MODULE, line, "File size error");
+  if (check && mrc_check_fsize(fp, head) != 0) gvex_fatal(func, gvex_module, line, "File size error");
   if (!mrc_mode_is_readable(head->mode)) {
-    gvex_warning(func, MODULE, line, "File type unknown");
+    gvex_warning(func, gvex_module, line, "File type unknown");
     return 0;  // output untouched, deliberately not an error
   }
   long bytes = 0;
   const long es = mrc_mode_element_size(head->mode);
   if (!data_bytes(head, es, bytes))
-    io_fatalf(func, MODULE, line, "file %s has the invalid image size %d x %d x %d in its header", name, head->nx,
+    io_fatalf(func, gvex_module, line, "file %s has the invalid image size %d x %d x %d in its header", name, head->nx,
               head->ny, head->nz);
   const long fsize = get_file_size(fp);
   if (fsize >= 0 && fsize - HEAD_BYTES < bytes)
-    io_fatalf(func, MODULE, line, "file %s is too short for %d x %d x %d %s", name, head->nx, head->ny, head->nz,
+    io_fatalf(func, gvex_module, line, "file %s is too short for %d x %d x %d %s", name, head->nx, head->ny, head->nz,
               element_words(head->mode));
   if (fseek(fp, HEAD_BYTES, SEEK_SET) != 0) read_failed(name, func, line);
   const size_t plane = (size_t)head->nx * (size_t)head->ny;
   if (head->mode == 2) {
     if (fread(out, plane * sizeof(float), (size_t)head->nz, fp) != (size_t)head->nz) {
-      gvex_warning(func, MODULE, line, "Reading file failed");
+      gvex_warning(func, gvex_module, line, "Reading file failed");
       return -1;
     }
     return 0;
   }
   // Mode 6 is read as signed here, unlike the slice readers.
   if (!read_elements(fp, head->mode, false, plane * (size_t)head->nz, out)) {
-    gvex_warning(func, MODULE, line, "Reading file failed");
+    gvex_warning(func, gvex_module, line, "Reading file failed");
     return -1;
   }
   return 0;
@@ -260,26 +260,26 @@ int read_all_named(FILE* fp, const MRC_HEAD* head, float* out, bool check, const
 
 FILE* open_read(const char* name, const char* func, int line) {
   FILE* fp = fopen(name, "r");
-  if (!fp) gvex_open_read_failed(name, func, MODULE, line);
+  if (!fp) gvex_open_read_failed(name, func, gvex_module, line);
   return fp;
 }
 
 // Images are written beside their final name and renamed when complete.
 FILE* open_write(const char* name, const char* func, int line) {
   FILE* fp = gvex_fopen_part(name, "w+");
-  if (!fp) gvex_open_write_failed(name, func, MODULE, line);
+  if (!fp) gvex_open_write_failed(name, func, gvex_module, line);
   return fp;
 }
 
 void close_written(FILE* fp, const char* name, const char* func, int line) {
-  if (gvex_commit_part(fp, name) != 0) io_write_failed(name, func, MODULE, line);
+  if (gvex_commit_part(fp, name) != 0) io_write_failed(name, func, gvex_module, line);
 }
 
 // Host buffer of count floats for a reader's result; zero-filled, so that an
 // unreadable mode hands back zeros rather than leftovers.
 float* new_floats(size_t count, const char* name, const char* func, int line) {
   float* p = (float*)calloc(count > 0 ? count : 1, sizeof(float));
-  if (!p) io_fatalf(func, MODULE, line, "cannot allocate %zu floats for file %s", count, name);
+  if (!p) io_fatalf(func, gvex_module, line, "cannot allocate %zu floats for file %s", count, name);
   return p;
 }
 
@@ -302,35 +302,35 @@ unsigned long written_count(const MRC_HEAD* head, const char* name, const char* 
   if (head->nx < 0 || head->ny < 0 || head->nz < 0 ||
       __builtin_mul_overflow((unsigned long)head->nx, (unsigned long)head->ny, &n) ||
       __builtin_mul_overflow(n, (unsigned long)head->nz, &n) || n > (unsigned long)LONG_MAX / sizeof(float))
-    io_fatalf(func, MODULE, line, "cannot write an image of %d x %d x %d to file %s", head->nx, head->ny, head->nz,
+    io_fatalf(func, gvex_module, line, "cannot write an image of %d x %d x %d to file %s", head->nx, head->ny, head->nz,
               name);
   return n;
 }
 
 int write_head_named(FILE* fp, const MRC_HEAD* head, const char* name, const char* func, int line) {
   if (ftell(fp) != 0) rewind(fp);
-  if (!stamped(head)) gvex_warning(func, MODULE, line, "MRC format problem! Check file format");
-  if (fwrite(head, HEAD_BYTES, 1, fp) != 1) io_write_failed(name, func, MODULE, line);
+  if (!stamped(head)) gvex_warning(func, gvex_module, line, "MRC format problem! Check file format");
+  if (fwrite(head, HEAD_BYTES, 1, fp) != 1) io_write_failed(name, func, gvex_module, line);
   return 0;
 }
 
 int write_head_data_named(FILE* fp, MRC_HEAD* head, const float* data, const char* name, const char* func,
                           int line) {
   if (head->mode != 2)
-    gvex_fatal(func, MODULE, line, "mrc_write_head_alldata() does not support writing float data to other MRC format.");
+    gvex_fatal(func, gvex_module, line, "mrc_write_head_alldata() does not support writing float data to other MRC format.");
   const unsigned long n = written_count(head, name, func, line);
   set_written_stats(head, data, n);
   write_head_named(fp, head, name, func, line);
   const size_t plane = (size_t)head->nx * (size_t)head->ny * sizeof(float);
   if (plane > 0 && head->nz > 0 && fwrite(data, plane, (size_t)head->nz, fp) != (size_t)head->nz)
-    io_write_failed(name, func, MODULE, line);
+    io_write_failed(name, func, gvex_module, line);
   return 0;
 }
 
 int write_head_ddata_named(FILE* fp, MRC_HEAD* head, const float* d_data, const char* name, const char* func,
                            int line) {
   if (head->mode != 2)
-    gvex_fatal(func, MODULE, line, "mrc_write_head_alldata() does not support writing float data to other MRC format.");
+    gvex_fatal(func, gvex_module, line, "mrc_write_head_alldata() does not support writing float data to other MRC format.");
   const unsigned long n = written_count(head, name, func, line);
   std::vector<float> host(n > 0 ? n : 1);
   if (n > 0) memcpy_D2H(host.data(), d_data, n * sizeof(float));
@@ -344,7 +344,7 @@ int write_head_ddata_named(FILE* fp, MRC_HEAD* head, const float* d_data, const 
 
 MRC_HEAD* mrc_new_head() {
   MRC_HEAD* head = (MRC_HEAD*)malloc(sizeof(MRC_HEAD));
-  if (!head) gvex_fatal("mrc_new_head", MODULE, __LINE__, "cannot allocate an MRC header");
+  if (!head) GVEX_FAIL("cannot allocate an MRC header");
   memset(head, 0, sizeof(MRC_HEAD));  // the constructor leaves some bytes unset; they are written as zeros
   mrc_init_head(head);
   return head;
@@ -456,7 +456,7 @@ int mrc_read_head(FILE* fp, MRC_HEAD* head) {
 
 int mrc_check_fsize(FILE* fp, const MRC_HEAD* head) {
   const int es = mrc_mode_element_size(head->mode);
-  if (es == 0) return gvex_warning("mrc_check_fsize", MODULE, __LINE__, "File type unknown");
+  if (es == 0) return gvex_warning("mrc_check_fsize", gvex_module, __LINE__, "File type unknown");
   const long fsize = get_file_size(fp);
   long bytes = 0;
   // Sizes that cannot be multiplied out never match a file.
@@ -464,7 +464,7 @@ int mrc_check_fsize(FILE* fp, const MRC_HEAD* head) {
   const long expected = sized ? bytes : -1;
   if (!sized || fsize - HEAD_BYTES != bytes) {
     printf("File size %ld  %d xyz %ld", fsize, es, expected);
-    return gvex_warning("mrc_check_fsize", MODULE, __LINE__, "File size error");
+    return gvex_warning("mrc_check_fsize", gvex_module, __LINE__, "File size error");
   }
   return 0;
 }
@@ -514,7 +514,7 @@ long get_mrcf_dim_size(const char* name, const char* key) {
                      strcasecmp(k, "xyz") == 0;
   if (!known) {
     printf("Error in function %s(), file %s on line %d: unrecognized dimension keywords %s !\n", "get_mrcf_dim_size",
-           MODULE, __LINE__, k);
+           gvex_module, __LINE__, k);
     printf("valid dimension keywords: x, y, z, xy, yx, xz, zx, yz, zy, xyz; not case sensitive\n");
     return 0;
   }
@@ -592,7 +592,7 @@ void set_outname_by_suffix(char* out, const char* in, const char* suffix) {
   const size_t keep = strlen(in) - (size_t)get_micrograph_suffixn(in);
   const size_t add = strlen(suffix);
   if (keep + add >= (size_t)GVEX_NAME_LEN)
-    io_fatalf("set_outname_by_suffix", MODULE, __LINE__,
+    io_fatalf("set_outname_by_suffix", gvex_module, __LINE__,
               "the output name for file %s with suffix %s would be longer than %d characters", in, suffix,
               GVEX_NAME_LEN - 1);
   memcpy(out, in, keep);

@@ -15,6 +15,9 @@
 #include "io/boxfile.h"
 #include "match/peaks.h"
 
+// Module name in this unit's failure lines.
+static const char* const gvex_module = "boxfile";
+
 namespace {
 
 // The candidate files hold seven numbers per line: x y w h score template
@@ -68,7 +71,7 @@ int box_filter(int nx, int ny, float min_dist, float score_limit, float scale, i
     char why[200];
     snprintf(why, sizeof why, "merge cell of %d pixels (minimum distance %g) on a %d x %d image; the cell must be at least 1 pixel",
              c, min_dist, nx, ny);
-    gvex_fatal("box_filter", "boxfile", __LINE__, why);
+    GVEX_FAIL(why);
   }
   const int gnx = gvex_grid_size(nx, c), gny = gvex_grid_size(ny, c);
   const long ng = (long)gnx * gny;

@@ -14,17 +14,16 @@
 #include "io/boxfile.h"
 #include "io/mrcfile.h"
 #include "match/peaks.h"
-#include "picker/params.h"
 
 namespace {
 
-const char* const MODULE = "vexmatch56";
+const char* const gvex_module = "vexmatch56";
 
 void check_cell(const char* func, int nx, int ny, int c) {
   if (c >= 1 && nx >= 1 && ny >= 1) return;
   char why[160];
   snprintf(why, sizeof why, "grid cell of %d pixels on a %d x %d image; the cell must be at least 1 pixel", c, nx, ny);
-  gvex_fatal(func, MODULE, __LINE__, why);
+  gvex_fatal(func, gvex_module, __LINE__, why);
 }
 
 }  // namespace
@@ -45,21 +44,17 @@ void hcuda_find_sigma_grids(float* lave, float* lsigma, unsigned int* grid, floa
 }
 
 int hcuda_2d_ice_detect(const float* mic, int nx, int ny, int2 origin, unsigned int* grid, const char* name,
-                        const GVexMatch_Para* p) {
-  int c = (int)(1.4142135f * p->min_dist_px / 2);
-  // The grid was sized with the pipeline's cell, one expression of the same
-  // quantity; never let a last-bit difference change the grid's size.
-  const int c_grid = gvexmatch_grid_cell(p);
-  if (c != c_grid) c = c_grid;
+                        const IceSettings& s) {
+  const int c = s.cell;
   check_cell("hcuda_2d_ice_detect", nx, ny, c);
   const int gnx = gvex_grid_size(nx, c), gny = gvex_grid_size(ny, c);
   const unsigned long n = (unsigned long)nx * ny, ng = (unsigned long)gnx * gny;
 
   DeviceArray<float> lsigma(n), lave(n), cell_ave(ng), cell_sigma(ng);
-  hcuda_2d_local_sigma_softR_mpad(lsigma.get(), mic, nx, ny, p->lsigma_r, p->local_edge);
-  hcuda_2d_local_ave_softR_mpad(lave.get(), mic, nx, ny, p->lave_r, p->local_edge);
-  hcuda_find_sigma_grids(lave.get(), lsigma.get(), grid, cell_ave.get(), cell_sigma.get(), nx, ny, c, p->lave_min,
-                         p->lave_max, p->lsigma_cutoff);
+  hcuda_2d_local_sigma_softR_mpad(lsigma.get(), mic, nx, ny, s.lsigma_r, s.edge);
+  hcuda_2d_local_ave_softR_mpad(lave.get(), mic, nx, ny, s.lave_r, s.edge);
+  hcuda_find_sigma_grids(lave.get(), lsigma.get(), grid, cell_ave.get(), cell_sigma.get(), nx, ny, c, s.lave_min,
+                         s.lave_max, s.lsigma_cutoff);
 
   std::vector<unsigned int> h_grid(ng);
   std::vector<float> h_ave(ng), h_sigma(ng);
@@ -68,17 +63,17 @@ int hcuda_2d_ice_detect(const float* mic, int nx, int ny, int2 origin, unsigned 
   memcpy_D2H(h_sigma.data(), cell_sigma.get(), ng * sizeof(float));
 
   char out[GVEX_NAME_LEN];
-  if (p->write_rejected_box) {
+  if (s.write_rejected) {
     set_outname_by_suffix(out, name, "_rejected.box");
-    output_ice_coord(out, h_grid.data(), h_ave.data(), h_sigma.data(), nx, ny, origin, c, p->shrink, 2);
+    output_ice_coord(out, h_grid.data(), h_ave.data(), h_sigma.data(), nx, ny, origin, c, s.shrink, 2);
     set_outname_by_suffix(out, name, "_rejected.star");
-    output_ice_coord(out, h_grid.data(), h_ave.data(), h_sigma.data(), nx, ny, origin, c, p->shrink, 1);
+    output_ice_coord(out, h_grid.data(), h_ave.data(), h_sigma.data(), nx, ny, origin, c, s.shrink, 1);
   }
-  if (p->write_bg_mic) {
+  if (s.write_bg) {
     set_outname_by_suffix(out, name, "_bg.mrc");
     mrcf_write_xyz_ddata(out, lave.get(), nx, ny, 1);
   }
-  if (p->write_lsigma_mic) {
+  if (s.write_lsigma) {
     set_outname_by_suffix(out, name, "_lsigma.mrc");
     mrcf_write_xyz_ddata(out, lsigma.get(), nx, ny, 1);
   }
@@ -88,7 +83,7 @@ int hcuda_2d_ice_detect(const float* mic, int nx, int ny, int2 origin, unsigned 
 int add_excluded_coords_to_ice(unsigned int* grid, int nx, int ny, int c, PTCL_BOX* boxes, int n, int shrink) {
   if (n <= 0) return 0;
   check_cell("add_excluded_coords_to_ice", nx, ny, c);
-  if (shrink < 1) gvex_fatal("add_excluded_coords_to_ice", MODULE, __LINE__, "shrink factor must be at least 1");
+  if (shrink < 1) GVEX_FAIL("shrink factor must be at least 1");
   const int gnx = gvex_grid_size(nx, c), gny = gvex_grid_size(ny, c);
   const unsigned long ng = (unsigned long)gnx * gny;
   // In record order on the host, so that a later particle in a cell wins.

@@ -5,7 +5,6 @@
 #include "common/hd.h"
 #include "common/records.h"
 
-struct GVexMatch_Para;
 
 // Per-cell kernel body: the cell's first pixel sets the starting record
 // (cell_sigma, cell_ave) and a later pixel becomes the new record when
@@ -43,13 +42,24 @@ GVEX_HD inline void cuda_find_sigma_grids(const float* lave, const float* lsigma
 void hcuda_find_sigma_grids(float* lave, float* lsigma, unsigned int* grid, float* cell_ave, float* cell_sigma, int nx,
                             int ny, int c, float lave_min, float lave_max, float lsigma_cutoff);
 
+// What ice detection needs, in working pixels.
+struct IceSettings {
+  int cell = 0;            // grid cell size
+  int shrink = 1;          // working pixels per micrograph pixel, for the rejected files
+  float lsigma_r = 0.0f;   // radius of the local-sigma window
+  float lave_r = 0.0f;     // radius of the local-average window
+  float edge = 0.0f;       // soft edge of both windows
+  float lave_min = 0.0f, lave_max = 0.0f, lsigma_cutoff = 0.0f;  // relative cutoffs
+  bool write_rejected = false, write_bg = false, write_lsigma = false;
+};
+
 // Marks the cells of the device grid whose local standard deviation or local
 // average is abnormal. mic is the z-normalised working image (device). With
-// write_rejected_box the condemned positions go to name's "_rejected.box" and
-// "_rejected.star"; with write_bg_mic / write_lsigma_mic the local maps go to
+// write_rejected the condemned positions go to name's "_rejected.box" and
+// "_rejected.star"; with write_bg / write_lsigma the local maps go to
 // "_bg.mrc" / "_lsigma.mrc". Returns 0.
 int hcuda_2d_ice_detect(const float* mic, int nx, int ny, int2 origin, unsigned int* grid, const char* name,
-                        const GVexMatch_Para* p);
+                        const IceSettings& s);
 
 // Marks the cell of each record's centre (micrograph pixels, shrunk by
 // integer division) in the device grid; a later record overwrites an earlier

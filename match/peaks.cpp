@@ -7,6 +7,9 @@
 #include "gpu/device.h"
 #include "gpu/launch.h"
 
+// Module name in this unit's failure lines.
+static const char* const gvex_module = "peaks";
+
 void gpu_find_filter_ccmax_psi_grids_exclusive(float* ccmax, float* psi, unsigned int* peak_index, float* peak_score,
                                                float* peak_angle, float cc_cutoff, int nx, int ny, int c,
                                                unsigned int* excluded, unsigned int n_excluded) {
@@ -14,7 +17,7 @@ void gpu_find_filter_ccmax_psi_grids_exclusive(float* ccmax, float* psi, unsigne
     char why[160];
     snprintf(why, sizeof why, "grid cell of %d pixels on a %d x %d map; the cell must be at least 1 pixel", c, nx,
              ny);
-    gvex_fatal("gpu_find_filter_ccmax_psi_grids_exclusive", "peaks", __LINE__, why);
+    GVEX_FAIL(why);
   }
   const int gnx = gvex_grid_size(nx, c), gny = gvex_grid_size(ny, c);
   const unsigned long ng = (unsigned long)gnx * gny;

@@ -17,7 +17,7 @@
 #include "match/templates.h"
 
 namespace {
-const char* const MODULE = "vexmatch56";
+const char* const gvex_module = "vexmatch56";
 }
 
 // One template's stored spectra, recognised by its pixel values.
@@ -196,7 +196,7 @@ int vexmatch_ccmax_psi_by_one_template(float* mic, float* mask, float* ccmax, fl
     char why[200];
     snprintf(why, sizeof why, "template of %d x %d pixels cannot be scanned over a %d x %d working micrograph", tnx,
              tny, nx, ny);
-    gvex_fatal("vexmatch_ccmax_psi_by_one_template", MODULE, __LINE__, why);
+    GVEX_FAIL(why);
   }
   const std::vector<float> angles = get_rotation_angles(ang_start, ang_end, ang_step);
   std::unique_ptr<ScanWorkspace> own;

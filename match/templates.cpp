@@ -18,7 +18,7 @@
 
 namespace {
 
-const char* const MODULE = "vexmatch56";
+const char* const gvex_module = "vexmatch56";
 
 // Largest template side accepted; far beyond any working micrograph.
 constexpr long MAX_TEMPLATE_SIDE = 1L << 16;
@@ -30,13 +30,13 @@ constexpr long MAX_TEMPLATE_PIXELS = 1L << 31;
   char why[GVEX_NAME_LEN + 256];
   snprintf(why, sizeof why, "template file %s %s (mode %d, %d x %d x %d)", path, what, head.mode, head.nx, head.ny,
            head.nz);
-  gvex_fatal("get_template_data", MODULE, line, why);
+  gvex_fatal("get_template_data", gvex_module, line, why);
 }
 
 float* alloc_stack(long n) {
   // At least one byte so that a 0 x 0 template is still a valid array.
   float* p = static_cast<float*>(malloc(n > 0 ? (size_t)n * sizeof(float) : 1));
-  if (!p) gvex_fatal("alloc_stack", MODULE, __LINE__, "host memory allocation failed");
+  if (!p) GVEX_FAIL("host memory allocation failed");
   return p;
 }
 
@@ -44,7 +44,7 @@ float* alloc_stack(long n) {
 
 float* get_template_data(int& nx, int& ny, int& nz, char* path) {
   FILE* fp = fopen(path, "r");
-  if (!fp) gvex_open_read_failed(path, "get_template_data", MODULE, 689);
+  if (!fp) gvex_open_read_failed(path, "get_template_data", gvex_module, 689);
   MRC_HEAD head;
   mrc_read_head(fp, &head);
   if (!mrc_mode_is_readable(head.mode))
@@ -67,7 +67,7 @@ float* create_template_data(int& nx, int& ny, int& nz, float R, float c) {
   if (!(R >= 0.0f) || R > (float)(MAX_TEMPLATE_SIDE / 4)) {
     char why[160];
     snprintf(why, sizeof why, "template radius %g working pixels cannot make a template", R);
-    gvex_fatal("create_template_data", MODULE, __LINE__, why);
+    GVEX_FAIL(why);
   }
   const int n = 4 * (int)R;
   nx = ny = n;
@@ -94,7 +94,7 @@ float* get_or_create_template_data(int& nx, int& ny, int& nz, char* path, float 
       char why[GVEX_NAME_LEN + 200];
       snprintf(why, sizeof why, "templates of %s (%d x %d) scaled by apixT/apixM = %g would be %g x %g pixels", path,
                nx, ny, k, fx, fy);
-      gvex_fatal("get_or_create_template_data", MODULE, __LINE__, why);
+      GVEX_FAIL(why);
     }
     const int sx = hd_scaled_size(nx, k), sy = hd_scaled_size(ny, k);
     float* scaled = alloc_stack((long)sx * sy * nz);
@@ -110,7 +110,7 @@ float* get_or_create_template_data(int& nx, int& ny, int& nz, char* path, float 
       char why[GVEX_NAME_LEN + 200];
       snprintf(why, sizeof why, "templates of %s (%d x %d at the micrograph pixel size) cannot be shrunk by %d", path,
                nx, ny, shrink);
-      gvex_fatal("get_or_create_template_data", MODULE, __LINE__, why);
+      GVEX_FAIL(why);
     }
     const int sx = nx / shrink, sy = ny / shrink;
     float* shrunk = alloc_stack((long)sx * sy * nz);
@@ -183,7 +183,7 @@ std::vector<float> get_rotation_angles(float start, float end, float step) {
     if (!(ang + step > ang)) {
       char why[160];
       snprintf(why, sizeof why, "rotation step %g degrees cannot advance the angle %g towards %g", step, ang, end);
-      gvex_fatal("get_rotation_angles", MODULE, __LINE__, why);
+      GVEX_FAIL(why);
     }
     angles.push_back(ang);
   }

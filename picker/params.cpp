@@ -18,7 +18,7 @@
 #include "picker/options.h"
 
 // Module name in this unit's failure lines.
-static const char* const kModule = "vexmatch56";
+static const char* const gvex_module = "vexmatch56";
 
 namespace {
 
@@ -53,14 +53,14 @@ void compute_derived_fields(GVexMatch_Para* p) {
            GVEX_CRIT_ON "CRITICAL ERROR:" GVEX_CRIT_OFF
                         "in function %s(), file %s on line %d. Failed to recognize option: " GVEX_CRIT_ON
                         "%s!" GVEX_CRIT_OFF " Exit now. Check your input please.\n\n",
-           "gvexmatch_get_parameters", kModule, 977, word);
+           "gvexmatch_get_parameters", gvex_module, 977, word);
   // Status 0: an unknown option is not treated as an error.
   gvex_throw(line + gvexmatch_valid_options_text(), 0);
 }
 
 char* new_text_buffer(const char* init) {
   char* b = (char*)calloc(GVEX_NAME_LEN, 1);
-  if (!b) gvex_fatal("gvexmatch_init_parameters", kModule, __LINE__, "out of host memory");
+  if (!b) gvex_fatal("gvexmatch_init_parameters", gvex_module, __LINE__, "out of host memory");
   strcpy(b, init);
   return b;
 }
@@ -69,7 +69,7 @@ char* new_text_buffer(const char* init) {
 
 void gvexmatch_init_parameters(int argc, GVexMatch_Para* p) {
   p->mic_files = (char**)calloc(argc > 0 ? argc : 1, sizeof(char*));
-  if (!p->mic_files) gvex_fatal("gvexmatch_init_parameters", kModule, __LINE__, "out of host memory");
+  if (!p->mic_files) GVEX_FAIL("out of host memory");
   p->T = new_text_buffer("NULL");
   p->excluded_suffix = new_text_buffer("NULL");
   p->global_excluded_box = new_text_buffer("NULL");
@@ -90,7 +90,7 @@ void gvexmatch_init_parameters(int argc, GVexMatch_Para* p) {
 void gvexmatch_speed2shrink(int& speed, int& shrink) {
   static const int k_shrink[5] = {1, 2, 4, 6, 8};
   if (speed < 0 || speed > 4)
-    gvex_fatal("gvexmatch_speed2shrink", kModule, 896, "speed level must belong to {0,1,2,3,4}");
+    gvex_fatal("gvexmatch_speed2shrink", gvex_module, 896, "speed level must belong to {0,1,2,3,4}");
   shrink = k_shrink[speed];
 }
 
@@ -116,7 +116,7 @@ int gvexmatch_get_parameters(int argc, char** argv, GVexMatch_Para* p) {
     if (i + 1 >= argc) {
       char why[128];
       snprintf(why, sizeof why, "option --%s needs a value", o->name);
-      gvex_fatal("gvexmatch_get_parameters", kModule, __LINE__, why);
+      GVEX_FAIL(why);
     }
     const char* value = argv[++i];
     if (o->kind == OPT_FLOAT) {
@@ -128,7 +128,7 @@ int gvexmatch_get_parameters(int argc, char** argv, GVexMatch_Para* p) {
     } else if (!str_copy_fits(text_field(p, *o), value, GVEX_NAME_LEN)) {
       char why[128];
       snprintf(why, sizeof why, "the value of option --%s is longer than %d characters", o->name, GVEX_NAME_LEN - 1);
-      gvex_fatal("gvexmatch_get_parameters", kModule, __LINE__, why);
+      GVEX_FAIL(why);
     }
   }
 
@@ -191,7 +191,7 @@ int gvexmatch_grid_cell(const GVexMatch_Para* p) {
 [[noreturn]] static void bad_value(int line, const char* fmt, const char* option, double v) {
   char why[256];
   snprintf(why, sizeof why, fmt, option, v);
-  gvex_fatal("gvexmatch_check_values", kModule, line, why);
+  gvex_fatal("gvexmatch_check_values", gvex_module, line, why);
 }
 
 int gvexmatch_check_values(const GVexMatch_Para* p) {
@@ -238,7 +238,7 @@ void set_name_shrinked_box(char* out, const char* mic, int shrink) {
   const char* dot = strrchr(base, '.');
   const size_t keep = dot ? (size_t)(dot - mic) : strlen(mic);
   if (keep + sizeof k_suffix > (size_t)GVEX_NAME_LEN)
-    gvex_fatal("set_name_shrinked_box", kModule, __LINE__, "micrograph name too long for a 1024-byte file name");
+    GVEX_FAIL("micrograph name too long for a 1024-byte file name");
   memcpy(out, mic, keep);
   memcpy(out + keep, k_suffix, sizeof k_suffix);
 }

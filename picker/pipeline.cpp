@@ -22,11 +22,14 @@
 #include "picker/params.h"
 #include "picker/timer.h"
 
+// Module name in this unit's failure lines.
+static const char* const gvex_module = "gvexmatch56";
+
 void gvex_commit_file(const char* tmp, const char* final_name) {
   if (rename(tmp, final_name) != 0) {
     printf("Cannot write to file %s. Permission denied or no space left!\n", final_name);
     remove(tmp);
-    gvex_fatal("gvex_commit_file", "gvexmatch56", __LINE__, "open file failed.");
+    GVEX_FAIL("open file failed.");
   }
 }
 
@@ -42,8 +45,7 @@ void gvexmatch_working_sizes(GVexRun& run, int nx, int ny) {
   run.ext = 2 * (big / (2 * p->shrink));
   run.cell = gvexmatch_grid_cell(p);
   if (run.ext < 2)
-    gvex_fatal("gvexmatch_working_sizes", "gvexmatch56", __LINE__,
-               "the micrograph is too small for the shrink factor of --speed");
+    GVEX_FAIL("the micrograph is too small for the shrink factor of --speed");
   run.gx = run.gy = (int)(((long)run.ext + run.cell - 1) / run.cell);  // cell may be near INT_MAX
 }
 
@@ -59,11 +61,10 @@ void gvexmatch_prepare_run(GVexRun& run) {
     char why[256];
     snprintf(why, sizeof why, "templates of %d x %d working pixels do not fit the %d x %d working micrograph", run.tnx,
              run.tny, run.ext, run.ext);
-    gvex_fatal("gvexmatch_prepare_run", "gvexmatch56", __LINE__, why);
+    GVEX_FAIL(why);
   }
   if (run.tnx < 1 || run.tny < 1 || run.tnz < 1)
-    gvex_fatal("gvexmatch_prepare_run", "gvexmatch56", __LINE__,
-               "the template is empty at the working pixel size (raise --diameter or lower --speed)");
+    GVEX_FAIL("the template is empty at the working pixel size (raise --diameter or lower --speed)");
   const unsigned long tn = (unsigned long)run.tnx * run.tny * run.tnz;
   run.d_T.reset(new DeviceArray<float>(tn));
   hcuda_upload_templates(run.d_T->get(), stack, run.tnx, run.tny, run.tnz, p->T_norm_type, p->template_r,
@@ -113,7 +114,21 @@ void gvexmatch_pick_micrograph(GVexRun& run, const char* mic, FILE* nonunique, c
   hcuda_normz_inplace(d_mic, n2, 1.0f, 0.0f);
 
   hcuda_empty(d_grid, (unsigned long)run.gx * run.gy * sizeof(unsigned int));
-  if (p->detect_ice) hcuda_2d_ice_detect(d_mic, ext, ext, origin, d_grid, mic, p);
+  if (p->detect_ice) {
+    IceSettings ice;
+    ice.cell = run.cell;
+    ice.shrink = p->shrink;
+    ice.lsigma_r = p->lsigma_r;
+    ice.lave_r = p->lave_r;
+    ice.edge = p->local_edge;
+    ice.lave_min = p->lave_min;
+    ice.lave_max = p->lave_max;
+    ice.lsigma_cutoff = p->lsigma_cutoff;
+    ice.write_rejected = p->write_rejected_box != 0;
+    ice.write_bg = p->write_bg_mic != 0;
+    ice.write_lsigma = p->write_lsigma_mic != 0;
+    hcuda_2d_ice_detect(d_mic, ext, ext, origin, d_grid, mic, ice);
+  }
   if (p->mask_excluded && run.n_excluded > 0)
     add_excluded_coords_to_ice(d_grid, ext, ext, run.cell, run.excluded.data(), run.n_excluded, p->shrink);
   if (!is_str_null(p->global_excluded_box))

@@ -16,6 +16,9 @@
 #include "picker/pipeline.h"
 #include "picker/timer.h"
 
+// Module name in this unit's failure lines.
+static const char* const gvex_module = "gvexmatch56";
+
 static void ruler(char c, int n) {
   for (int i = 0; i < n; i++) putchar(c);
   putchar('\n');
@@ -63,7 +66,7 @@ int gvexmatch_run(GVexMatch_Para* p, const char* prog) {
     char why[GVEX_NAME_LEN + 128];
     snprintf(why, sizeof why, "the pixels of %s are of mode %d (%s), which cannot be read; modes 0, 1, 2 and 6 can",
              p->first_mic, ref->mode, mrc_get_head_mode(ref));
-    gvex_fatal("gvexmatch_run", "gvexmatch56", __LINE__, why);
+    GVEX_FAIL(why);
   }
 
   GVexRun run;

@@ -6,7 +6,6 @@
 
 #include "gpu/math_utils.h"
 #include "match/ice.h"
-#include "picker/params.h"
 #include "support/match_fixtures.h"
 #include "support/run.h"
 
@@ -92,13 +91,15 @@ TEST(ExcludedCoords, LaterRecordInACellWinsOffImageIsIgnored) {
 // far from both stay clean, and the mask follows the cells pixel for pixel.
 TEST(IceDetect, BlobAndDarkAreaAreCondemnedCleanAreasStayOne) {
   const int N = 128, g = 8;  // cells of 16 px
-  GVexMatch_Para* p = new GVexMatch_Para;
-  gvexmatch_init_parameters(1, p);
-  p->apixM = 1.0f;
-  p->shrink = 1;
-  p->min_dist = p->min_dist_px = 22.7f;
-  p->lsigma_r = 6.0f;
-  p->lave_r = 8.0f;
+  IceSettings ice;
+  ice.cell = 16;
+  ice.lsigma_r = 6.0f;
+  ice.lave_r = 8.0f;
+  ice.edge = 8.0f;
+  ice.lave_min = -1.0f;
+  ice.lave_max = 1.0f;
+  ice.lsigma_cutoff = 1.3f;
+  ice.write_rejected = true;
   std::vector<float> img = noise(N * N, 7);
   for (int i = 0; i < N * N; i++) {
     const int x = i % N, y = i / N;
@@ -109,8 +110,7 @@ TEST(IceDetect, BlobAndDarkAreaAreCondemnedCleanAreasStayOne) {
   Dev<unsigned int> grid(g * g, true);
   hcuda_normz_inplace(mic.get(), N * N, 1.0f, 0.0f);
   TempDir dir;
-  EXPECT_EQ(hcuda_2d_ice_detect(mic.get(), N, N, int2{2, 9}, grid.get(), dir.file("m.mrc").c_str(), p), 0);
-  gvexmatch_delete_parameters(p);
+  EXPECT_EQ(hcuda_2d_ice_detect(mic.get(), N, N, int2{2, 9}, grid.get(), dir.file("m.mrc").c_str(), ice), 0);
   hcuda_2d_generate_mask_by_coords(mask.get(), mic.get(), N, N, 16, grid.get(), 0);
   const std::vector<unsigned int> cells = grid.host();
   const std::vector<float> m = mask.host();
