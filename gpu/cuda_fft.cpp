@@ -14,16 +14,10 @@
 #endif
 
 #include "gpu/device.h"
+#include "gpu/device_cuda.h"
 #include "gpu/launch.h"
 #include "gpu/resample.h"
 
-#if defined(GVEX_WITH_CUDA)
-// cuFFT twin (gpu/cuda_fft.cu); each returns the cufftResult code.
-int gvex_cufft_plan(int nx, int ny, bool forward, int* handle);
-int gvex_cufft_r2c(int handle, const float* d_in, float2* d_out);
-int gvex_cufft_c2r(int handle, float2* d_in, float* d_out);
-void gvex_cufft_destroy(int handle);
-#endif
 
 // cuFFT result codes reported for host-side failures.
 static const int FFT_ALLOC_FAILED = 2;

@@ -3,6 +3,7 @@
 #include <cufft.h>
 
 #include "common/hd.h"
+#include "gpu/device_cuda.h"
 
 int gvex_cufft_plan(int nx, int ny, bool forward, int* handle) {
   cufftHandle h = 0;

@@ -1,7 +1,20 @@
-// CUDA twins of the device layer (gpu/device.cu); called only from
-// gpu/device.cpp when the CUDA back end is active.
+// The CUDA twins of the device layer, in one place: what gpu/device.cu,
+// gpu/cuda_fft.cu and gpu/reduce.cu define for the host-side units, which
+// call them only when the CUDA back end is active.
 #pragma once
 #if defined(GVEX_WITH_CUDA)
+#include "common/hd.h"
+
+// cuFFT (gpu/cuda_fft.cu); each returns the cufftResult code.
+int gvex_cufft_plan(int nx, int ny, bool forward, int* handle);
+int gvex_cufft_r2c(int handle, const float* d_in, float2* d_out);
+int gvex_cufft_c2r(int handle, float2* d_in, float* d_out);
+void gvex_cufft_destroy(int handle);
+
+// One pass of the shared-memory block reduction (gpu/reduce.cu).
+void gvex_cuda_reduce_pass(const float* d_in, float* d_out, unsigned long n);
+
+// Device layer (gpu/device.cu).
 namespace gvex_cuda {
 int device_count();                                // 0 when no GPU answers
 bool device_props(int id, int& major, int& minor);  // properties readable

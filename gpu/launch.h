@@ -1,6 +1,10 @@
+// Names by layer: element bodies are `cuda_*` (GVEX_HD, one element or pixel),
+// launched only through launch_1d / launch_2d; entry points are `hcuda_*` on device arrays, `gpu_*` on host arrays.
+//
 // Launch helpers: a kernel body is written once as a GVEX_LAMBDA and run
 // either as a CUDA kernel with the fixed launch shapes (1-D: blocks of 1024,
-// (n + 1023) >> 10 blocks; 2-D: 32 x 32 blocks) or as a host loop.
+// (n + 1023) >> 10 blocks; 2-D: 32 x 32 blocks) or as a host loop; `hd_*`
+// are scalar helpers usable on both sides.
 #pragma once
 #include "common/hd.h"
 #include "gpu/device.h"

@@ -4,11 +4,9 @@
 #include <cstring>
 
 #include "gpu/device.h"
+#include "gpu/device_cuda.h"
 #include "gpu/launch.h"
 
-#if defined(GVEX_WITH_CUDA)
-void gvex_cuda_reduce_pass(const float* d_in, float* d_out, unsigned long n);
-#endif
 
 static void host_reduce_pass(const float* in, float* out, unsigned long n) {
   const long blocks = (long)gvex_blocks_1d(n);

@@ -1,5 +1,6 @@
 // CUDA twin of gpu/reduce.cpp: the shared-memory block reduction.
 #include "gpu/device.h"
+#include "gpu/device_cuda.h"
 #include "gpu/launch.h"
 #include "gpu/reduce.h"
 
