@@ -224,14 +224,14 @@ void gvex_fft_plan_cache_clear() { plan_cache().clear(); }
 void hcuda_c2d_multconj_norm(const float2* d_A, const float2* d_B, float2* d_out, int nxh, int ny, float s) {
   launch_2d(GVEX_SITE, nxh, ny, GVEX_LAMBDA(int x, int y) {
     const int i = y * nxh + x;
-    d_out[i] = hd_multconj_norm(d_A[i], d_B[i], s);
+    d_out[i] = cuda_multconj_norm(d_A[i], d_B[i], s);
   });
 }
 
 void hcuda_c2d_multconj_norm_inplace(float2* d_A, const float2* d_B, int nxh, int ny, float s) {
   launch_2d(GVEX_SITE, nxh, ny, GVEX_LAMBDA(int x, int y) {
     const int i = y * nxh + x;
-    d_A[i] = hd_multconj_norm(d_A[i], d_B[i], s);
+    d_A[i] = cuda_multconj_norm(d_A[i], d_B[i], s);
   });
 }
 

@@ -96,7 +96,7 @@ void hcuda_c2d_multconj_norm_inplace(float2* d_A, const float2* d_B, int nxh, in
 void hcuda_2d_swap_ccf_inplace(float* d_p, int nx, int ny);
 
 // Kernel bodies, shared by both back ends and by the tests.
-GVEX_HD inline float2 hd_multconj_norm(float2 a, float2 b, float s) {
+GVEX_HD inline float2 cuda_multconj_norm(float2 a, float2 b, float s) {
   float2 r;
   r.x = fmaf(a.x, b.x, a.y * b.y) / s;
   r.y = (a.y * b.x - a.x * b.y) / s;

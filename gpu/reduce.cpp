@@ -16,7 +16,7 @@ static void host_reduce_pass(const float* in, float* out, unsigned long n) {
     const unsigned long base = (unsigned long)b * GVEX_REDUCE_BLOCK;
     for (int t = 0; t < GVEX_REDUCE_BLOCK; t++) s[t] = base + t < n ? in[base + t] : 0.0f;
     for (int stride = 1; stride < GVEX_REDUCE_BLOCK; stride *= 2)
-      for (int t = 0; t < GVEX_REDUCE_BLOCK / 2; t++) gvex_tree_step(s, t, stride);
+      for (int t = 0; t < GVEX_REDUCE_BLOCK / 2; t++) hd_tree_step(s, t, stride);
     out[b] = s[0];
   }
 }

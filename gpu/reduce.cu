@@ -11,7 +11,7 @@ __global__ void cuda_reduce_data_for_sum(const float* in, float* out, unsigned l
   s[t] = i < n ? in[i] : 0.0f;
   for (int stride = 1; stride < GVEX_REDUCE_BLOCK; stride *= 2) {
     __syncthreads();
-    gvex_tree_step(s, t, stride);
+    hd_tree_step(s, t, stride);
   }
   if (t == 0) out[blockIdx.x] = s[0];
 }

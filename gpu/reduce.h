@@ -8,7 +8,7 @@
 constexpr int GVEX_REDUCE_BLOCK = 1024;
 
 // One step of the tree inside a block: element 2*s*t takes element 2*s*t + s.
-GVEX_HD inline void gvex_tree_step(float* s, int t, int stride) {
+GVEX_HD inline void hd_tree_step(float* s, int t, int stride) {
   int k = 2 * stride * t;
   if (k < GVEX_REDUCE_BLOCK) s[k] += s[k + stride];
 }

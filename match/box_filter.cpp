@@ -107,9 +107,9 @@ int box_filter(int nx, int ny, float min_dist, float score_limit, float scale, i
     for (int gx = 0; gx < gnx; gx++) {
       const int g = gy * gnx + gx;
       int nb[8];
-      gvex_grid_neighbours(gx, gy, gnx, gny, nb);
+      hd_grid_neighbours(gx, gy, gnx, gny, nb);
       for (int k = 0; k < 8; k++) {
-        if (gvex_too_close(index[g], index[nb[k]], nx, lim2) && best[nb[k]] >= best[g]) {
+        if (hd_too_close(index[g], index[nb[k]], nx, lim2) && best[nb[k]] >= best[g]) {
           index[g] = 0;
           break;
         }

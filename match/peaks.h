@@ -10,7 +10,7 @@
 inline int gvex_grid_size(int n, int c) { return (n + c - 1) / c; }
 
 // Two positions conflict when their squared distance is below 2*c*c.
-GVEX_HD inline bool gvex_too_close(unsigned int a, unsigned int b, int nx, long long lim2) {
+GVEX_HD inline bool hd_too_close(unsigned int a, unsigned int b, int nx, long long lim2) {
   long long dx = (long long)(a % (unsigned int)nx) - (long long)(b % (unsigned int)nx);
   long long dy = (long long)(a / (unsigned int)nx) - (long long)(b / (unsigned int)nx);
   return dx * dx + dy * dy < lim2;
@@ -20,7 +20,7 @@ GVEX_HD inline bool gvex_too_close(unsigned int a, unsigned int b, int nx, long 
 // left, right, above-left, above-right, below-left, below-right. Where a
 // neighbour would fall off the grid the offset in that direction is 0, so
 // the cell stands in for the missing neighbour.
-GVEX_HD inline void gvex_grid_neighbours(int gx, int gy, int gnx, int gny, int nb[8]) {
+GVEX_HD inline void hd_grid_neighbours(int gx, int gy, int gnx, int gny, int nb[8]) {
   const int g = gy * gnx + gx;
   const int up = gy < gny - 1 ? gnx : 0;
   const int dn = gy > 0 ? gnx : 0;
@@ -81,13 +81,13 @@ GVEX_HD inline void cuda_filter_ccmax_psi_grids_exclusive(const unsigned int* fo
   unsigned int keep = p;
   // Zero entries stand for pixel (0, 0) and so reject the origin corner.
   for (unsigned int k = 0; k < n_excluded; k++)
-    if (gvex_too_close(p, excluded[k], nx, lim2)) keep = 0;
+    if (hd_too_close(p, excluded[k], nx, lim2)) keep = 0;
   if (keep) {
     int nb[8];
-    gvex_grid_neighbours(gx, gy, gnx, gny, nb);
+    hd_grid_neighbours(gx, gy, gnx, gny, nb);
     for (int k = 0; k < 8; k++) {
       const int n = nb[k];
-      if (gvex_too_close(p, found[n], nx, lim2) && s < peak_score[n]) {
+      if (hd_too_close(p, found[n], nx, lim2) && s < peak_score[n]) {
         keep = 0;
         break;
       }

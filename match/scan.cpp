@@ -73,10 +73,10 @@ bool ScanWorkspace::reserve_spectrum(unsigned long bytes) {
 
 // Per-element bodies of the running maximum. The comparison is false for
 // equal values and whenever either side is NaN.
-GVEX_HD inline void hd_update_ccmax(float* m, const float* c, long i) {
+GVEX_HD inline void cuda_update_ccmax(float* m, const float* c, long i) {
   if (c[i] > m[i]) m[i] = c[i];
 }
-GVEX_HD inline void hd_update_ccmax_psi(float* m, const float* c, float* a, float ang, long i) {
+GVEX_HD inline void cuda_update_ccmax_psi(float* m, const float* c, float* a, float ang, long i) {
   if (c[i] > m[i]) {
     m[i] = c[i];
     a[i] = ang;
@@ -97,7 +97,7 @@ GVEX_HD inline void hd_update_ccmax_psi(float* m, const float* c, float* a, floa
 
 __attribute__((target("avx2,fma"))) void scan_multconj_avx2(const float2* A, const float2* B, float2* P, long b,
                                                              long e, float s) {
-  for (long i = b; i < e; i++) P[i] = hd_multconj_norm(A[i], B[i], s);
+  for (long i = b; i < e; i++) P[i] = cuda_multconj_norm(A[i], B[i], s);
 }
 // _CMP_GT_OQ is the scalar '>': false for equal values and for NaN.
 __attribute__((target("avx2,fma"))) void scan_update_avx2(float* m, const float* c, long b, long e) {
@@ -107,7 +107,7 @@ __attribute__((target("avx2,fma"))) void scan_update_avx2(float* m, const float*
     const __m256 up = _mm256_cmp_ps(v, old, _CMP_GT_OQ);
     if (_mm256_movemask_ps(up)) _mm256_storeu_ps(m + i, _mm256_blendv_ps(old, v, up));
   }
-  for (; i < e; i++) hd_update_ccmax(m, c, i);
+  for (; i < e; i++) cuda_update_ccmax(m, c, i);
 }
 __attribute__((target("avx2,fma"))) void scan_update_psi_avx2(float* m, const float* c, float* a, float ang, long b,
                                                                long e) {
@@ -121,7 +121,7 @@ __attribute__((target("avx2,fma"))) void scan_update_psi_avx2(float* m, const fl
       _mm256_storeu_ps(a + i, _mm256_blendv_ps(_mm256_loadu_ps(a + i), va, up));
     }
   }
-  for (; i < e; i++) hd_update_ccmax_psi(m, c, a, ang, i);
+  for (; i < e; i++) cuda_update_ccmax_psi(m, c, a, ang, i);
 }
 
 static bool scan_simd_ok() {
@@ -159,7 +159,7 @@ void hcuda_update_ccmax_2d(float* ccmax, float* cc, int nx, int ny) {
     return;
   }
 #endif
-  launch_2d(GVEX_SITE, nx, ny, GVEX_LAMBDA(int x, int y) { hd_update_ccmax(m, c, (long)y * nx + x); });
+  launch_2d(GVEX_SITE, nx, ny, GVEX_LAMBDA(int x, int y) { cuda_update_ccmax(m, c, (long)y * nx + x); });
 }
 
 void hcuda_update_ccmax_psi_2d(float* ccmax, float* cc, float* psi, float ang, int nx, int ny) {
@@ -172,7 +172,7 @@ void hcuda_update_ccmax_psi_2d(float* ccmax, float* cc, float* psi, float ang, i
     return;
   }
 #endif
-  launch_2d(GVEX_SITE, nx, ny, GVEX_LAMBDA(int x, int y) { hd_update_ccmax_psi(m, c, a, ang, (long)y * nx + x); });
+  launch_2d(GVEX_SITE, nx, ny, GVEX_LAMBDA(int x, int y) { cuda_update_ccmax_psi(m, c, a, ang, (long)y * nx + x); });
 }
 
 // Centre swap followed by division by s, in one pass; even sizes only (the

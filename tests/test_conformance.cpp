@@ -28,9 +28,9 @@ namespace {
 bool gpu_present() {
   static int present = -1;
   if (present < 0) {
-    int gid = 0;
     present = 0;
 #if defined(GVEX_WITH_CUDA)
+    int gid = 0;
     if (check_and_set_gid(gid) == 0) {
       gvex_device_activate(gid);
       present = gvex_on_gpu() ? 1 : 0;
