@@ -327,7 +327,8 @@ int output_vexmatch_coord_one_temp(FILE* fp, const unsigned int* peaks, const fl
 
 int output_ice_coord(const char* path, const unsigned int* grid, const float* cell_ave, const float* cell_sigma,
                      int nx, int ny, int2 origin, int c, int shrink, int format) {
-  FILE* fp = gvex_fopen_part(path, "w");
+  PartFile file(path, "w");
+  FILE* fp = file.fp();
   if (!fp) gvex_open_write_failed(path, "output_ice_coord", "vexmatch56", 1607);
   if (c <= 0 || nx <= 0 || ny <= 0)
     io_fatalf("output_ice_coord", "vexmatch56", __LINE__, "grid of %d x %d pixels with cell size %d for %s", nx, ny,
@@ -345,6 +346,6 @@ int output_ice_coord(const char* path, const unsigned int* grid, const float* ce
       fprintf(fp, "%-8d%-8d%-8d%-8d\t%-8.6f\t%-8.6f\n", (int)((x - h) * shrink + origin.x),
               (int)((y - h) * shrink + origin.x), (int)((long)c * shrink), (int)((long)c * shrink), cell_ave[i], cell_sigma[i]);
   }
-  if (gvex_commit_part(fp, path) != 0) io_write_failed(path, "output_ice_coord", "vexmatch56", __LINE__);
+  if (!file.commit()) io_write_failed(path, "output_ice_coord", "vexmatch56", __LINE__);
   return 0;
 }

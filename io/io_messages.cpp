@@ -4,6 +4,7 @@
 
 #include <cstdarg>
 #include <cstdio>
+#include <string>
 #include <vector>
 
 #include "common/errors.h"
@@ -36,6 +37,6 @@ const char* io_stream_name(FILE* fp, char* buf, size_t len) {
 }
 
 void io_write_failed(const char* name, const char* func, const char* module, int line) {
-  printf("Cannot write to file %s. Permission denied or no space left!\n", name);
-  gvex_fatal(func, module, line, "write file failed.");
+  gvex_throw("Cannot write to file " + std::string(name) + ". Permission denied or no space left!\n" +
+             gvex_fatal_line(func, module, line, "write file failed."));
 }

@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
 #include <string>
 #include <type_traits>
 #include <utility>
@@ -265,18 +266,6 @@ FILE* open_read(const char* name, const char* func, int line) {
 }
 
 // Images are written beside their final name and renamed when complete.
-FILE* open_write(const char* name, const char* func, int line) {
-  FILE* fp = gvex_fopen_part(name, "w+");
-  if (!fp) gvex_open_write_failed(name, func, gvex_module, line);
-  return fp;
-}
-
-void close_written(FILE* fp, const char* name, const char* func, int line) {
-  if (gvex_commit_part(fp, name) != 0) io_write_failed(name, func, gvex_module, line);
-}
-
-// Host buffer of count floats for a reader's result; zero-filled, so that an
-// unreadable mode hands back zeros rather than leftovers.
 float* new_floats(size_t count, const char* name, const char* func, int line) {
   float* p = (float*)calloc(count > 0 ? count : 1, sizeof(float));
   if (!p) io_fatalf(func, gvex_module, line, "cannot allocate %zu floats for file %s", count, name);
@@ -558,22 +547,22 @@ int mrc_write_head_data(FILE* fp, MRC_HEAD* head, const float* data) {
 }
 
 int mrcf_write_xyz_data(const char* name, const float* data, int nx, int ny, int nz) {
-  FILE* fp = open_write(name, "mrcf_write_xyz_data", __LINE__);
-  MRC_HEAD* head = mrc_new_head();
-  mrc_set_head_xyz_mode(head, nx, ny, nz, 2);
-  write_head_data_named(fp, head, data, name, "mrcf_write_xyz_data", __LINE__);
-  mrc_delete_head(head);
-  close_written(fp, name, "mrcf_write_xyz_data", __LINE__);
+  PartFile file(name, "w+");
+  if (!file.fp()) gvex_open_write_failed(name, "mrcf_write_xyz_data", gvex_module, __LINE__);
+  std::unique_ptr<MRC_HEAD, void (*)(MRC_HEAD*)> head(mrc_new_head(), mrc_delete_head);
+  mrc_set_head_xyz_mode(head.get(), nx, ny, nz, 2);
+  write_head_data_named(file.fp(), head.get(), data, name, "mrcf_write_xyz_data", __LINE__);
+  if (!file.commit()) io_write_failed(name, "mrcf_write_xyz_data", gvex_module, __LINE__);
   return 0;
 }
 
 int mrcf_write_xyz_ddata(const char* name, const float* d_data, int nx, int ny, int nz) {
-  FILE* fp = open_write(name, "mrcf_write_xyz_ddata", __LINE__);
-  MRC_HEAD* head = mrc_new_head();
-  mrc_set_head_xyz_mode(head, nx, ny, nz, 2);
-  write_head_ddata_named(fp, head, d_data, name, "mrcf_write_xyz_ddata", __LINE__);
-  mrc_delete_head(head);
-  close_written(fp, name, "mrcf_write_xyz_ddata", __LINE__);
+  PartFile file(name, "w+");
+  if (!file.fp()) gvex_open_write_failed(name, "mrcf_write_xyz_ddata", gvex_module, __LINE__);
+  std::unique_ptr<MRC_HEAD, void (*)(MRC_HEAD*)> head(mrc_new_head(), mrc_delete_head);
+  mrc_set_head_xyz_mode(head.get(), nx, ny, nz, 2);
+  write_head_ddata_named(file.fp(), head.get(), d_data, name, "mrcf_write_xyz_ddata", __LINE__);
+  if (!file.commit()) io_write_failed(name, "mrcf_write_xyz_ddata", gvex_module, __LINE__);
   return 0;
 }
 

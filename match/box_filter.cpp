@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <climits>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -35,7 +36,9 @@ bool parse_candidate(char* line, long long& x, long long& y, long long& w, long 
     char* end = nullptr;
     errno = 0;
     iv[k] = strtoll(tok[ipos[k]], &end, 10);
-    if (end == tok[ipos[k]] || *end || errno) return false;
+    // Our own candidates are ints; anything else is a damaged line, and
+    // keeping to the int range keeps x + w / 2 far from overflow.
+    if (end == tok[ipos[k]] || *end || errno || iv[k] < INT_MIN || iv[k] > INT_MAX) return false;
   }
   char* end = nullptr;
   errno = 0;

@@ -5,15 +5,18 @@
 #include <cstdio>
 #include <cstring>
 #include <string>
+#include <vector>
 
 #include "common/atomic_file.h"
 #include "common/errors.h"
+#include "common/stop_point.h"
 #include "common/strutil.h"
 #include "gpu/img_filter.h"
 #include "gpu/math_utils.h"
 #include "gpu/resample.h"
 #include "io/boxfile.h"
 #include "io/extract.h"
+#include "io/io_messages.h"
 #include "io/mrcfile.h"
 #include "match/box_filter.h"
 #include "match/ice.h"
@@ -25,17 +28,17 @@
 // Module name in this unit's failure lines.
 static const char* const gvex_module = "gvexmatch56";
 
-void gvex_commit_file(const char* tmp, const char* final_name) {
-  if (rename(tmp, final_name) != 0) {
-    printf("Cannot write to file %s. Permission denied or no space left!\n", final_name);
-    remove(tmp);
-    GVEX_FAIL("open file failed.");
-  }
-}
+namespace {
 
-// The merge writes beside the final name; the rename makes it final, so a run
-// killed before it never leaves a file that --do_unfinished takes as done.
-static std::string temp_name(const char* final_name) { return gvex_part_name(final_name); }
+// Removes the named partial files unless the commit took them.
+struct PartialFiles {
+  std::vector<std::string> names;
+  ~PartialFiles() {
+    for (const std::string& n : names) remove(n.c_str());
+  }
+};
+
+}  // namespace
 
 void gvexmatch_working_sizes(GVexRun& run, int nx, int ny) {
   GVexMatch_Para* p = run.p;
@@ -44,8 +47,12 @@ void gvexmatch_working_sizes(GVexRun& run, int nx, int ny) {
   const int big = nx > ny ? nx : ny;
   run.ext = 2 * (big / (2 * p->shrink));
   run.cell = gvexmatch_grid_cell(p);
-  if (run.ext < 2)
-    GVEX_FAIL("the micrograph is too small for the shrink factor of --speed");
+  if (run.ext < 2) {
+    char why[GVEX_NAME_LEN + 160];
+    snprintf(why, sizeof why, "micrograph %s of %d x %d pixels is too small for the shrink factor %d of --speed",
+             p->first_mic ? p->first_mic : "(none)", nx, ny, p->shrink);
+    GVEX_FAIL(why);
+  }
   run.gx = run.gy = (int)(((long)run.ext + run.cell - 1) / run.cell);  // cell may be near INT_MAX
 }
 
@@ -174,18 +181,36 @@ void gvexmatch_pick_micrograph(GVexRun& run, const char* mic, FILE* nonunique, c
   set_outname_by_suffix(star_name, mic, "_vexmatch.star");
   snprintf(in_name, sizeof in_name, "%s", nonunique_name);
   snprintf(ex_name, sizeof ex_name, "%s", excluded_name);
-  std::string tmp = temp_name(box_name);
+  // Both coordinate files are complete before either becomes final, and the
+  // commit stays open until the particles cut at them are written too, so
+  // --do_unfinished never takes a half-done micrograph as finished.
+  const std::string box_tmp = gvex_part_name(box_name), star_tmp = gvex_part_name(star_name);
+  PartialFiles partial{{box_tmp, star_tmp}};
+  std::vector<std::string> finals{box_name};
+  std::vector<char> out(box_tmp.begin(), box_tmp.end() + 1);
   box_filter(mx, my, p->min_dist_px, p->cc_cutoff, (float)p->shrink, p->boxsize, p->boxsize, origin, in_name, ex_name,
-             &tmp[0], 2);
-  gvex_commit_file(tmp.c_str(), box_name);
+             out.data(), 2);
   if (p->write_star) {
-    tmp = temp_name(star_name);
+    out.assign(star_tmp.begin(), star_tmp.end() + 1);
     box_filter(mx, my, p->min_dist_px, p->cc_cutoff, (float)p->shrink, p->boxsize, p->boxsize, origin, in_name,
-               ex_name, &tmp[0], 1);
-    gvex_commit_file(tmp.c_str(), star_name);
+               ex_name, out.data(), 1);
+    finals.push_back(star_name);
   }
+  gvex_test_stop_point("merged");
+  const std::string marker = gvexmatch_commit_marker(mic);
+  const std::string failed = gvex_commit_together(finals, marker);
+  if (!failed.empty()) io_write_failed(failed.c_str(), "gvexmatch_pick_micrograph", gvex_module, __LINE__);
+  partial.names.clear();
+  gvex_test_stop_point("committed");
   if (p->extract_raw) mrcf_x2d_extract_ptcls_from_micrograph(mic, box_name, p->boxsize, 0);
+  gvex_end_commit(marker);
 
   printf("File %s finished.\n", mic);
   gvex_timer_pop("PICKING");
+}
+
+std::string gvexmatch_commit_marker(const char* mic) {
+  char name[GVEX_NAME_LEN];
+  set_outname_by_suffix(name, mic, "_vexmatch.commit");
+  return name;
 }

@@ -3,6 +3,7 @@
 #pragma once
 #include <cstdio>
 #include <memory>
+#include <string>
 #include <vector>
 
 #include "common/records.h"
@@ -45,5 +46,5 @@ void gvexmatch_prepare_run(GVexRun& run);
 void gvexmatch_pick_micrograph(GVexRun& run, const char* mic, FILE* nonunique, const char* nonunique_name,
                                const char* excluded_name);
 
-// Renames a finished file into place; a failure is fatal, naming both.
-void gvex_commit_file(const char* tmp, const char* final_name);
+// Name of the marker that commits a micrograph's coordinate files together.
+std::string gvexmatch_commit_marker(const char* mic);

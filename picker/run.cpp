@@ -7,7 +7,9 @@
 #include <cstdio>
 #include <cstring>
 
+#include "common/atomic_file.h"
 #include "common/errors.h"
+#include "common/stop_point.h"
 #include "common/strutil.h"
 #include "io/boxfile.h"
 #include "io/mrcfile.h"
@@ -91,6 +93,9 @@ int gvexmatch_run(GVexMatch_Para* p, const char* prog) {
     else
       snprintf(excluded, sizeof excluded, "NULL");
 
+    // What a killed run left of an unfinished commit is undone first.
+    gvex_undo_commit(gvexmatch_commit_marker(mic));
+    gvex_test_stop_point("micrograph");
     // The timer started above stays on the stack for a skipped micrograph.
     if (p->do_unfinished && is_file_vexmatch_done(box_name, star_name)) {
       printf("Micrograph %s has already been processed. Automatically skipped.\n", mic);

@@ -97,7 +97,7 @@ TEST(BadInput, MicrographsThatCannotBeWorked) {
       {big_endian, "is stored in big-endian byte order"},
       // Readable, but no working image can be made of them.
       {sized(1024, 256), "Make sure: Ny/2 < Nx < 2Ny"},
-      {sized(2, 2), "the micrograph is too small for the shrink factor of --speed"},
+      {sized(2, 2), "micrograph bad.mrc of 2 x 2 pixels is too small for the shrink factor 4 of --speed"},
       {sized(64, 64), "do not fit the 16 x 16 working micrograph"},
   };
   for (const auto& [bytes, message] : cases) {
