@@ -8,6 +8,7 @@
 
 #include "common/atomic_file.h"
 #include "common/errors.h"
+#include "common/owned.h"
 #include "io/io_messages.h"
 #include "io/star_keywords.h"
 
@@ -109,22 +110,21 @@ void check_star_column(int col, const char* label, int nlabels, bool required, c
 }
 
 int read_star_records(FILE* fp, PTCL_BOX* boxes, int max, const char* name) {
-  StarHead* head = star_head_new();
-  ParticleInfoIndex* idx = particle_info_index_new();
-  star_read_head(fp, head);
-  set_info_index_from_star_head(head, idx);
+  Owned<StarHead> head(star_head_new());
+  Owned<ParticleInfoIndex> idx(particle_info_index_new());
+  star_read_head(fp, head.get());
+  set_info_index_from_star_head(head.get(), idx.get());
   const int nl = head->n;
-  free(head);
   check_star_column(idx->CoordinateX, "_rlnCoordinateX", nl, true, name);
   check_star_column(idx->CoordinateY, "_rlnCoordinateY", nl, true, name);
   check_star_column(idx->AutopickFigureOfMerit, "_rlnAutopickFigureOfMerit", nl, false, name);
   check_star_column(idx->ClassNumber, "_rlnClassNumber", nl, false, name);
   check_star_column(idx->AnglePsi, "_rlnAnglePsi", nl, false, name);
   const ParticleInfoIndex ix = *idx;
-  free(idx);
 
   star_set_pointer(fp, 0);
-  char** w = (char**)malloc(sizeof(char*) * (size_t)nl);
+  Owned<char*> words((char**)malloc(sizeof(char*) * (size_t)nl));
+  char** w = words.get();
   if (!w) io_fatalf("read_all_ptcl_boxes", gvex_module, __LINE__, "cannot allocate the columns of %s", name);
   LineReader line;
   int n = 0;
@@ -142,7 +142,6 @@ int read_star_records(FILE* fp, PTCL_BOX* boxes, int max, const char* name) {
     // Whole degrees from a STAR file, unlike the .box path.
     if (ix.AnglePsi > 0) b.psi = (float)parse_int(w[ix.AnglePsi - 1]);
   }
-  free(w);
   return n;
 }
 
@@ -178,7 +177,8 @@ int get_boxf_suffixf(const char* name) {
 }
 
 int read_all_ptcl_boxes(PTCL_BOX* boxes, int max, const char* name) {
-  FILE* fp = fopen(name, "r");
+  OwnedFile file(fopen(name, "r"));
+  FILE* fp = file.get();
   if (!fp) gvex_open_read_failed(name, "read_all_ptcl_boxes", gvex_module, __LINE__);
   if (max > 0) empty_all_ptcl_boxes(boxes, max);
   const int kind = get_boxf_suffixf(name);
@@ -190,7 +190,6 @@ int read_all_ptcl_boxes(PTCL_BOX* boxes, int max, const char* name) {
     const int cap = max > GVEX_MAX_PTCLS ? (int)GVEX_MAX_PTCLS : max;
     n = kind == 2 ? read_box_records(fp, boxes, cap) : read_star_records(fp, boxes, cap, name);
   }
-  fclose(fp);
   return n;
 }
 

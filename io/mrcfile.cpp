@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "common/atomic_file.h"
+#include "common/owned.h"
 #include "common/errors.h"
 #include "common/records.h"
 #include "gpu/device.h"
@@ -467,29 +468,26 @@ int mrc_read_slice(FILE* fp, const MRC_HEAD* head, int n, char axis, float* out)
 // reading by file name
 
 MRC_HEAD* get_mrcf_head(const char* name) {
-  FILE* fp = open_read(name, "get_mrcf_head", __LINE__);
-  MRC_HEAD* head = mrc_new_head();
-  read_head_named(fp, head, name, "get_mrcf_head", __LINE__);
-  fclose(fp);
-  return head;
+  OwnedFile fp(open_read(name, "get_mrcf_head", __LINE__));
+  Owned<MRC_HEAD> head(mrc_new_head());
+  read_head_named(fp.get(), head.get(), name, "get_mrcf_head", __LINE__);
+  return head.release();
 }
 
 float* get_mrcf_data_all(const char* name) {
-  FILE* fp = open_read(name, "get_mrcf_data_all", __LINE__);
+  OwnedFile fp(open_read(name, "get_mrcf_data_all", __LINE__));
   MRC_HEAD head;
-  read_head_named(fp, &head, name, "get_mrcf_data_all", __LINE__);
-  float* out =
-      new_floats((size_t)head.nx * (size_t)head.ny * (size_t)head.nz, name, "get_mrcf_data_all", __LINE__);
-  if (read_all_named(fp, &head, out, true, name, "get_mrcf_data_all", __LINE__) != 0)
+  read_head_named(fp.get(), &head, name, "get_mrcf_data_all", __LINE__);
+  Owned<float> out(
+      new_floats((size_t)head.nx * (size_t)head.ny * (size_t)head.nz, name, "get_mrcf_data_all", __LINE__));
+  if (read_all_named(fp.get(), &head, out.get(), true, name, "get_mrcf_data_all", __LINE__) != 0)
     read_failed(name, "get_mrcf_data_all", __LINE__);
-  fclose(fp);
-  return out;
+  return out.release();
 }
 
 int mrcf_read_head(const char* name, MRC_HEAD* head) {
-  FILE* fp = open_read(name, "mrcf_read_head", __LINE__);
-  read_head_named(fp, head, name, "mrcf_read_head", __LINE__);
-  fclose(fp);
+  OwnedFile fp(open_read(name, "mrcf_read_head", __LINE__));
+  read_head_named(fp.get(), head, name, "mrcf_read_head", __LINE__);
   return 0;
 }
 

@@ -7,6 +7,7 @@
 #include <cstring>
 
 #include "common/errors.h"
+#include "common/owned.h"
 #include "common/records.h"
 #include "common/strutil.h"
 #include "gpu/device.h"
@@ -25,8 +26,7 @@ constexpr long MAX_TEMPLATE_SIDE = 1L << 16;
 constexpr long MAX_TEMPLATE_PIXELS = 1L << 31;
 
 // The fatal line of a template file that cannot be used as it stands.
-[[noreturn]] void refuse_template_file(FILE* fp, const char* path, int line, const char* what, const MRC_HEAD& head) {
-  fclose(fp);
+[[noreturn]] void refuse_template_file(const char* path, int line, const char* what, const MRC_HEAD& head) {
   char why[GVEX_NAME_LEN + 256];
   snprintf(why, sizeof why, "template file %s %s (mode %d, %d x %d x %d)", path, what, head.mode, head.nx, head.ny,
            head.nz);
@@ -43,24 +43,24 @@ float* alloc_stack(long n) {
 }  // namespace
 
 float* get_template_data(int& nx, int& ny, int& nz, char* path) {
-  FILE* fp = fopen(path, "r");
+  OwnedFile file(fopen(path, "r"));
+  FILE* fp = file.get();
   if (!fp) gvex_open_read_failed(path, "get_template_data", gvex_module, 689);
   MRC_HEAD head;
   mrc_read_head(fp, &head);
   if (!mrc_mode_is_readable(head.mode))
-    refuse_template_file(fp, path, __LINE__, "has a pixel mode that cannot be read; modes 0, 1, 2 and 6 can", head);
+    refuse_template_file(path, __LINE__, "has a pixel mode that cannot be read; modes 0, 1, 2 and 6 can", head);
   const long lx = head.nx, ly = head.ny, lz = head.nz;
   if (lx < 1 || ly < 1 || lz < 1 || lx > MAX_TEMPLATE_SIDE || ly > MAX_TEMPLATE_SIDE || lx * ly * lz > MAX_TEMPLATE_PIXELS)
-    refuse_template_file(fp, path, __LINE__, "declares unusable sizes", head);
+    refuse_template_file(path, __LINE__, "declares unusable sizes", head);
   if (get_file_size(fp) < 1024 + lx * ly * lz * mrc_mode_element_size(head.mode))
-    refuse_template_file(fp, path, __LINE__, "is shorter than the pixels its header declares", head);
+    refuse_template_file(path, __LINE__, "is shorter than the pixels its header declares", head);
   nx = head.nx;
   ny = head.ny;
   nz = head.nz;
-  float* data = alloc_stack(lx * ly * lz);
-  for (int z = 0; z < nz; z++) mrc_read_slice(fp, &head, z, 'z', data + (long)z * nx * ny);
-  fclose(fp);
-  return data;
+  Owned<float> data(alloc_stack(lx * ly * lz));
+  for (int z = 0; z < nz; z++) mrc_read_slice(fp, &head, z, 'z', data.get() + (long)z * nx * ny);
+  return data.release();
 }
 
 float* create_template_data(int& nx, int& ny, int& nz, float R, float c) {

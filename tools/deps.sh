@@ -4,7 +4,7 @@
 set -euo pipefail
 pkgs="cmake g++ make pkg-config libfftw3-dev"
 if [ "${1:-}" = "--tests" ]; then
-  pkgs="$pkgs libgtest-dev libbenchmark-dev python3 python3-mrcfile python3-numpy relion"
+  pkgs="$pkgs libgtest-dev libbenchmark-dev python3 python3-mrcfile python3-numpy relion clang libclang-rt-14-dev"
 fi
 missing=""
 for p in $pkgs; do

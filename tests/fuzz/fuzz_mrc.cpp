@@ -1,0 +1,31 @@
+// MRC header and pixels, as the run reads a micrograph (header, size and mode
+// checks, first section) and a template stack (every section).
+#include <memory>
+#include <vector>
+
+#include "fuzz_support.h"
+#include "io/mrcfile.h"
+#include "match/templates.h"
+
+extern "C" int LLVMFuzzerInitialize(int*, char***) {
+  fuzz::quiet_stdout();
+  return 0;
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  std::string path = fuzz::write_scratch(data, size, ".mrc");
+  fuzz::refused_or_done([&] {
+    std::unique_ptr<MRC_HEAD, void (*)(MRC_HEAD*)> head(get_mrcf_head(path.c_str()), mrc_delete_head);
+    if (!mrc_mode_is_readable(head->mode) || (long)head->nx * head->ny > (1L << 24)) return;
+    std::unique_ptr<FILE, int (*)(FILE*)> fp(fopen(path.c_str(), "r"), fclose);
+    MRC_HEAD h;
+    mrc_read_head(fp.get(), &h);
+    std::vector<float> pixels((size_t)h.nx * h.ny);
+    mrc_read_slice(fp.get(), &h, 0, 'z', pixels.data());
+  });
+  fuzz::refused_or_done([&] {
+    int nx = 0, ny = 0, nz = 0;
+    destroy_template_data(get_template_data(nx, ny, nz, &path[0]));
+  });
+  return 0;
+}

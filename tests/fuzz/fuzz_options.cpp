@@ -1,0 +1,36 @@
+// The option parser and value checks: the input is the command line, its
+// words separated by NUL bytes.
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "fuzz_support.h"
+#include "picker/params.h"
+
+extern "C" int LLVMFuzzerInitialize(int*, char***) {
+  fuzz::quiet_stdout();
+  return 0;
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  std::vector<std::string> words{"gvexmatch"};
+  words.emplace_back();
+  for (size_t i = 0; i < size; i++) {
+    if (data[i] == 0)
+      words.emplace_back();
+    else
+      words.back() += (char)data[i];
+  }
+  std::vector<char*> argv;
+  for (std::string& w : words) argv.push_back(&w[0]);
+  argv.push_back(nullptr);
+  const int argc = (int)words.size();
+  std::unique_ptr<GVexMatch_Para, void (*)(GVexMatch_Para*)> p(new GVexMatch_Para(), gvexmatch_delete_parameters);
+  fuzz::refused_or_done([&] {
+    gvexmatch_init_parameters(argc, p.get());
+    gvexmatch_get_parameters(argc, argv.data(), p.get());
+    gvexmatch_fput_parameters(argc, argv.data(), p.get(), stdout);
+    gvexmatch_check_values(p.get());
+  });
+  return 0;
+}

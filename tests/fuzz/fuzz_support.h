@@ -1,0 +1,45 @@
+// Shared by the fuzz targets: the input goes to a scratch file (the readers
+// take file names), the program's chatter to /dev/null, and a refused input
+// is caught here, as main would catch it, so the target goes on.
+#pragma once
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cstdint>
+#include <cstdio>
+#include <string>
+
+#include "common/errors.h"
+
+namespace fuzz {
+
+inline void quiet_stdout() {
+  const int null = open("/dev/null", O_WRONLY);
+  if (null >= 0) dup2(null, 1);
+}
+
+// A scratch path of this process with the given ending.
+inline std::string scratch(const char* ending) {
+  return "/tmp/gvex_fuzz_" + std::to_string(getpid()) + ending;
+}
+
+inline std::string write_scratch(const uint8_t* data, size_t size, const char* ending) {
+  const std::string path = scratch(ending);
+  FILE* fp = fopen(path.c_str(), "wb");
+  if (fp) {
+    if (size) fwrite(data, 1, size, fp);
+    fclose(fp);
+  }
+  return path;
+}
+
+// Runs f; a refusal through the failure path is an expected outcome.
+template <class F>
+void refused_or_done(F&& f) {
+  try {
+    f();
+  } catch (const GvexFailure&) {
+  }
+}
+
+}  // namespace fuzz
