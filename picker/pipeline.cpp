@@ -9,6 +9,7 @@
 
 #include "common/atomic_file.h"
 #include "common/errors.h"
+#include "common/owned.h"
 #include "common/stop_point.h"
 #include "common/strutil.h"
 #include "gpu/img_filter.h"
@@ -112,6 +113,7 @@ void gvexmatch_pick_micrograph(GVexRun& run, const char* mic, FILE* nonunique, c
   const float apix = p->apixM * p->shrink;
   const int2 origin = {0, 0};
 
+  OwnedFile owned_nonunique(nonunique);  // closed below, or by a failure unwinding
   printf("Normalizing the micrograph %s ...\n", mic);
   cpu_2d_meanshrink_extended_even_square(run.h_shrunk.data(), run.h_raw.data(), run.nx, run.ny, p->shrink);
   memcpy_H2D(d_mic, run.h_shrunk.data(), n2 * sizeof(float));
@@ -169,7 +171,7 @@ void gvexmatch_pick_micrograph(GVexRun& run, const char* mic, FILE* nonunique, c
     set_outname_by_suffix(name, mic, "_ccmax.mrc");
     mrcf_write_xyz_data(name, run.h_ccmax.data(), ext, ext, run.tnz);
   }
-  if (fclose(nonunique) != 0) gvex_open_write_failed(nonunique_name, "gvexmatch_pick_micrograph", "gvexmatch56", __LINE__);
+  if (fclose(owned_nonunique.release()) != 0) gvex_open_write_failed(nonunique_name, "gvexmatch_pick_micrograph", "gvexmatch56", __LINE__);
 
   // Merge all templates' candidates into the final picks, in micrograph pixels.
   // The merge sees only the shrunk micrograph itself: for a non-square one

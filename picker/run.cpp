@@ -9,6 +9,7 @@
 
 #include "common/atomic_file.h"
 #include "common/errors.h"
+#include "common/owned.h"
 #include "common/stop_point.h"
 #include "common/strutil.h"
 #include "io/boxfile.h"
@@ -62,69 +63,74 @@ static MRC_HEAD* check_access_openf_1st(GVexMatch_Para* p, const char* prog) {
   gvexmatch_help_exit(prog, "No valid files to be processed.");
 }
 
-int gvexmatch_run(GVexMatch_Para* p, const char* prog) {
-  MRC_HEAD* ref = check_access_openf_1st(p, prog);
+MRC_HEAD* gvexmatch_reference(GVexMatch_Para* p, const char* prog) {
+  Owned<MRC_HEAD> ref(check_access_openf_1st(p, prog));
   if (!mrc_mode_is_readable(ref->mode)) {
     char why[GVEX_NAME_LEN + 128];
     snprintf(why, sizeof why, "the pixels of %s are of mode %d (%s), which cannot be read; modes 0, 1, 2 and 6 can",
-             p->first_mic, ref->mode, mrc_get_head_mode(ref));
+             p->first_mic, ref->mode, mrc_get_head_mode(ref.get()));
     GVEX_FAIL(why);
   }
+  return ref.release();
+}
 
+bool gvexmatch_process_one(GVexRun& run, const MRC_HEAD& ref, int i) {
+  GVexMatch_Para* p = run.p;
+  const char* mic = p->mic_files[i];
+  gvex_timer_push();
+  printf("\n");
+  ruler('-', 129);
+
+  char nonunique[GVEX_NAME_LEN], box_name[GVEX_NAME_LEN], star_name[GVEX_NAME_LEN], excluded[GVEX_NAME_LEN];
+  set_outname_by_suffix(box_name, mic, "_vexmatch.box");
+  set_outname_by_suffix(star_name, mic, "_vexmatch.star");
+  set_name_shrinked_box(nonunique, mic, p->shrink);
+  if (p->exclusive_picking)
+    set_outname_by_suffix(excluded, mic, p->excluded_suffix);
+  else
+    snprintf(excluded, sizeof excluded, "NULL");
+
+  // What a killed run left of an unfinished commit is undone first.
+  gvex_undo_commit(gvexmatch_commit_marker(mic));
+  gvex_test_stop_point("micrograph");
+  // The timer started above stays on the stack for a skipped micrograph.
+  if (p->do_unfinished && is_file_vexmatch_done(box_name, star_name)) {
+    printf("Micrograph %s has already been processed. Automatically skipped.\n", mic);
+    return false;
+  }
+
+  OwnedFile fnon(fopen(nonunique, "w+"));
+  if (!fnon) gvex_open_write_failed(nonunique, "main", "gvexmatch56", 185);
+  OwnedFile fmic(fopen(mic, "r"));
+  if (!fmic) gvex_open_read_failed(mic, "main", "gvexmatch56", 187);
+  MRC_HEAD head;
+  mrc_read_head(fmic.get(), &head);
+  check_mrc_head_sizes_two(mic, p->first_mic, &head, &ref);
+  printf("Reading File %s ...\n", mic);
+  mrc_read_slice(fmic.get(), &head, 0, 'z', run.h_raw.data());
+  fmic.reset();
+
+  if (!is_str_null(excluded) && file_readable(excluded)) {
+    run.n_excluded = read_all_ptcl_boxes(run.excluded.data(), (int)run.excluded.size(), excluded);
+    printf("%8d particles in file %s excluded from auto-picking \n", run.n_excluded, excluded);
+  } else {
+    snprintf(excluded, sizeof excluded, "NULL");
+    run.n_excluded = 0;
+  }
+  gvex_timer_pop("READING");
+  gvex_timer_push();
+  gvexmatch_pick_micrograph(run, mic, fnon.release(), nonunique, excluded);
+  return true;
+}
+
+int gvexmatch_run(GVexMatch_Para* p, const char* prog) {
+  Owned<MRC_HEAD> ref(gvexmatch_reference(p, prog));
   GVexRun run;
   run.p = p;
   gvexmatch_working_sizes(run, ref->nx, ref->ny);
   gvexmatch_prepare_run(run);
   gvex_timer_pop("PREPARATION");
-
-  MRC_HEAD* head = mrc_new_head();
-  char nonunique[GVEX_NAME_LEN], box_name[GVEX_NAME_LEN], star_name[GVEX_NAME_LEN], excluded[GVEX_NAME_LEN];
-  for (int i = 0; i < p->n_mic; i++) {
-    const char* mic = p->mic_files[i];
-    gvex_timer_push();
-    printf("\n");
-    ruler('-', 129);
-
-    set_outname_by_suffix(box_name, mic, "_vexmatch.box");
-    set_outname_by_suffix(star_name, mic, "_vexmatch.star");
-    set_name_shrinked_box(nonunique, mic, p->shrink);
-    if (p->exclusive_picking)
-      set_outname_by_suffix(excluded, mic, p->excluded_suffix);
-    else
-      snprintf(excluded, sizeof excluded, "NULL");
-
-    // What a killed run left of an unfinished commit is undone first.
-    gvex_undo_commit(gvexmatch_commit_marker(mic));
-    gvex_test_stop_point("micrograph");
-    // The timer started above stays on the stack for a skipped micrograph.
-    if (p->do_unfinished && is_file_vexmatch_done(box_name, star_name)) {
-      printf("Micrograph %s has already been processed. Automatically skipped.\n", mic);
-      continue;
-    }
-
-    FILE* fnon = fopen(nonunique, "w+");
-    if (!fnon) gvex_open_write_failed(nonunique, "main", "gvexmatch56", 185);
-    FILE* fmic = fopen(mic, "r");
-    if (!fmic) gvex_open_read_failed(mic, "main", "gvexmatch56", 187);
-    mrc_read_head(fmic, head);
-    check_mrc_head_sizes_two(mic, p->first_mic, head, ref);
-    printf("Reading File %s ...\n", mic);
-    mrc_read_slice(fmic, head, 0, 'z', run.h_raw.data());
-    fclose(fmic);
-
-    if (!is_str_null(excluded) && file_readable(excluded)) {
-      run.n_excluded = read_all_ptcl_boxes(run.excluded.data(), (int)run.excluded.size(), excluded);
-      printf("%8d particles in file %s excluded from auto-picking \n", run.n_excluded, excluded);
-    } else {
-      snprintf(excluded, sizeof excluded, "NULL");
-      run.n_excluded = 0;
-    }
-    gvex_timer_pop("READING");
-    gvex_timer_push();
-    gvexmatch_pick_micrograph(run, mic, fnon, nonunique, excluded);
-  }
-  mrc_delete_head(head);
-  mrc_delete_head(ref);
+  for (int i = 0; i < p->n_mic; i++) gvexmatch_process_one(run, *ref, i);
   return 0;
 }
 

@@ -2,6 +2,8 @@
 #pragma once
 
 struct GVexMatch_Para;
+struct GVexRun;
+struct MRC_HEAD;
 
 // The whole program: options, run, summary. Failures are thrown to the
 // caller (main prints them and exits with their status).
@@ -10,6 +12,14 @@ int gvexmatch_main(int argc, char** argv);
 // True when the micrograph's "_vexmatch.box" or "_vexmatch.star" exists and
 // is readable: --do_unfinished then skips it.
 bool is_file_vexmatch_done(const char* box_name, const char* star_name);
+
+// The header of the first readable micrograph, which fixes the sizes of the
+// run (warnings for the names before it); release with mrc_delete_head.
+MRC_HEAD* gvexmatch_reference(GVexMatch_Para* p, const char* prog);
+
+// Micrograph i of the list, start to "File %s finished.", or the skip line
+// of --do_unfinished (then false). A failure is thrown to the caller.
+bool gvexmatch_process_one(GVexRun& run, const MRC_HEAD& ref, int i);
 
 // Finds the reference micrograph, prepares templates and buffers, and picks
 // every micrograph in command-line order. prog names the program for the
