@@ -59,6 +59,14 @@ int gvex_select_gid(int& gid, int (*count)(), bool (*props)(int, int&, int&)) {
   return props(gid, major, minor) ? 0 : -1;
 }
 
+int gvex_device_count() {
+#if defined(GVEX_WITH_CUDA)
+  return gvex_cuda::device_count();
+#else
+  return 0;
+#endif
+}
+
 int check_and_set_gid(int& gid) {
 #if defined(GVEX_WITH_CUDA)
   if (gvex_cuda::device_count() > 0) return gvex_select_gid(gid, gvex_cuda::device_count, gvex_cuda::device_props);

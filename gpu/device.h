@@ -19,6 +19,9 @@ int gvex_select_gid(int& gid, int (*count)(), bool (*props)(int id, int& major, 
 // which ("Running on ...\n"), for the caller to print.
 const char* gvex_device_activate(int gid);
 
+// GPUs that answer; 0 on a host-only build or machine.
+int gvex_device_count();
+
 // True when the CUDA back end is the active one.
 bool gvex_on_gpu();
 

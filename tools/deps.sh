@@ -2,7 +2,7 @@
 # Installs the Debian packages the build needs (root, Debian 12); with
 # --tests also those of the tests and benchmarks.
 set -euo pipefail
-pkgs="cmake g++ make pkg-config libfftw3-dev"
+pkgs="cmake g++ make pkg-config libfftw3-dev libopenmpi-dev openmpi-bin"
 if [ "${1:-}" = "--tests" ]; then
   pkgs="$pkgs libgtest-dev libbenchmark-dev python3 python3-mrcfile python3-numpy relion clang libclang-rt-14-dev"
 fi

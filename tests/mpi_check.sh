@@ -1,0 +1,44 @@
+#!/bin/sh
+# gvexmatch_mpi against one-process gvexmatch on generated micrographs:
+# identical files with 2 and 3 ranks; a corrupt and a wrong-size micrograph
+# in the middle are reported and skipped (status 1); a job killed part-way
+# and resumed with --do_unfinished ends with the files of an uninterrupted run.
+# Usage: mpi_check.sh GVEXMATCH GVEXMATCH_MPI MAKEMIC SCRATCH
+set -eu
+gvex=$1 mpi=$2 makemic=$3 work=$4
+rm -rf "$work" && mkdir -p "$work/mics"
+cd "$work/mics"
+for i in 1 2 3 4 5 6; do "$makemic" make m$i.mrc --nx 512 --ny 512 --apix 1.34 --diameter 120 --seed $i >/dev/null; done
+"$makemic" make small.mrc --nx 512 --ny 384 --apix 1.34 --diameter 120 --seed 9 >/dev/null
+head -c 3000 m6.mrc > broken.mrc
+run="mpirun --allow-run-as-root --oversubscribe"
+opts="--diameter 120 --write_mic_mask 1"
+fail() { echo "FAIL: $*"; exit 1; }
+fresh() { rm -rf "$work/$1" && mkdir "$work/$1" && cp "$work"/mics/m?.mrc "$work/$1/" && cd "$work/$1"; }
+same() { for f in "$work/one"/*; do cmp -s "$f" "$work/$1/${f##*/}" || fail "$1: ${f##*/} differs"; done
+         [ "$(ls "$work/$1" | wc -l)" = "$(ls "$work/one" | wc -l)" ] || fail "$1: other files"; }
+
+fresh one && "$gvex" $opts m1.mrc m2.mrc m3.mrc m4.mrc m5.mrc >out.log || fail "gvexmatch failed"; rm out.log
+for k in 1 2 3; do
+  fresh k$k && $run -n $k "$mpi" $opts m1.mrc m2.mrc m3.mrc m4.mrc m5.mrc >../k$k.log 2>&1 || fail "-n $k failed"
+  same k$k
+  grep -q "^\[5/5\] m.\.mrc picks [0-9]*  .* s  ETA 0:00:00$" ../k$k.log || fail "-n $k: no last progress line"
+  [ "$(grep -c '^\*\*\*\*' ../k$k.log)" = 1 ] || fail "-n $k: the echo is not printed once"
+done
+
+# Keep going: both bad micrographs named, status 1, the others as before.
+fresh bad && cp ../mics/broken.mrc ../mics/small.mrc .
+if $run -n 3 "$mpi" $opts m1.mrc m2.mrc broken.mrc m3.mrc small.mrc m4.mrc m5.mrc >../bad.log 2>&1; then fail "bad: status 0"; fi
+grep -q "^    broken.mrc: rank [12]: .*broken.mrc" ../bad.log || fail "bad: broken.mrc not named"
+grep -q "^    small.mrc: rank [12]: Micrograph small.mrc has a different size" ../bad.log || fail "bad: small.mrc not named"
+grep -q "^Summary: 7 micrographs, 5 picked, 0 skipped, 2 failed" ../bad.log || fail "bad: summary"
+rm broken.mrc small.mrc small_nonunique.box broken_nonunique.box && same bad
+
+# Killed part-way (a rank dies at its second micrograph), then resumed.
+fresh resume
+if GVEX_TEST_STOP_AT=micrograph:2 $run -x GVEX_TEST_STOP_AT -n 2 "$mpi" $opts m1.mrc m2.mrc m3.mrc m4.mrc m5.mrc \
+   >../killed.log 2>&1; then fail "resume: the kill did not happen"; fi
+$run -n 3 "$mpi" $opts --do_unfinished 1 m1.mrc m2.mrc m3.mrc m4.mrc m5.mrc >../resume.log 2>&1 || fail "resume failed"
+grep -q "skipped (finished before)" ../resume.log || fail "resume: nothing skipped"
+same resume
+echo "mpi_check: all cases passed"
