@@ -2,9 +2,9 @@
 # Installs the Debian packages the build needs (root, Debian 12); with
 # --tests also those of the tests and benchmarks.
 set -euo pipefail
-pkgs="cmake g++ make pkg-config libfftw3-dev libopenmpi-dev openmpi-bin"
+pkgs="cmake g++ make pkg-config libfftw3-dev libpng-dev libopenmpi-dev openmpi-bin"
 if [ "${1:-}" = "--tests" ]; then
-  pkgs="$pkgs libgtest-dev libbenchmark-dev python3 python3-mrcfile python3-numpy relion clang libclang-rt-14-dev"
+  pkgs="$pkgs libgtest-dev libbenchmark-dev python3 python3-mrcfile python3-numpy relion clang libclang-rt-14-dev chromium"
 fi
 missing=""
 for p in $pkgs; do

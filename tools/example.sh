@@ -5,8 +5,10 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 bash tools/deps.sh
 cmake -S . -B build/example -DCMAKE_BUILD_TYPE=Release -DGVEX_CUDA=AUTO -DGVEX_TESTS=OFF -DGVEX_BENCH=OFF
-cmake --build build/example -j2 --target gvexmatch gvex_makemic
+cmake --build build/example -j2 --target gvexmatch gvex_makemic gvexreport
 mkdir -p example/Micrographs
 build/example/tools/gvex_makemic make example/Micrographs/mic001.mrc --nx 4096 --ny 4096 --apix 1.34 --diameter 300 --seed 7
 build/example/gvexmatch --apixM 1.34 --diameter 300 example/Micrographs/mic001.mrc
 build/example/tools/gvex_makemic score example/Micrographs/mic001_vexmatch.box example/Micrographs/mic001_truth.txt 40
+# See the picks: pictures, score histograms and warnings in one page.
+build/example/report/gvexreport --out example/report --apixM 1.34 --diameter 300 example/Micrographs/mic001.mrc

@@ -3,16 +3,20 @@
 // and one contamination blob, and scores a pick file against the truth.
 //
 //   gvex_makemic make OUT.mrc [--nx N] [--ny N] [--apix A] [--diameter D]
-//                [--seed S] [--noise SIGMA] [--mode 0|1|2|6] [--no-blob]
+//                [--seed S] [--noise SIGMA] [--density F] [--mode 0|1|2|6] [--no-blob]
 //       writes OUT.mrc and OUT_truth.txt (one "x y" centre per line)
 //   gvex_makemic score PICKS.box TRUTH.txt RADIUS
 //       prints how many planted particles have a pick within RADIUS pixels
+//   gvex_makemic f1 RADIUS CUT PICKS.box TRUTH.txt [PICKS.box TRUTH.txt ...]
+//       F1 of a set's picks at or above CUT, and the best F1 of any cut-off
 #include <algorithm>
+#include <array>
 #include <cmath>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <fstream>
 #include <string>
 #include <vector>
 
@@ -40,7 +44,7 @@ struct Rng {
 
 struct Options {
   int nx = 2048, ny = 2048, mode = 2;
-  double apix = 1.34, diameter = 300.0, noise = 2.0;
+  double apix = 1.34, diameter = 300.0, noise = 2.0, density = 0.8;
   uint64_t seed = 1;
   bool blob = true;
 };
@@ -48,8 +52,9 @@ struct Options {
 [[noreturn]] void usage() {
   fprintf(stderr,
           "usage: gvex_makemic make OUT.mrc [--nx N] [--ny N] [--apix A] [--diameter D] [--seed S]\n"
-          "                    [--noise SIGMA] [--mode 0|1|2|6] [--no-blob]\n"
-          "       gvex_makemic score PICKS.box TRUTH.txt RADIUS\n");
+          "                    [--noise SIGMA] [--density F] [--mode 0|1|2|6] [--no-blob]\n"
+          "       gvex_makemic score PICKS.box TRUTH.txt RADIUS\n"
+          "       gvex_makemic f1 RADIUS CUT PICKS.box TRUTH.txt [PICKS.box TRUTH.txt ...]\n");
   exit(2);
 }
 
@@ -118,6 +123,7 @@ int make(int argc, char** argv) {
     else if (a == "--seed") o.seed = strtoull(value_of(argc, argv, i), nullptr, 10);
     else if (a == "--noise") o.noise = atof(value_of(argc, argv, i));
     else if (a == "--mode") o.mode = atoi(value_of(argc, argv, i));
+    else if (a == "--density") o.density = atof(value_of(argc, argv, i));
     else if (a == "--no-blob") o.blob = false;
     else usage();
   }
@@ -141,7 +147,7 @@ int make(int argc, char** argv) {
       double jx = x + (rng.uniform() - 0.5) * 0.5 * R, jy = y + (rng.uniform() - 0.5) * 0.5 * R;
       if (jx < margin || jy < margin || jx > nx - margin || jy > ny - margin) continue;
       if (o.blob && std::hypot(jx - bx, jy - by) < br + 2.0 * R) continue;
-      if (rng.uniform() < 0.2) continue;  // leave some gaps
+      if (rng.uniform() >= o.density) continue;  // leave some gaps
       centres.push_back({(int)std::lround(jx), (int)std::lround(jy)});
     }
 
@@ -232,9 +238,77 @@ int score(int argc, char** argv) {
 
 }  // namespace
 
+// A set's picks (centre and score) and planted centres, pair by pair.
+struct Scored {
+  std::vector<std::array<double, 3>> picks;
+  std::vector<std::pair<double, double>> truth;
+};
+
+bool load_scored(const char* picks, const char* truth, double radius, Scored& s) {
+  std::ifstream p(picks), t(truth);
+  if (!p || !t) return false;
+  for (std::string line; std::getline(p, line);) {
+    double x, y, w, h, cc;
+    if (sscanf(line.c_str(), "%lf %lf %lf %lf %lf", &x, &y, &w, &h, &cc) == 5)
+      s.picks.push_back({x + (int)w / 2, y + (int)h / 2, cc});
+  }
+  for (double x, y; t >> x >> y;) s.truth.push_back({x, y});
+  (void)radius;
+  return true;
+}
+
+// F1 of the picks at or above cut over every pair of the set.
+double set_f1(const std::vector<Scored>& set, double radius, double cut) {
+  long picks = 0, good = 0, found = 0, planted = 0;
+  for (const Scored& s : set) {
+    planted += (long)s.truth.size();
+    for (const auto& p : s.picks) {
+      if (p[2] < cut) continue;
+      picks++;
+      for (const auto& t : s.truth)
+        if (std::hypot(p[0] - t.first, p[1] - t.second) <= radius) {
+          good++;
+          break;
+        }
+    }
+    for (const auto& t : s.truth)
+      for (const auto& p : s.picks)
+        if (p[2] >= cut && std::hypot(p[0] - t.first, p[1] - t.second) <= radius) {
+          found++;
+          break;
+        }
+  }
+  const double prec = picks ? (double)good / picks : 0, rec = planted ? (double)found / planted : 0;
+  return prec + rec > 0 ? 2 * prec * rec / (prec + rec) : 0;
+}
+
+// gvex_makemic f1 RADIUS CUT PICKS TRUTH [PICKS TRUTH ...]: the set's F1 at
+// CUT and the best F1 any single cut-off reaches.
+int f1(int argc, char** argv) {
+  if (argc < 6 || argc % 2) usage();
+  const double radius = atof(argv[2]), cut = atof(argv[3]);
+  std::vector<Scored> set(1);
+  std::vector<double> cuts;
+  for (int i = 4; i + 1 < argc; i += 2, set.emplace_back())
+    if (!load_scored(argv[i], argv[i + 1], radius, set.back())) {
+      fprintf(stderr, "gvex_makemic: cannot read %s or %s\n", argv[i], argv[i + 1]);
+      return 1;
+    }
+  for (const Scored& s : set)
+    for (const auto& p : s.picks) cuts.push_back(p[2]);
+  double best = 0, at = 0;
+  for (double c : cuts) {
+    const double f = set_f1(set, radius, c);
+    if (f > best) best = f, at = c;
+  }
+  printf("F1 %.4f at %g, best %.4f at %g\n", set_f1(set, radius, cut), cut, best, at);
+  return 0;
+}
+
 int main(int argc, char** argv) {
   if (argc < 2) usage();
   if (!strcmp(argv[1], "make")) return make(argc, argv);
   if (!strcmp(argv[1], "score")) return score(argc, argv);
+  if (!strcmp(argv[1], "f1")) return f1(argc, argv);
   usage();
 }

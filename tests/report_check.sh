@@ -1,0 +1,46 @@
+#!/bin/sh
+# gvexreport on generated sets from easy to very hard, sparse and crowded,
+# each with contamination: per set, the automatic cut-off reaches 0.95 of the
+# best F1 any single cut-off reaches and is never worse than the default 0.15
+# by more than 0.02. Then the refusals: missing picks, unreadable micrograph,
+# no micrographs, a report folder that cannot be made.
+# Usage: report_check.sh GVEXMATCH GVEXREPORT MAKEMIC SCRATCH
+set -eu
+gvex=$1 report=$2 makemic=$3 work=$4
+rm -rf "$work" && mkdir -p "$work" && cd "$work"
+fail() { echo "FAIL: $*"; exit 1; }
+sets=""
+for noise in 4 16 24 32; do for density in 0.3 0.9; do
+  for seed in 1 2; do
+    "$makemic" make n${noise}_d${density}_$seed.mrc --nx 2048 --ny 2048 --apix 1.34 --diameter 120 \
+      --seed $seed$noise --noise $noise --density $density >/dev/null
+  done
+  sets="$sets n${noise}_d${density}"
+done; done
+"$gvex" --diameter 120 --cc_cutoff 0 n*.mrc >pick.log || fail "gvexmatch failed"
+"$report" --out rep --apixM 1.34 --diameter 120 --apply n*.mrc >report.log || fail "gvexreport failed"
+grep -q '^suggested --cc_cutoff [0-9]*\.[0-9][0-9][0-9][0-9]$' report.log || fail "no suggested cut-off line"
+echo "set          auto   best  default (F1)"
+for s in $sets; do
+  auto=$("$makemic" f1 22 -1e30 ${s}_1_vexmatch_auto.box ${s}_1_truth.txt ${s}_2_vexmatch_auto.box ${s}_2_truth.txt)
+  all=$("$makemic" f1 22 0.15 ${s}_1_vexmatch.box ${s}_1_truth.txt ${s}_2_vexmatch.box ${s}_2_truth.txt)
+  a=$(echo "$auto" | awk '{print $2}') b=$(echo "$all" | awk '{print $6}') d=$(echo "$all" | awk '{print $2}')
+  printf '%-12s %s %s %s\n' "$s" "$a" "$b" "$d"
+  awk -v a="$a" -v b="$b" -v d="$d" 'BEGIN { exit !(a >= 0.95 * b && a >= d - 0.02) }' || fail "$s: auto $a, best $b, default $d"
+done
+cmp -s n4_d0.3_1_vexmatch_auto.star n4_d0.3_1_vexmatch.star && fail "the sparse set kept every pick"
+[ "$(grep -c '^n.*\.mrc ' rep/summary.star)" = 16 ] || fail "summary.star rows"
+
+# Refusals and warnings.
+cp n4_d0.3_1.mrc lonely.mrc
+"$report" --out rep2 lonely.mrc >lonely.log || fail "a missing picks file must not stop the report"
+grep -q '^warning: lonely.mrc: no picks file$' lonely.log || fail "missing picks file not reported"
+head -c 500 n4_d0.3_2.mrc > cut.mrc
+if "$report" --out rep3 n4_d0.3_1.mrc cut.mrc 2>err.log; then fail "a cut micrograph was accepted"; fi
+grep -q 'cut.mrc' err.log || fail "the unreadable micrograph is not named"
+[ ! -e rep3/index.html ] || fail "a page was written for a failed report"
+status=0; "$report" --out rep4 2>/dev/null || status=$?; [ $status = 2 ] || fail "no micrographs: status $status"
+touch blocker
+if "$report" --out blocker/rep n4_d0.3_1.mrc 2>err.log; then fail "an impossible folder was accepted"; fi
+grep -q 'blocker/rep' err.log || fail "the folder is not named"
+echo "report_check: all cases passed"
