@@ -88,20 +88,6 @@ TEST(BoxRead, FilesAndTheirRecords) {
   EXPECT_EQ(read_boxes(f, 0).size() + read_boxes(f, -3).size(), 0u);
 }
 
-TEST(BoxRead, UnknownSuffixAndOpenFailure) {
-  TempDir dir;
-  write_text_file(dir.file("a.txt"), "1 2 3 4\n");
-  testing::internal::CaptureStdout();
-  EXPECT_EQ(read_boxes(dir.file("a.txt")).size(), 0u);
-  const std::string out = testing::internal::GetCapturedStdout();
-  EXPECT_EQ(out.rfind("Warning in function read_all_ptcl_boxes(), file boxfile on line ", 0), 0u) << out;
-  EXPECT_NE(out.find(": unrecognized box file format, only EMAN .box and Relion .star file are supported now.!\n"),
-            std::string::npos);
-  expect_fatal_line(capture_run([&] { read_boxes(dir.file("none.box")); }),
-                    "Cannot open file " + dir.file("none.box") + ". Permission denied or wrong file name.\n",
-                    kReadFatal);
-}
-
 // .box lines of one to three words, and STAR files without usable
 // coordinate columns, end the run.
 TEST(BoxRead, UnusableFilesAreFatal) {
@@ -123,17 +109,6 @@ TEST(BoxRead, UnusableFilesAreFatal) {
     write_text_file(k.file, k.text);
     expect_fatal_line(capture_run([&] { read_boxes(k.file); }), kReadFatal, k.reason);
   }
-}
-
-TEST(BoxWrite, HeadersOverwriteFromTheStart) {
-  TempDir dir;
-  // Headers are written from the start of the file, over what was there;
-  // the picker's own lists put the class before psi.
-  FILE* fp = fopen(dir.file("h.star").c_str(), "w+");
-  fputs("old text that is longer than every header written over it ............................", fp);
-  output_starbox_head(fp);
-  fclose(fp);
-  EXPECT_EQ(read_text_file(dir.file("h.star")).substr(0, kPickerStarHead.size()), kPickerStarHead);
 }
 
 // Per-template lists: a box of 10 (h = 5) in a 20 x 16 image is written only

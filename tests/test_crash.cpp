@@ -31,7 +31,7 @@ struct Batch {
     for (int i = 0; i < 3; i++) EXPECT_TRUE(make_mic(dir.path(), kMics[i], 512, 512, 20 + i));
   }
   RunResult run(const std::string& prefix, const std::string& more = "") {
-    return run_shell(prefix + " " + gvex_bin() + kOptions + more, RunOptions{dir.path(), "", 120});
+    return run_shell(prefix + " " + gvex_bin() + kOptions + more, RunOptions{dir.path(), 120});
   }
 };
 

@@ -53,14 +53,6 @@ TEST(DeviceSelection, FollowsTheCapabilityRule) {
   EXPECT_EQ(gid, 0);
 }
 
-TEST(DeviceMemory, EmptyCountsBytes) {
-  const unsigned long n = 3000;
-  DevVec d(Vec(n, 2.5f));
-  hcuda_empty(d.get(), n);  // n bytes clear only a quarter of the floats
-  const Vec h = download(d.get(), n);
-  for (unsigned long i = 0; i < n; i++) ASSERT_EQ(h[i], i < n / 4 ? 0.0f : 2.5f) << i;
-}
-
 TEST(DeviceErrors, FftTextsAndExit) {
   EXPECT_STREQ(cuFFT_GetErrorString(10), "CUFFT_INCOMPLETE_PARAMETER_LIST,  Missing parameters in call");
   EXPECT_STREQ(cuFFT_GetErrorString(12), "CUFFT_PARSE_ERROR,  Internal plan database error");

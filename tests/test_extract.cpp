@@ -30,16 +30,6 @@ std::vector<float> ramp(int nx, int ny, int nz) {
 
 PTCL_BOX rec(int x, int y, int bx, int by) { return {x, y, bx, by, 0.0f, 0, 0.0f, 0}; }
 
-TEST(Extract, ResizeKeepsTheCentre) {
-  std::vector<PTCL_BOX> b = {rec(100, 50, 360, 360), rec(0, 0, 361, 300), rec(7, 7, 10, 10)};
-  resize_ptcl_boxes(b.data(), 2, 400);
-  resize_ptcl_boxes(b.data() + 2, 1, 5);
-  EXPECT_TRUE(b[0].x == 80 && b[0].y == 30);    // -20 in x and y
-  EXPECT_TRUE(b[1].x == -19 && b[1].y == -50);  // (361 - 400) / 2 truncates toward zero
-  EXPECT_TRUE(b[1].bx == 400 && b[1].by == 400);
-  EXPECT_EQ(b[2].x, 9);
-}
-
 TEST(Extract, CutOutsAtTheBorder) {
   const int nx = 12, ny = 9, bx = 4, by = 3;
   const std::vector<float> mic = ramp(nx, ny, 1);
@@ -90,14 +80,6 @@ TEST_F(ExtractFiles, StackBesideTheMicrograph) {
   EXPECT_EQ(inv[0], -ramp_at(2, 3, 0));
   EXPECT_EQ(inv[36 + 4 * 6 + 5], -ramp_at(35, 29, 0));
   free(inv);
-}
-
-TEST_F(ExtractFiles, MovieStackIsParticleMajor) {
-  mrcf_x2d_extract_ptcls_from_micrograph(mic(3, "mov.mrcs").c_str(), picks("4 4 2 2\n10 20 2 2\n", "mov.box").c_str(),
-                                         0, 0);
-  const std::vector<float> s = stack("mov_particles.mrcs", 6, 2);
-  for (int i = 0; i < 2; i++)
-    for (int z = 0; z < 3; z++) EXPECT_EQ(s[(i * 3 + z) * 4 + 3], ramp_at(i ? 11 : 5, i ? 21 : 5, z)) << i << z;
 }
 
 TEST_F(ExtractFiles, EmptyAndOverlongPickLists) {

@@ -102,43 +102,6 @@ TEST(FftTransforms, BadSizeEndsWithTheFftErrorLine) {
               "Error CUFFT_INVALID_SIZE, User specified an invalid transform size at line [0-9]+ in file cuda_fft");
 }
 
-TEST(FourierKernels, ConjugateProductIsFusedAndTrulyDivided) {
-  // a.re*b.re = 1 + 2^-11 + 2^-24 is a tie that plain float rounds away;
-  // the fused product keeps it. s is picked so that x/s differs from x*(1/s).
-  const float e = ldexpf(1.0f, -12);
-  const float2 a{1.0f + e, 1.0f}, b{1.0f + e, -1.0f};
-  const float fused = fmaf(a.x, b.x, a.y * b.y);
-  ASSERT_NE(fused, a.x * b.x + a.y * b.y);
-  float s = 3.0f;
-  while (fused / s == fused * (1.0f / s)) s += 2.0f;
-  const float2 A[2] = {a, {0.5f, 2.0f}}, B[2] = {b, {-3.0f, 0.25f}};
-  float2 out[2], io[2] = {A[0], A[1]};
-  hcuda_c2d_multconj_norm(A, B, out, 2, 1, s);
-  hcuda_c2d_multconj_norm_inplace(io, B, 2, 1, s);
-  EXPECT_EQ(out[0].x, fused / s);
-  EXPECT_EQ(out[1].x, fmaf(0.5f, -3.0f, 2.0f * 0.25f) / s);
-  EXPECT_EQ(out[1].y, (2.0f * -3.0f - 0.5f * 0.25f) / s);
-  EXPECT_TRUE(same_bits(out, io, sizeof out));
-}
-
-TEST(FourierKernels, CentreSwapExchangesQuadrantsAndUndoesItself) {
-  Vec p2 = {1, 2, 3, 4};  // 2 x 2: (0,0) <-> (1,1) and (1,0) <-> (0,1)
-  hcuda_2d_swap_ccf_inplace(p2.data(), 2, 2);
-  EXPECT_EQ(p2, (Vec{4, 3, 2, 1}));
-  for (Shape s : {Shape{6, 4}, Shape{8, 10}, Shape{64, 64}}) {
-    Vec p(s.nx * s.ny);
-    for (size_t i = 0; i < p.size(); i++) p[i] = (float)i;
-    DevVec d_q(p);
-    hcuda_2d_swap_ccf_inplace(d_q.get(), s.nx, s.ny);
-    const Vec q = download(d_q.get(), p.size());
-    for (int y = 0; y < s.ny; y++)
-      for (int x = 0; x < s.nx; x++)
-        ASSERT_EQ(q[((y + s.ny / 2) % s.ny) * s.nx + (x + s.nx / 2) % s.nx], p[y * s.nx + x]);
-    hcuda_2d_swap_ccf_inplace(d_q.get(), s.nx, s.ny);
-    EXPECT_EQ(download(d_q.get(), p.size()), p);
-  }
-}
-
 // Circular cross-correlation of m and t through the spectra, as the scan
 // computes it: forward, A * conj(B) / (nx*ny), inverse.
 Vec correlate(const Vec& m, const Vec& t, int nx, int ny) {

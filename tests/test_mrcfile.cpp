@@ -68,16 +68,6 @@ std::string captured(const std::function<void()>& f) {
   return testing::internal::GetCapturedStdout();
 }
 
-TEST(MrcHead, Modes) {
-  // Element sizes and the names the size-mismatch table prints.
-  std::string table;
-  for (int m : {0, 1, 2, 3, 4, 5, 6, 16, 20, 21, 22})
-    table += std::to_string(mrc_mode_element_size(m)) + " " + mrc_mode_name(m) + ";";
-  EXPECT_EQ(table,
-            "1 Byte;2 Short;4 Float;4 Complex Short;8 Complex Float;0 Unknown;2 Unsigned Short;0 RGB;"
-            "8 Complex Float (Real, Imag);8 Complex Float (Amp, Rad);8 Complex Float (Amp, Deg);");
-}
-
 // Every readable mode: slices along z, y and x, and the whole-file reader.
 TEST(MrcRead, EveryReadableModeRoundTrips) {
   TempDir dir;
@@ -122,19 +112,6 @@ TEST(MrcRead, EveryReadableModeRoundTrips) {
   }
 }
 
-TEST(MrcRead, UnstampedHeaderIsStampedInMemory) {
-  TempDir dir;
-  const std::string f = dir.file("old.mrc");
-  MRC_HEAD h = make_head(2, 2, 1, 2);
-  memset(h.map, 0, 8);
-  const std::vector<float> v = {1, 2, 3, 4};
-  write_raw(f, h, v.data(), 16);
-  MRC_HEAD r;
-  mrcf_read_head(f.c_str(), &r);
-  EXPECT_EQ(memcmp(r.map, "MAP DA\0\0", 8), 0);
-  EXPECT_EQ(section(f, 0)[3], 4.0f);
-}
-
 TEST(MrcRead, ExactSizeCheck) {
   TempDir dir;
   // Extended header: the exact size check fails, slices still start at 1024,
@@ -159,50 +136,6 @@ TEST(MrcRead, ExactSizeCheck) {
                ": File size error! Exit now!\n");
 }
 
-// Headers that cannot describe their file end the run with the file named,
-// rather than in a huge allocation or a read of garbage.
-TEST(MrcRead, ImpossibleHeadersAreFatal) {
-  TempDir dir;
-  const std::vector<float> four = {1, 2, 3, 4};
-  MRC_HEAD big_endian = make_head(2, 2, 1, 2);
-  big_endian.machst[0] = big_endian.machst[1] = 0x11;
-  const struct {
-    const char* file;
-    MRC_HEAD head;
-    const char* reason;
-  } cases[] = {
-      {"zero.mrc", make_head(0, 2, 1, 2), "has the invalid image size 0 x 2 x 1"},
-      {"negative.mrc", make_head(2, -2, 1, 2), "has the invalid image size 2 x -2 x 1"},
-      {"overflow.mrc", make_head(2147483647, 2147483647, 2147483647, 2), "has the impossible image size"},
-      {"short.mrc", make_head(4096, 4096, 1, 2), "is too short for its header: 4096 x 4096 x 1 floats need 67108864"},
-      {"stack.mrc", make_head(2, 2, 3, 2), "is too short for its header: 2 x 2 x 3 floats"},
-      {"big.mrc", big_endian, "is stored in big-endian byte order"},
-  };
-  for (const auto& k : cases) {
-    const std::string f = dir.file(k.file);
-    write_raw(f, k.head, four.data(), 16);
-    expect_fatal(capture_run([&] { free(get_mrcf_data_all(f.c_str())); }), "get_mrcf_data_all",
-                 "file " + f + " " + k.reason);
-  }
-  // The stream reader names the file as well.
-  expect_fatal(capture_run([&] {
-                 FILE* fp = fopen(dir.file("zero.mrc").c_str(), "r");
-                 MRC_HEAD h;
-                 mrc_read_head(fp, &h);
-               }),
-               "mrc_read_head", "file " + dir.file("zero.mrc") + " has the invalid");
-  write_text_file(dir.file("tiny.mrc"), "MAP");
-  expect_fatal(capture_run([&] { get_mrcf_head(dir.file("tiny.mrc").c_str()); }), "get_mrcf_head",
-               "is too short for an MRC header of 1024 bytes");
-  Captured c = capture_run([&] { get_mrcf_head(dir.file("none.mrc").c_str()); });
-  EXPECT_EQ(c.status, 1);
-  EXPECT_EQ(c.out.rfind("Cannot open file " + dir.file("none.mrc") +
-                            ". Permission denied or wrong file name.\nError in function get_mrcf_head()",
-                        0),
-            0u)
-      << c.out;
-}
-
 // Images beyond the stack, and a header from elsewhere that does not fit the
 // stream, end with the image named.
 TEST(MrcRead, ReadsBeyondTheFileAreFatal) {
@@ -217,20 +150,6 @@ TEST(MrcRead, ReadsBeyondTheFileAreFatal) {
   MRC_HEAD h = make_head(4, 4, 1, 2);  // 64 bytes, the file holds 32
   expect_fatal(capture_run([&] { mrc_read_slice(fopen(f.c_str(), "r"), &h, 0, 'z', out.data()); }), "mrc_read_slice",
                f + " is too short for image 0 of 4 x 4 floats");
-}
-
-TEST(MrcRead, DimensionKeys) {
-  TempDir dir;
-  const std::string f = dir.file("a.mrcs");
-  write_mode(f, 4, 3, 2, 2, ramp(24, 1.0f));
-
-  const std::pair<const char*, long> keys[] = {{"X", 4}, {"z", 2}, {"yX", 12}, {"ZY", 6}, {"xz", 8}, {"xyz", 24}};
-  for (const auto& [key, size] : keys) EXPECT_EQ(get_mrcf_dim_size(f.c_str(), key), size) << key;
-  const std::string bad = captured([&] { EXPECT_EQ(get_mrcf_dim_size(f.c_str(), "w"), 0); });
-  EXPECT_EQ(bad.rfind("Error in function get_mrcf_dim_size(), file mrcfile on line ", 0), 0u) << bad;
-  EXPECT_NE(bad.find(": unrecognized dimension keywords w !\n"
-                     "valid dimension keywords: x, y, z, xy, yx, xz, zx, yz, zy, xyz; not case sensitive\n"),
-            std::string::npos);
 }
 
 TEST(MrcRead, DifferentSizesPrintTheTableAndExit) {
@@ -267,27 +186,6 @@ TEST(MrcWrite, Refusals) {
   Captured c = capture_run([&] { mrcf_write_xyz_data(nowhere.c_str(), v.data(), 2, 2, 1); });
   expect_fatal(c, "mrcf_write_xyz_data", "open file failed.! Exit now!\n");
   EXPECT_EQ(c.out.rfind("Cannot write to file " + nowhere + ". Permission denied or no space left!\n", 0), 0u);
-}
-
-TEST(MrcNames, SuffixesAndOutputNames) {
-  // Only .mrc and .mrcs, in lower case, are replaced.
-  char out[GVEX_NAME_LEN];
-  const char* names[][3] = {{"Micrographs/m01.mrc", "_vexmatch.box", "Micrographs/m01_vexmatch.box"},
-                            {"m.mrcs", "_particles.mrcs", "m_particles.mrcs"},
-                            {".mrc", "_x", "_x"},
-                            {"m.tif", "_x", "m.tif_x"},
-                            {"a.MRC", "_x", "a.MRC_x"},
-                            {"amrc", "_x", "amrc_x"}};
-  for (const auto& n : names) {
-    set_outname_by_suffix(out, n[0], n[1]);
-    EXPECT_STREQ(out, n[2]);
-  }
-  // A name that fits exactly, and one a byte too long.
-  const std::string in = std::string(1000, 'a') + ".mrc";
-  set_outname_by_suffix(out, in.c_str(), std::string(23, 's').c_str());
-  EXPECT_EQ(strlen(out), 1023u);
-  expect_fatal(capture_run([&] { set_outname_by_suffix(out, in.c_str(), std::string(24, 's').c_str()); }),
-               "set_outname_by_suffix", "the output name for file " + in);
 }
 
 }  // namespace

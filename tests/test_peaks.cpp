@@ -145,17 +145,6 @@ TEST_F(BoxFilter, BoxAndStarLinesExact) {
             "455     405     40.000000\t3       0.400000\n");
 }
 
-TEST_F(BoxFilter, OuterRingNeverSurvives) {
-  // Lone candidates on 8 x 8 cells of 14 px: three in ring cells, one inside.
-  const char* text =
-      "47 5 4 4 0.9 1 0\n"     // centre (49,7), cell (3,0)
-      "103 103 4 4 0.9 1 0\n"  // (105,105), cell (7,7)
-      "5 61 4 4 0.9 1 0\n"     // (7,63), cell (0,4)
-      "61 61 4 4 0.5 1 0\n";   // (63,63), cell (4,4)
-  EXPECT_EQ(merge(text, 2, 0.0f, 1.0f, {0, 0}, "NULL", 112, 4),
-            "61      61      4       4       0.500000\t1       0.000000\n");
-}
-
 TEST_F(BoxFilter, ExcludedFileRemovesNearbyPicks) {
   // A particle centred at (210,200), 26 squared px from the pick at (211,205).
   write_text_file(dir.file("ex.box"), "180     170     60      60\n");

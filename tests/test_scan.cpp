@@ -143,13 +143,6 @@ TEST(Scan, StoredSpectraGiveTheSameBits) {
   EXPECT_EQ(ws.cached_spectra(), 24);
 }
 
-TEST(Scan, TemplateLargerThanTheImageIsFatal) {
-  Problem pb;
-  pb.tnx = 40;
-  pb.T.resize(40 * pb.tny, 1.0f);
-  EXPECT_FAILS(scan(pb, 360.0f, nullptr, false), "template of 40 x 6 pixels cannot be scanned over a 32 x 32");
-}
-
 // Dark discs of radius 5 on a flat background, the synthetic template
 // normalised and inverted as in the pipeline: each disc gives a pick on its
 // centre, and nothing else does.

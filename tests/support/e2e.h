@@ -29,14 +29,14 @@ inline bool make_mic(const std::string& dir, const std::string& name, int nx, in
                            " --apix 1.34 --diameter 120 --seed " + std::to_string(seed));
   for (std::string w; words >> w;) argv.push_back(w);
   argv.insert(argv.end(), more.begin(), more.end());
-  RunResult r = run_argv(argv, RunOptions{dir, "", 60});
+  RunResult r = run_argv(argv, RunOptions{dir, 60});
   return r.exited() && r.status == 0;
 }
 
 // Runs gvexmatch in dir with --diameter 120 and the given words; a hang is cut off.
 inline RunResult gvex_in(const std::string& dir, std::vector<std::string> args) {
   args.insert(args.begin(), {gvex_bin(), "--diameter", "120"});
-  return run_argv(args, RunOptions{dir, "", 60});
+  return run_argv(args, RunOptions{dir, 60});
 }
 
 inline bool contains(const std::string& s, const std::string& what) { return s.find(what) != std::string::npos; }

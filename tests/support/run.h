@@ -15,7 +15,6 @@ struct RunResult {
 
 struct RunOptions {
   std::string cwd;         // working directory of the child; empty: inherit
-  std::string input;       // written to the child's standard input
   double timeout_s = 300;  // the child is killed after this many seconds
 };
 
