@@ -60,10 +60,10 @@ TEST(ExcludedCoords, LaterRecordInACellWinsOffImageIsIgnored) {
   const int nx = 64, ny = 48, c = 16, ng = 12;  // 4 x 3 cells
   // Micrograph pixels, shrink 2: corner + half box, halved. (40,20) box 16
   // -> (24,14) in cell (1,0); (60,2) box 8 -> (32,3) in cell (2,0); a
-  // STAR-style centre (50,10) -> (25,5) again in cell (1,0), later: it stays.
+  // STAR-style centre (51,11) -> (25,5) again in cell (1,0), later: it stays.
   std::vector<PTCL_BOX> b = {{40, 20, 16, 16, 0, 0, 0, 0},
                              {60, 2, 8, 8, 0, 0, 0, 0},
-                             {50, 10, 0, 0, 0, 0, 0, 0},
+                             {51, 11, 0, 0, 0, 0, 0, 0},
                              {-30, 10, 16, 16, 0, 0, 0, 0},  // centre left of the image
                              {200, 90, 0, 0, 0, 0, 0, 0}};   // (100,45): beyond nx
   Dev<unsigned int> grid(ng, true);
@@ -76,7 +76,7 @@ TEST(ExcludedCoords, LaterRecordInACellWinsOffImageIsIgnored) {
   // The same from a file, which is announced.
   TempDir dir;
   const std::string box = dir.file("ex.box");
-  write_text_file(box, "40 20 16 16\n60 2 8 8\n50 10 0 0\n");
+  write_text_file(box, "40 20 16 16\n60 2 8 8\n51 11 0 0\n");
   std::vector<char> path = cstr(box);
   Dev<unsigned int> from_file(ng, true);
   testing::internal::CaptureStdout();
