@@ -15,7 +15,7 @@ base=""
 for k in ${ranks[@]}; do
   rm -f "$work"/*_vexmatch.* "$work"/*_nonunique.box "$work"/*_rejected.*
   start=$(date +%s.%N)
-  mpirun --allow-run-as-root --oversubscribe -n "$k" "$build/mpi/gvexmatch_mpi" --apixM 1.34 --diameter 300 \
+  mpirun --allow-run-as-root --oversubscribe --bind-to none -n "$k" "$build/mpi/gvexmatch_mpi" --apixM 1.34 --diameter 300 \
     "$work"/m?.mrc >"$work/log.txt" 2>&1
   secs=$(awk -v a="$start" -v b="$(date +%s.%N)" 'BEGIN { print b - a }')
   [ -n "$base" ] || base=$secs

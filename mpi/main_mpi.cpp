@@ -105,6 +105,12 @@ void hand_out(int ranks, Progress& progress) {
   while (working > 0) {
     Result r;
     MPI_Status st;
+    // A blocking receive spins on a core; rank 0 has nothing else to do, so
+    // it looks now and then and leaves the cores to the pickers.
+    for (int waiting = 0; !waiting;) {
+      MPI_Iprobe(MPI_ANY_SOURCE, TAG_RESULT, MPI_COMM_WORLD, &waiting, MPI_STATUS_IGNORE);
+      if (!waiting) usleep(2000);
+    }
     MPI_Recv(&r, sizeof r, MPI_BYTE, MPI_ANY_SOURCE, TAG_RESULT, MPI_COMM_WORLD, &st);
     if (r.index >= 0) progress.finished(r.index, r.outcome, r.picks, r.seconds, r.reason);
     int work = next < progress.total() ? next++ : kStop;
