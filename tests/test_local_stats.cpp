@@ -30,8 +30,10 @@ TEST(SoftMask, DeviceEdgeStartsAt0399HostEdgeIsContinuous) {
     float cx, cy, r, w;
   };
   for (Case c : {Case{33, 29, 16.0f, 14.5f, 6.9f, 4.0f}, Case{21, 17, 10.0f, 8.0f, 5.0f, 0.0f}}) {
-    Vec dev(c.nx * c.ny), host(c.nx * c.ny);
-    hcuda_2d_generate_rmask_soft(dev.data(), c.nx, c.ny, c.cx, c.cy, c.r, c.w);
+    Vec host(c.nx * c.ny);
+    DevVec d(host.size());
+    hcuda_2d_generate_rmask_soft(d.get(), c.nx, c.ny, c.cx, c.cy, c.r, c.w);
+    const Vec dev = download(d.get(), host.size());
     cpu_2d_generate_rmask_soft(host.data(), c.nx, c.ny, c.cx, c.cy, c.r, c.w);
     for (int y = 0; y < c.ny; y++)
       for (int x = 0; x < c.nx; x++) {
@@ -45,8 +47,9 @@ TEST(SoftMask, DeviceEdgeStartsAt0399HostEdgeIsContinuous) {
 // grid, centred at ((NX-1)/2, (NY-1)/2), half a pixel before the zero shift.
 std::vector<double> direct_local_mean(const Vec& img, int nx, int ny, float r, float w) {
   const int NX = 2 * nx, NY = 2 * ny;
-  Vec mask(NX * NY);
-  hcuda_2d_generate_rmask_soft(mask.data(), NX, NY, (NX - 1) / 2.0f, (NY - 1) / 2.0f, r, w);
+  DevVec d(NX * NY);
+  hcuda_2d_generate_rmask_soft(d.get(), NX, NY, (NX - 1) / 2.0f, (NY - 1) / 2.0f, r, w);
+  const Vec mask = download(d.get(), NX * NY);
   const Vec pad = ref::mirror_pad(img.data(), nx, ny);
   return ref::local_mean(pad.data(), mask.data(), NX, NY, nx, ny);
 }
@@ -63,10 +66,12 @@ TEST(LocalStats, MeanAndSigmaMatchTheDirectWindowSums) {
                  Case{15, 9, 3.3f, 4.0f}, Case{20, 20, 6.0f, 0.0f}, Case{16, 12, 4.0f, 2.0f}}) {
     const int n = c.nx * c.ny;
     const Vec img = uniform(n, c.nx * 13 + c.ny, 0.0f, 2.0f);
-    Vec mean(n), sigma(n), sq(n);
+    Vec sq(n);
     for (int i = 0; i < n; i++) sq[i] = img[i] * img[i];
-    hcuda_2d_bg_mpad(mean.data(), img.data(), c.nx, c.ny, c.r, c.w);
-    hcuda_2d_local_sigma_softR_mpad(sigma.data(), img.data(), c.nx, c.ny, c.r, c.w);
+    DevVec d_img(img), d_mean(n), d_sigma(n);
+    hcuda_2d_bg_mpad(d_mean.get(), d_img.get(), c.nx, c.ny, c.r, c.w);
+    hcuda_2d_local_sigma_softR_mpad(d_sigma.get(), d_img.get(), c.nx, c.ny, c.r, c.w);
+    const Vec mean = download(d_mean.get(), n), sigma = download(d_sigma.get(), n);
     const std::vector<double> m = direct_local_mean(img, c.nx, c.ny, c.r, c.w);
     const std::vector<double> m2 = direct_local_mean(sq, c.nx, c.ny, c.r, c.w);
     for (int i = 0; i < n; i++) {
