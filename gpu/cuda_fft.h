@@ -65,8 +65,8 @@ class FftPlan2d {
   bool gpu_;
   void* host_fwd_ = nullptr;  // fftwf_plan
   void* host_inv_ = nullptr;
-  int dev_fwd_ = -1;  // cufftHandle
-  int dev_inv_ = -1;
+  [[maybe_unused]] int dev_fwd_ = -1;  // cufftHandle (CUDA builds)
+  [[maybe_unused]] int dev_inv_ = -1;
   float* tmp_r_ = nullptr;  // aligned staging, allocated only when needed
   float2* tmp_c_ = nullptr;
   float* work_r_ = nullptr;  // device scratch for callers
