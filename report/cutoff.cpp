@@ -44,6 +44,10 @@ Cutoff choose_cutoff(const std::vector<double>& scores, double pooled) {
 
 Cutoff pooled_cutoff(const std::vector<double>& all_scores) {
   Cutoff c = otsu_split(all_scores);
-  if (!c.split && !all_scores.empty()) c.value = *std::min_element(all_scores.begin(), all_scores.end());
+  if (c.split && c.eta >= kBimodal) return c;
+  // One population over the whole run: the picks of a run that found its
+  // particles (already cut, or all crowded) are kept.
+  c.split = false;
+  if (!all_scores.empty()) c.value = *std::min_element(all_scores.begin(), all_scores.end());
   return c;
 }

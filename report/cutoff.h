@@ -25,5 +25,6 @@ Cutoff otsu_split(std::vector<double> scores);
 // The cut-off of one micrograph, given the pooled one of the run.
 Cutoff choose_cutoff(const std::vector<double>& scores, double pooled);
 
-// The pooled cut-off over all micrographs' scores.
+// The pooled cut-off over all micrographs' scores: the same split, or the
+// lowest score when they form one population.
 Cutoff pooled_cutoff(const std::vector<double>& all_scores);
