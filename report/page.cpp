@@ -66,7 +66,7 @@ std::string histogram_svg(const std::vector<double>& s, double cutoff, int width
   const double bw = (double)width / bins;
   for (int b = 0; b < bins; b++) {
     const double h = (double)count[b] / top * height;
-    const bool kept = lo + (b + 0.5) * (hi - lo) / bins >= cutoff;
+    const bool kept = lo + (b + 1.0) * (hi - lo) / bins > cutoff;  // the bin holds kept scores
     svg += "<rect x=\"" + num("%.1f", b * bw) + "\" y=\"" + num("%.1f", height - h) + "\" width=\"" +
            num("%.1f", bw - 1) + "\" height=\"" + num("%.1f", h) + "\" fill=\"" + (kept ? "#3a7" : "#bbb") + "\"/>";
   }
@@ -139,7 +139,8 @@ bool write_page(const std::vector<Micrograph>& mics, const std::vector<std::stri
       "th,td{border:1px solid #ccc;padding:3px 8px;text-align:right}th{cursor:pointer;background:#eee}"
       "td.name,td.warn{text-align:left}td.warn{color:#b00}.mic{display:inline-block;vertical-align:top;margin:8px;"
       "width:270px}.mic img{width:256px;border:1px solid #999}.mic ul{color:#b00;font-size:12px;padding-left:1.2em}"
-      "</style></head>\n<body>\n<h1>Picks of " + std::to_string(mics.size()) + " micrographs</h1>\n";
+      "</style></head>\n<body>\n<h1>Picks of " + std::to_string(mics.size()) + (mics.size() == 1 ? " micrograph" : " micrographs") +
+      "</h1>\n";
   h += "<p>Suggested cut-off for the whole run: <b>--cc_cutoff " + num("%.4f", pooled) +
        "</b>. Circles: picks at or above their micrograph's cut-off, blue (low score) to red (high); grey: below it. "
        "Red shade: rejected areas.</p>\n<h2>Scores of all picks</h2>\n" + histogram_svg(all, pooled, 600, 150) + "\n";
