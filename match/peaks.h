@@ -66,10 +66,16 @@ GVEX_HD inline void cuda_find_ccmax_psi_grids(const float* ccmax, const float* p
 // stood before any filtering: every neighbour test reads it, so the outcome
 // does not depend on which cells were already rejected. The verdict lands in
 // peak_index[g] (0 = rejected).
+//
+// Excluded positions come bucketed by the cell their pixel lies in (CSR:
+// bucket b holds items[start[b]] .. items[start[b+1]-1], the last bucket
+// those beyond the grid): a position closer than c*sqrt(2) lies at most two
+// cells away, so the 5 x 5 cells about the candidate and the last bucket
+// decide exactly what testing every position would.
 GVEX_HD inline void cuda_filter_ccmax_psi_grids_exclusive(const unsigned int* found, unsigned int* peak_index,
                                                           const float* peak_score, float cc_cutoff, int nx,
-                                                          int gnx, int gny, int c, const unsigned int* excluded,
-                                                          unsigned int n_excluded, int gx, int gy) {
+                                                          int gnx, int gny, int c, const unsigned int* start,
+                                                          const unsigned int* items, int gx, int gy) {
   const int g = gy * gnx + gx;
   const unsigned int p = found[g];
   const float s = peak_score[g];
@@ -79,9 +85,14 @@ GVEX_HD inline void cuda_filter_ccmax_psi_grids_exclusive(const unsigned int* fo
   }
   const long long lim2 = 2LL * c * c;
   unsigned int keep = p;
-  // Zero entries stand for pixel (0, 0) and so reject the origin corner.
-  for (unsigned int k = 0; k < n_excluded; k++)
-    if (hd_too_close(p, excluded[k], nx, lim2)) keep = 0;
+  auto test_bucket = [&](int b) {
+    for (unsigned int k = start[b]; k < start[b + 1] && keep; k++)
+      if (hd_too_close(p, items[k], nx, lim2)) keep = 0;
+  };
+  for (int by = gy - 2; by <= gy + 2; by++)
+    for (int bx = gx - 2; bx <= gx + 2; bx++)
+      if (bx >= 0 && bx < gnx && by >= 0 && by < gny) test_bucket(by * gnx + bx);
+  test_bucket(gnx * gny);
   if (keep) {
     int nb[8];
     hd_grid_neighbours(gx, gy, gnx, gny, nb);
