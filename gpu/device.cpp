@@ -59,6 +59,25 @@ int gvex_select_gid(int& gid, int (*count)(), bool (*props)(int, int&, int&)) {
   return props(gid, major, minor) ? 0 : -1;
 }
 
+unsigned long gvex_memory_available() {
+#if defined(GVEX_WITH_CUDA)
+  if (g_on_gpu) {
+    unsigned long free_b = 0, total_b = 0;
+    const char* err = nullptr;
+    return gvex_cuda::mem_info(free_b, total_b, &err) == 0 ? free_b : 0;
+  }
+#endif
+  unsigned long avail = 0;
+  if (FILE* fp = fopen("/proc/meminfo", "r")) {
+    char key[64];
+    unsigned long kb = 0;
+    while (fscanf(fp, "%63s %lu kB", key, &kb) == 2)
+      if (!strcmp(key, "MemAvailable:")) avail = kb * 1024UL;
+    fclose(fp);
+  }
+  return avail;
+}
+
 int gvex_device_count() {
 #if defined(GVEX_WITH_CUDA)
   return gvex_cuda::device_count();

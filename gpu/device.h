@@ -19,6 +19,10 @@ int gvex_select_gid(int& gid, int (*count)(), bool (*props)(int id, int& major, 
 // which ("Running on ...\n"), for the caller to print.
 const char* gvex_device_activate(int gid);
 
+// Memory the active back end can still give, in bytes: the GPU's free
+// memory, or the host's MemAvailable; 0 when it cannot be told.
+unsigned long gvex_memory_available();
+
 // GPUs that answer; 0 on a host-only build or machine.
 int gvex_device_count();
 

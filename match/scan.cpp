@@ -46,6 +46,11 @@ struct ScanWorkspace::Impl {
 };
 
 ScanWorkspace::ScanWorkspace(unsigned long spectrum_budget_bytes) : budget_(spectrum_budget_bytes) {}
+
+unsigned long gvex_scan_store_budget(unsigned long available, int sharers) {
+  const unsigned long share = available / 2 / (unsigned long)(sharers > 0 ? sharers : 1);
+  return share < (8UL << 30) ? share : (8UL << 30);
+}
 ScanWorkspace::~ScanWorkspace() = default;
 
 ScanWorkspace::Impl& ScanWorkspace::impl(int nx, int ny) {

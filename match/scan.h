@@ -11,6 +11,11 @@
 // Default bound on the device memory kept for rotated-template spectra.
 constexpr unsigned long GVEX_SCAN_CACHE_DEFAULT = 2UL << 30;
 
+// Store budget for a run: half the memory the back end has left, shared by
+// the processes on one machine, at most 8 GiB (beyond that a store holds
+// more angles than any scan needs).
+unsigned long gvex_scan_store_budget(unsigned long available, int sharers);
+
 // Buffers of the scan for one working size, made once per run and handed to
 // every scan call, and a bounded store of rotated-template spectra that
 // survives from one micrograph to the next: such a spectrum depends only on

@@ -156,6 +156,7 @@ int run_mpi(int argc, char** argv, int rank, int ranks, int local_rank, int loca
   Progress progress(p->mic_files, p->n_mic);
   GVexRun run;
   run.p = p.get();
+  run.store_sharers = local_ranks;
   // Every rank prepares, so that a refused template ends all of them with
   // the same lines; a rank that fails alone (a broken GPU) ends the others too.
   int ok = 1, all_ok = 1;

@@ -92,7 +92,7 @@ void gvexmatch_prepare_run(GVexRun& run) {
   run.peak_index.assign(cells, 0);
   run.peak_score.assign(cells, 0.0f);
   run.peak_angle.assign(cells, 0.0f);
-  run.ws.reset(new ScanWorkspace());
+  run.ws.reset(new ScanWorkspace(gvex_scan_store_budget(gvex_memory_available(), run.store_sharers)));
 }
 
 // Diagnostic image of the working size beside the micrograph.

@@ -19,6 +19,7 @@ struct GVexRun {
   int ext = 0;              // square, even working size
   int cell = 0, gx = 0, gy = 0;  // exclusion grid
   int tnx = 0, tny = 0, tnz = 0;  // template stack
+  int store_sharers = 1;          // processes on this machine sharing its memory
 
   std::vector<float> h_raw;     // nx * ny
   std::vector<float> h_shrunk;  // ext * ext
