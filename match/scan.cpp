@@ -1,5 +1,6 @@
 // Correlation scan of one template over all rotations.
 #include "match/scan.h"
+#include "match/scan_host.h"
 
 #include <cmath>
 #include <cstdint>
@@ -76,94 +77,16 @@ bool ScanWorkspace::reserve_spectrum(unsigned long bytes) {
   return true;
 }
 
-// Per-element bodies of the running maximum. The comparison is false for
-// equal values and whenever either side is NaN.
-GVEX_HD inline void cuda_update_ccmax(float* m, const float* c, long i) {
-  if (c[i] > m[i]) m[i] = c[i];
-}
-GVEX_HD inline void cuda_update_ccmax_psi(float* m, const float* c, float* a, float ang, long i) {
-  if (c[i] > m[i]) {
-    m[i] = c[i];
-    a[i] = ang;
-  }
-}
-
-// On the host back end the two per-angle passes are the scan's only work
-// besides the transforms, so they get AVX2 loops when the processor has
-// AVX2 and FMA: the spectrum product is the shared body, vectorised by the
-// compiler (hardware and library fused multiply-adds are both correctly
-// rounded, vector division is IEEE division: the same bits); the running
-// maximum compares eight pixels at once and writes back only groups in
-// which something rose. Built only where the host compiler sees this file;
-// elsewhere the generic launches serve.
-#if !defined(__CUDACC__) && defined(__x86_64__) && defined(__GNUC__)
-#define GVEX_SCAN_SIMD 1
-#include <immintrin.h>
-
-__attribute__((target("avx2,fma"))) void scan_multconj_avx2(const float2* A, const float2* B, float2* P, long b,
-                                                             long e, float s) {
-  for (long i = b; i < e; i++) P[i] = cuda_multconj_norm(A[i], B[i], s);
-}
-// _CMP_GT_OQ is the scalar '>': false for equal values and for NaN.
-__attribute__((target("avx2,fma"))) void scan_update_avx2(float* m, const float* c, long b, long e) {
-  long i = b;
-  for (; i + 8 <= e; i += 8) {
-    const __m256 v = _mm256_loadu_ps(c + i), old = _mm256_loadu_ps(m + i);
-    const __m256 up = _mm256_cmp_ps(v, old, _CMP_GT_OQ);
-    if (_mm256_movemask_ps(up)) _mm256_storeu_ps(m + i, _mm256_blendv_ps(old, v, up));
-  }
-  for (; i < e; i++) cuda_update_ccmax(m, c, i);
-}
-__attribute__((target("avx2,fma"))) void scan_update_psi_avx2(float* m, const float* c, float* a, float ang, long b,
-                                                               long e) {
-  const __m256 va = _mm256_set1_ps(ang);
-  long i = b;
-  for (; i + 8 <= e; i += 8) {
-    const __m256 v = _mm256_loadu_ps(c + i), old = _mm256_loadu_ps(m + i);
-    const __m256 up = _mm256_cmp_ps(v, old, _CMP_GT_OQ);
-    if (_mm256_movemask_ps(up)) {
-      _mm256_storeu_ps(m + i, _mm256_blendv_ps(old, v, up));
-      _mm256_storeu_ps(a + i, _mm256_blendv_ps(_mm256_loadu_ps(a + i), va, up));
-    }
-  }
-  for (; i < e; i++) cuda_update_ccmax_psi(m, c, a, ang, i);
-}
-
-static bool scan_simd_ok() {
-  static const bool ok = __builtin_cpu_supports("avx2") && __builtin_cpu_supports("fma");
-  return ok;
-}
-
-// Splits [0, n) into fixed chunks shared out among the host threads.
-template <class F>
-static void scan_host_chunks(long n, F f) {
-  const long chunk = 1L << 16;
-  const long nchunks = (n + chunk - 1) / chunk;
-#pragma omp parallel for schedule(static) if (n >= GVEX_OMP_MIN)
-  for (long k = 0; k < nchunks; k++) f(k * chunk, k * chunk + chunk < n ? k * chunk + chunk : n);
-}
-#endif
-
 // P = M * conj(F) / s over the half spectrum, as hcuda_c2d_multconj_norm.
 void scan_multconj_norm(const float2* M, const float2* F, float2* P, int nxh, int ny, float s) {
-#if defined(GVEX_SCAN_SIMD)
-  if (!gvex_on_gpu() && scan_simd_ok()) {
-    scan_host_chunks((long)nxh * ny, [=](long b, long e) { scan_multconj_avx2(M, F, P, b, e, s); });
-    return;
-  }
-#endif
+  if (!gvex_on_gpu() && scan_host_multconj(M, F, P, (long)nxh * ny, s)) return;
   hcuda_c2d_multconj_norm(M, F, P, nxh, ny, s);
 }
 
 void hcuda_update_ccmax_2d(float* ccmax, float* cc, int nx, int ny) {
   float* m = ccmax;
   const float* c = cc;
-#if defined(GVEX_SCAN_SIMD)
-  if (!gvex_on_gpu() && scan_simd_ok()) {
-    scan_host_chunks((long)nx * ny, [=](long b, long e) { scan_update_avx2(m, c, b, e); });
-    return;
-  }
-#endif
+  if (!gvex_on_gpu() && scan_host_update(m, c, (long)nx * ny)) return;
   launch_2d(GVEX_SITE, nx, ny, GVEX_LAMBDA(int x, int y) { cuda_update_ccmax(m, c, (long)y * nx + x); });
 }
 
@@ -171,12 +94,7 @@ void hcuda_update_ccmax_psi_2d(float* ccmax, float* cc, float* psi, float ang, i
   float* m = ccmax;
   float* a = psi;
   const float* c = cc;
-#if defined(GVEX_SCAN_SIMD)
-  if (!gvex_on_gpu() && scan_simd_ok()) {
-    scan_host_chunks((long)nx * ny, [=](long b, long e) { scan_update_psi_avx2(m, c, a, ang, b, e); });
-    return;
-  }
-#endif
+  if (!gvex_on_gpu() && scan_host_update_psi(m, c, a, ang, (long)nx * ny)) return;
   launch_2d(GVEX_SITE, nx, ny, GVEX_LAMBDA(int x, int y) { cuda_update_ccmax_psi(m, c, a, ang, (long)y * nx + x); });
 }
 
