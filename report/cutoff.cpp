@@ -32,13 +32,16 @@ Cutoff choose_cutoff(const std::vector<double>& scores, double pooled) {
   if (c.split && c.eta >= kBimodal) return c;
   c.split = false;
   if (scores.empty()) return c;
+  // The upper tenth decides: particle peaks reach beyond the run's split
+  // even where a hard, crowded micrograph's median does not.
   std::vector<double> s = scores;
-  std::nth_element(s.begin(), s.begin() + s.size() / 2, s.end());
-  const double median = s[s.size() / 2];
+  const size_t k = (s.size() * 9) / 10;
+  std::nth_element(s.begin(), s.begin() + k, s.end());
+  const double upper = s[k];
   const double lowest = *std::min_element(scores.begin(), scores.end());
   const double highest = *std::max_element(scores.begin(), scores.end());
   // One population: all particles (keep all) or all noise (keep none).
-  c.value = median >= pooled ? lowest : std::nextafter(highest, std::numeric_limits<double>::infinity());
+  c.value = upper >= pooled ? lowest : std::nextafter(highest, std::numeric_limits<double>::infinity());
   return c;
 }
 

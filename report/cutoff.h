@@ -5,8 +5,8 @@
 // holds both. The split that best separates two groups (Otsu's: the largest
 // between-group share of the variance, eta) is taken when the groups are
 // clearly apart (eta >= kBimodal); otherwise the scores are one population:
-// particle peaks when their median lies above the run's pooled cut-off (a
-// crowded micrograph: keep every pick), noise when below (keep none).
+// particle peaks when their 90th percentile reaches the run's pooled cut-off
+// (a crowded micrograph: keep every pick), noise when not (keep none).
 #pragma once
 #include <vector>
 
