@@ -46,13 +46,15 @@ TEST(PeakFind, BestPixelPerCellItsAngleAndTheCutoff) {
   cc[at(21, 11, nx)] = std::numeric_limits<float>::quiet_NaN();  // cell (2,1): NaN never wins
   cc[at(22, 12, nx)] = 0.4f;                                     // ... and 0.4 equals the cutoff: kept
   cc[at(2, 17, nx)] = std::nextafter(0.4f, 0.0f);                // cell (0,1): just below: dropped
+  cc[at(19, 29, nx)] = 0.7f;                                     // cell (1,2): its last row and column
   Picks p = run_peaks(cc, psi, nx, ny, c, 0.4f);
   std::vector<unsigned int> want(12, 0u);
   want[0 * gnx + 1] = at(11, 2, nx);
   want[2 * gnx + 3] = at(36, 23, nx);
   want[1 * gnx + 2] = at(22, 12, nx);
+  want[2 * gnx + 1] = at(19, 29, nx);
   EXPECT_EQ(p.index, want);
-  for (int g : {1, 6, 11}) {
+  for (int g : {1, 6, 9, 11}) {
     EXPECT_EQ(p.score[g], cc[want[g]]) << g;
     EXPECT_EQ(p.angle[g], psi[want[g]]) << g;
   }
