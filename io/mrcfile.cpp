@@ -544,23 +544,28 @@ int mrc_write_head_data(FILE* fp, MRC_HEAD* head, const float* data) {
                                __LINE__);
 }
 
-int mrcf_write_xyz_data(const char* name, const float* data, int nx, int ny, int nz) {
+// One mode-2 image file under a .part name, renamed when complete; the
+// data come from the host or, with on_device, from a device array.
+static void write_xyz_file(const char* name, const float* data, bool on_device, int nx, int ny, int nz,
+                           const char* func) {
   PartFile file(name, "w+");
-  if (!file.fp()) gvex_open_write_failed(name, "mrcf_write_xyz_data", gvex_module, __LINE__);
+  if (!file.fp()) gvex_open_write_failed(name, func, gvex_module, __LINE__);
   std::unique_ptr<MRC_HEAD, void (*)(MRC_HEAD*)> head(mrc_new_head(), mrc_delete_head);
   mrc_set_head_xyz_mode(head.get(), nx, ny, nz, 2);
-  write_head_data_named(file.fp(), head.get(), data, name, "mrcf_write_xyz_data", __LINE__);
-  if (!file.commit()) io_write_failed(name, "mrcf_write_xyz_data", gvex_module, __LINE__);
+  if (on_device)
+    write_head_ddata_named(file.fp(), head.get(), data, name, func, __LINE__);
+  else
+    write_head_data_named(file.fp(), head.get(), data, name, func, __LINE__);
+  if (!file.commit()) io_write_failed(name, func, gvex_module, __LINE__);
+}
+
+int mrcf_write_xyz_data(const char* name, const float* data, int nx, int ny, int nz) {
+  write_xyz_file(name, data, false, nx, ny, nz, "mrcf_write_xyz_data");
   return 0;
 }
 
 int mrcf_write_xyz_ddata(const char* name, const float* d_data, int nx, int ny, int nz) {
-  PartFile file(name, "w+");
-  if (!file.fp()) gvex_open_write_failed(name, "mrcf_write_xyz_ddata", gvex_module, __LINE__);
-  std::unique_ptr<MRC_HEAD, void (*)(MRC_HEAD*)> head(mrc_new_head(), mrc_delete_head);
-  mrc_set_head_xyz_mode(head.get(), nx, ny, nz, 2);
-  write_head_ddata_named(file.fp(), head.get(), d_data, name, "mrcf_write_xyz_ddata", __LINE__);
-  if (!file.commit()) io_write_failed(name, "mrcf_write_xyz_ddata", gvex_module, __LINE__);
+  write_xyz_file(name, d_data, true, nx, ny, nz, "mrcf_write_xyz_ddata");
   return 0;
 }
 
