@@ -61,6 +61,13 @@ static void host_fft_threads_init() {
 #endif
 }
 
+void gvex_fftw_plan_serial() {
+  host_fft_threads_init();
+#if defined(GVEX_FFTW_THREADS)
+  fftwf_plan_with_nthreads(1);
+#endif
+}
+
 static bool aligned(const void* p) { return fftwf_alignment_of((float*)p) == 0; }
 
 static bool overlap(const void* a, unsigned long na, const void* b, unsigned long nb) {
@@ -196,6 +203,48 @@ void FftPlan2d::c2r(float2* d_in, float* d_out) {
   float* out = aligned(d_out) ? d_out : scratch_real();
   fftwf_execute_dft_c2r((fftwf_plan)host_inv_, (fftwf_complex*)in, out);
   if (out != d_out) memcpy(d_out, out, nr);
+}
+
+// ---- batches ----
+
+FftPlanBatch::FftPlanBatch(int nx, int ny, int batch) : nx_(nx), ny_(ny), batch_(batch) {
+  if (nx <= 0 || ny <= 0 || batch <= 0) gvex_check_fft(FFT_INVALID_SIZE, __FILE__, __LINE__);
+}
+
+FftPlanBatch::~FftPlanBatch() {
+#if defined(GVEX_WITH_CUDA)
+  if (dev_fwd_ >= 0) gvex_cufft_destroy(dev_fwd_);
+  if (dev_inv_ >= 0) gvex_cufft_destroy(dev_inv_);
+#endif
+}
+
+void FftPlanBatch::r2c(const float* d_in, float2* d_out, int count) {
+  const unsigned long nr = (unsigned long)nx_ * ny_, nc = (unsigned long)(nx_ / 2 + 1) * ny_;
+#if defined(GVEX_WITH_CUDA)
+  if (gvex_on_gpu() && count == batch_) {
+    if (dev_fwd_ < 0) gvex_check_fft(gvex_cufft_plan_batch(nx_, ny_, batch_, true, &dev_fwd_), __FILE__, __LINE__);
+    gvex_check_fft(gvex_cufft_r2c(dev_fwd_, d_in, d_out), __FILE__, __LINE__);
+    gvex_check_kernel(__FILE__, __LINE__);
+    return;
+  }
+#endif
+  // A short last batch (and the host) go image by image.
+  FftPlan2d& p = gvex_fft_plan(nx_, ny_);
+  for (int k = 0; k < count; k++) p.r2c(d_in + k * nr, d_out + k * nc);
+}
+
+void FftPlanBatch::c2r(float2* d_in, float* d_out, int count) {
+  const unsigned long nr = (unsigned long)nx_ * ny_, nc = (unsigned long)(nx_ / 2 + 1) * ny_;
+#if defined(GVEX_WITH_CUDA)
+  if (gvex_on_gpu() && count == batch_) {
+    if (dev_inv_ < 0) gvex_check_fft(gvex_cufft_plan_batch(nx_, ny_, batch_, false, &dev_inv_), __FILE__, __LINE__);
+    gvex_check_fft(gvex_cufft_c2r(dev_inv_, d_in, d_out), __FILE__, __LINE__);
+    gvex_check_kernel(__FILE__, __LINE__);
+    return;
+  }
+#endif
+  FftPlan2d& p = gvex_fft_plan(nx_, ny_);
+  for (int k = 0; k < count; k++) p.c2r(d_in + k * nc, d_out + k * nr);
 }
 
 // ---- plan cache ----

@@ -73,6 +73,25 @@ class FftPlan2d {
   float2* work_c_ = nullptr;
 };
 
+// The same transforms for a batch of up to `batch` images of one shape,
+// consecutive in memory (nx*ny reals, (nx/2+1)*ny complex values apart): one
+// batched cuFFT plan per direction on the GPU; on the host the shape's
+// cached 2-D plan run image by image, so each image gets the bits a single
+// transform gives. c2r destroys its input.
+class FftPlanBatch {
+ public:
+  FftPlanBatch(int nx, int ny, int batch);
+  ~FftPlanBatch();
+  FftPlanBatch(const FftPlanBatch&) = delete;
+  FftPlanBatch& operator=(const FftPlanBatch&) = delete;
+  void r2c(const float* d_in, float2* d_out, int count);
+  void c2r(float2* d_in, float* d_out, int count);
+
+ private:
+  int nx_, ny_, batch_;
+  [[maybe_unused]] int dev_fwd_ = -1, dev_inv_ = -1;  // cufftHandle (CUDA builds)
+};
+
 // The run's plan for a shape, created on first request and reused after.
 // The reference stays valid until gvex_fft_plan_cache_clear().
 FftPlan2d& gvex_fft_plan(int nx, int ny);
@@ -80,6 +99,10 @@ FftPlan2d& gvex_fft_plan(int nx, int ny);
 void gvex_fft_plan_cache_clear();
 // Parallel jobs a host plan of nx x ny is split into (1 for small shapes).
 int gvex_fft_plan_jobs(int nx, int ny);
+// Host back end: FFTW plans made after this call run on the calling thread
+// alone (for code that runs many small plans inside its own parallel loop).
+// Main thread only, like every planner call.
+void gvex_fftw_plan_serial();
 
 // ---- whole transforms on device arrays ----
 

@@ -7,6 +7,7 @@
 
 // cuFFT (gpu/cuda_fft.cu); each returns the cufftResult code.
 int gvex_cufft_plan(int nx, int ny, bool forward, int* handle);
+int gvex_cufft_plan_batch(int nx, int ny, int batch, bool forward, int* handle);
 int gvex_cufft_r2c(int handle, const float* d_in, float2* d_out);
 int gvex_cufft_c2r(int handle, float2* d_in, float* d_out);
 void gvex_cufft_destroy(int handle);

@@ -1,5 +1,6 @@
 // Correlation scan of one template over all rotations.
 #include "match/scan.h"
+#include "match/scan_fused_host.h"
 #include "match/scan_host.h"
 
 #include <cmath>
@@ -21,28 +22,44 @@ namespace {
 const char* const gvex_module = "vexmatch56";
 }
 
-// One template's stored spectra, recognised by its pixel values.
+// One template's stored spectra: the first `capacity` angles of its angle
+// list, in one slab, filled in angle order. Recognised by the template's
+// pixel values and the angle list.
 struct StoredTemplate {
   int tnx, tny;
-  std::vector<float> pixels;
-  std::unordered_map<uint32_t, std::unique_ptr<DeviceArray<float2>>> by_angle;  // angle bits -> spectrum
+  std::vector<float> pixels, angles;
+  int capacity = 0, filled = 0;
+  std::unique_ptr<DeviceArray<float2>> slab;
 };
 
 struct ScanWorkspace::Impl {
   Impl(int nx_, int ny_)
-      : nx(nx_), ny(ny_), nxh(nx_ / 2 + 1), spec_n((unsigned long)(nx_ / 2 + 1) * ny_),
-        pad((unsigned long)nx_ * ny_), cc((unsigned long)nx_ * ny_), M(spec_n), F(spec_n), P(spec_n) {}
+      : nx(nx_), ny(ny_), nxh(nx_ / 2 + 1), spec_n((unsigned long)(nx_ / 2 + 1) * ny_), M(spec_n) {}
   int nx, ny, nxh;
   unsigned long spec_n;
-  DeviceArray<float> pad, cc;  // zero-padded rotated template; one correlation map
-  DeviceArray<float2> M, F, P;  // micrograph, template (when not stored) and product spectra
-  std::unique_ptr<DeviceArray<float>> rot;  // rotated template, grown on demand
+  DeviceArray<float2> M;  // the micrograph's spectrum
   std::vector<std::unique_ptr<StoredTemplate>> store;
   std::vector<float> probe;  // host copy of the template being scanned
+  std::unique_ptr<FusedScanHost> fused;  // host back end
+  // Batched path: a batch of padded templates, their spectra when not
+  // stored, the products and the correlation maps, and the angles with
+  // their cosines and sines.
+  int batch = 0;
+  std::unique_ptr<DeviceArray<float>> pad, cc, trig;
+  std::unique_ptr<DeviceArray<float2>> F, P;
+  std::unique_ptr<FftPlanBatch> plans;
+  std::unique_ptr<DeviceArray<float>> rot;  // fused path: one rotated template
+  std::unique_ptr<DeviceArray<float2>> spare;  // and the spectrum of an angle not stored
 
-  float* rot_buffer(unsigned long n) {
-    if (!rot || rot->size() < n) rot.reset(new DeviceArray<float>(n));
-    return rot->get();
+  void make_batch(int b) {
+    if (batch == b) return;
+    batch = b;
+    pad.reset(new DeviceArray<float>((unsigned long)b * nx * ny, true));
+    cc.reset(new DeviceArray<float>((unsigned long)b * nx * ny));
+    F.reset(new DeviceArray<float2>((unsigned long)b * spec_n));
+    P.reset(new DeviceArray<float2>((unsigned long)b * spec_n));
+    trig.reset(new DeviceArray<float>(3UL * b));
+    plans.reset(new FftPlanBatch(nx, ny, b));
   }
 };
 
@@ -67,7 +84,7 @@ ScanWorkspace::Impl& ScanWorkspace::impl(int nx, int ny) {
 int ScanWorkspace::cached_spectra() const {
   int n = 0;
   if (impl_)
-    for (auto& t : impl_->store) n += (int)t->by_angle.size();
+    for (auto& t : impl_->store) n += t->filled;
   return n;
 }
 
@@ -75,6 +92,11 @@ bool ScanWorkspace::reserve_spectrum(unsigned long bytes) {
   if (used_ + bytes > budget_) return false;
   used_ += bytes;
   return true;
+}
+
+void ScanWorkspace::clear_spectra() {
+  if (impl_) impl_->store.clear();
+  used_ = 0;
 }
 
 // P = M * conj(F) / s over the half spectrum, as hcuda_c2d_multconj_norm.
@@ -112,6 +134,58 @@ void hcuda_2d_swap_divide_inplace(float* d_p, int nx, int ny, float s) {
   });
 }
 
+namespace {
+
+// Angles per batch on the GPU: as many as a quarter of the free memory
+// holds (four images per angle), at most 32 (beyond that launches are
+// already long enough to hide their start).
+int gpu_batch(int nx, int ny, int n_angles) {
+  const unsigned long per_angle = 4UL * (unsigned long)(nx / 2 + 1) * ny * sizeof(float2);
+  const unsigned long fit = gvex_memory_available() / 4 / per_angle;
+  long b = fit < 32 ? (long)fit : 32;
+  if (b > n_angles) b = n_angles;
+  return b < 1 ? 1 : (int)b;
+}
+
+// Rotations of the template by the batch's angles, each pasted into the
+// middle of its own cleared image: the arithmetic of hcuda_2d_rotate and
+// hcuda_x2d_cp_small_to_large_center, one launch for the batch. trig holds
+// cos and sin per angle, taken on the host.
+void rotate_paste_batch(float* pad, const float* T, const float* trig, int nb, int nx, int ny, int tnx, int tny) {
+  const float cx = (tnx - 1) * 0.5f, cy = (tny - 1) * 0.5f;
+  const int ox = (nx - tnx) / 2, oy = (ny - tny) / 2;
+  launch_2d(GVEX_SITE, tnx, tny * nb, GVEX_LAMBDA(int x, int yk) {
+    const int k = yk / tny, y = yk - k * tny;
+    const float c = trig[2 * k], s = trig[2 * k + 1];
+    const float dx = (float)x - cx, dy = (float)y - cy;
+    const float xs = cx + dx * c + dy * s;
+    const float ys = cy + dy * c - dx * s;
+    pad[(long)k * nx * ny + ((long)y + oy) * nx + x + ox] = hd_2d_bilinear(T, tnx, tny, xs, ys);
+  });
+}
+
+// P_k = M * conj(F_k) / s for the batch.
+void multconj_batch(const float2* M, const float2* F, float2* P, int nb, unsigned long spec_n, float s) {
+  launch_1d(GVEX_SITE, (unsigned long)nb * spec_n, GVEX_LAMBDA(int i) {
+    P[i] = cuda_multconj_norm(M[(unsigned long)i % spec_n], F[i], s);
+  });
+}
+
+// The batch's maps folded into the running maximum in angle order: a later
+// angle wins only when strictly greater, as in the per-angle loop.
+void fold_batch(float* ccmax, float* psi, const float* cc, const float* angles, int nb, unsigned long n) {
+  launch_1d(GVEX_SITE, n, GVEX_LAMBDA(int i) {
+    for (int k = 0; k < nb; k++) {
+      if (psi)
+        cuda_update_ccmax_psi(ccmax, cc + (unsigned long)k * n, psi, angles[k], i);
+      else
+        cuda_update_ccmax(ccmax, cc + (unsigned long)k * n, i);
+    }
+  });
+}
+
+}  // namespace
+
 int vexmatch_ccmax_psi_by_one_template(float* mic, float* mask, float* ccmax, float* psi, int use_psi, int nx, int ny,
                                        float* T, int tnx, int tny, float R, float ang_start, float ang_end,
                                        float ang_step, ScanWorkspace* ws) {
@@ -122,74 +196,105 @@ int vexmatch_ccmax_psi_by_one_template(float* mic, float* mask, float* ccmax, fl
     GVEX_FAIL(why);
   }
   const std::vector<float> angles = get_rotation_angles(ang_start, ang_end, ang_step);
+  const int na = (int)angles.size();
   std::unique_ptr<ScanWorkspace> own;
   if (!ws) {
     own.reset(new ScanWorkspace(0));
     ws = own.get();
   }
   ScanWorkspace::Impl& w = ws->impl(nx, ny);
-  FftPlan2d& plan = gvex_fft_plan(nx, ny);
   const unsigned long n = (unsigned long)nx * ny, tn = (unsigned long)tnx * tny;
   const unsigned long spec_bytes = w.spec_n * sizeof(float2);
 
-  // Find this template among the stored ones by its pixel values.
+  // Find this template among the stored ones by its pixels and angles;
+  // a new one gets a slab of as many angles as the budget has room for.
   StoredTemplate* stored = nullptr;
   if (ws->spectrum_budget() > 0) {
     w.probe.resize(tn);
     memcpy_D2H(w.probe.data(), T, tn * sizeof(float));
     for (auto& t : w.store)
-      if (t->tnx == tnx && t->tny == tny && memcmp(t->pixels.data(), w.probe.data(), tn * sizeof(float)) == 0) {
+      if (t->tnx == tnx && t->tny == tny && t->angles == angles &&
+          memcmp(t->pixels.data(), w.probe.data(), tn * sizeof(float)) == 0) {
         stored = t.get();
         break;
       }
-    if (!stored && ws->spectrum_bytes() + spec_bytes <= ws->spectrum_budget()) {
-      w.store.emplace_back(new StoredTemplate{tnx, tny, w.probe, {}});
+    const unsigned long room = (ws->spectrum_budget() - ws->spectrum_bytes()) / spec_bytes;
+    if (!stored && room > 0) {
+      const int cap = room < (unsigned long)na ? (int)room : na;
+      w.store.emplace_back(new StoredTemplate{tnx, tny, w.probe, angles, cap, 0, nullptr});
       stored = w.store.back().get();
+      stored->slab.reset(new DeviceArray<float2>((unsigned long)cap * w.spec_n));
+      ws->reserve_spectrum((unsigned long)cap * spec_bytes);
     }
   }
+  const int capacity = stored ? stored->capacity : 0;
+  auto slot = [&](int a) { return stored->slab->get() + (unsigned long)a * w.spec_n; };
 
-  plan.r2c(mic, w.M.get());
+  gvex_fft_plan(nx, ny).r2c(mic, w.M.get());
   hcuda_memset_float(ccmax, -INFINITY, n);
-  bool pad_clear = false;
   const float norm = (float)(nx * ny);
-  const bool with_psi = use_psi && psi;
+  float* psi_out = use_psi && psi ? psi : nullptr;
 
-  for (float ang : angles) {
-    printf(".");
-    fflush(stdout);
-    const float2* F = nullptr;
-    uint32_t key;
-    memcpy(&key, &ang, sizeof key);
-    if (stored) {
-      auto it = stored->by_angle.find(key);
-      if (it != stored->by_angle.end()) F = it->second->get();
-    }
-    if (!F) {
-      // Rotate about the template's centre and paste into the middle of the
-      // cleared image; every paste covers the same region, so the zeros
-      // around it need clearing only once.
-      if (!pad_clear) {
-        hcuda_2d_empty(w.pad.get(), nx, ny);
-        pad_clear = true;
+  if (!gvex_on_gpu() && ws->host_fused() && nx % 2 == 0 && ny % 2 == 0) {
+    // Host: one angle at a time through the fused stages.
+    if (!w.fused) w.fused.reset(new FusedScanHost(nx, ny));
+    for (int a = 0; a < na; a++) {
+      printf(".");
+      fflush(stdout);
+      const float2* F = nullptr;
+      if (a < capacity && a < stored->filled) {
+        F = slot(a);
+      } else {
+        if (a >= capacity && !w.spare) w.spare.reset(new DeviceArray<float2>(w.spec_n));
+        float2* dst = a < capacity ? slot(a) : w.spare->get();
+        if (!w.rot || w.rot->size() < tn) w.rot.reset(new DeviceArray<float>(tn));
+        hcuda_2d_rotate(T, w.rot->get(), tnx, tny, angles[a]);
+        w.fused->forward_pasted(w.rot->get(), tnx, tny, (nx - tnx) / 2, (ny - tny) / 2, dst);
+        if (a < capacity) stored->filled = a + 1;
+        F = dst;
       }
-      float* rot = w.rot_buffer(tn);
-      hcuda_2d_rotate(T, rot, tnx, tny, ang);
-      hcuda_x2d_cp_small_to_large_center(w.pad.get(), rot, nx, ny, tnx, tny);
-      float2* dst = w.F.get();
-      if (stored && ws->reserve_spectrum(spec_bytes)) {
-        auto* spectrum = new DeviceArray<float2>(w.spec_n);
-        stored->by_angle[key].reset(spectrum);
-        dst = spectrum->get();
-      }
-      plan.r2c(w.pad.get(), dst);
-      F = dst;
+      w.fused->inverse_fold(w.M.get(), F, norm, ccmax, psi_out, angles[a]);
     }
-    scan_multconj_norm(w.M.get(), F, w.P.get(), w.nxh, ny, norm);
-    plan.c2r(w.P.get(), w.cc.get());
-    if (with_psi)
-      hcuda_update_ccmax_psi_2d(ccmax, w.cc.get(), psi, ang, nx, ny);
-    else
-      hcuda_update_ccmax_2d(ccmax, w.cc.get(), nx, ny);
+  } else {
+    // Batches of angles: every batch lies wholly inside the stored angles
+    // or wholly outside, so its spectra are consecutive in one array.
+    const int nb_max = ws->batch() > 0 ? ws->batch() : gvex_on_gpu() ? gpu_batch(nx, ny, na) : 1;
+    w.make_batch(nb_max < na ? nb_max : na);
+    bool pad_clear = false;  // every paste covers the same region of its image
+    std::vector<float> trig(3 * w.batch);
+    for (int a = 0; a < na;) {
+      int end = a + w.batch < na ? a + w.batch : na;
+      if (stored && a < stored->filled && end > stored->filled) end = stored->filled;
+      if (a < capacity && end > capacity) end = capacity;
+      const int nb = end - a;
+      for (int k = 0; k < nb; k++) printf(".");
+      fflush(stdout);
+      for (int k = 0; k < nb; k++) {
+        const float rad = angles[a + k] * 0.017453292f;
+        trig[2 * k] = cosf(rad);
+        trig[2 * k + 1] = sinf(rad);
+        trig[2 * w.batch + k] = angles[a + k];
+      }
+      memcpy_H2D(w.trig->get(), trig.data(), trig.size() * sizeof(float));
+      const float2* F;
+      if (stored && a < stored->filled) {
+        F = slot(a);
+      } else {
+        if (!pad_clear) {
+          hcuda_empty(w.pad->get(), (unsigned long)w.batch * n * sizeof(float));
+          pad_clear = true;
+        }
+        rotate_paste_batch(w.pad->get(), T, w.trig->get(), nb, nx, ny, tnx, tny);
+        float2* dst = a < capacity ? slot(a) : w.F->get();
+        w.plans->r2c(w.pad->get(), dst, nb);
+        if (a < capacity) stored->filled = end;
+        F = dst;
+      }
+      multconj_batch(w.M.get(), F, w.P->get(), nb, w.spec_n, norm);
+      w.plans->c2r(w.P->get(), w.cc->get(), nb);
+      fold_batch(ccmax, psi_out, w.cc->get(), w.trig->get() + 2 * w.batch, nb, n);
+      a = end;
+    }
   }
   printf("\n");
 

@@ -34,6 +34,17 @@ class ScanWorkspace {
   int cached_spectra() const;
   void clear_spectra();
 
+  // How the scan runs: on the host back end the fused stages (the default)
+  // or the batched launches every back end has; angles per batch, 0 for the
+  // back end's own choice (one on the host, what memory allows on a GPU).
+  // Both give the same bits; tests compare them.
+  void set_path(bool host_fused, int batch) {
+    fused_ = host_fused;
+    batch_ = batch;
+  }
+  bool host_fused() const { return fused_; }
+  int batch() const { return batch_; }
+
   // Internal to the scan: buffers for an nx x ny image (made anew, and the
   // store emptied, when the size changes) and the byte budget.
   struct Impl;
@@ -42,6 +53,8 @@ class ScanWorkspace {
 
  private:
   unsigned long budget_, used_ = 0;
+  bool fused_ = true;
+  int batch_ = 0;
   std::unique_ptr<Impl> impl_;
 };
 

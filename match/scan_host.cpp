@@ -72,8 +72,22 @@ bool scan_host_update_psi(float* m, const float* c, float* a, float ang, long n)
   chunks(n, [=](long b, long e) { update_psi_avx2(m, c, a, ang, b, e); });
   return true;
 }
+void scan_host_multconj_serial(const float2* M, const float2* F, float2* P, long n, float s) {
+  if (simd_ok()) return multconj_avx2(M, F, P, 0, n, s);
+  for (long i = 0; i < n; i++) P[i] = cuda_multconj_norm(M[i], F[i], s);
+}
+void scan_host_fold_serial(float* m, const float* c, float* a, float ang, long n) {
+  if (simd_ok()) return a ? update_psi_avx2(m, c, a, ang, 0, n) : update_avx2(m, c, 0, n);
+  for (long i = 0; i < n; i++) a ? cuda_update_ccmax_psi(m, c, a, ang, i) : cuda_update_ccmax(m, c, i);
+}
 #else
 bool scan_host_multconj(const float2*, const float2*, float2*, long, float) { return false; }
 bool scan_host_update(float*, const float*, long) { return false; }
 bool scan_host_update_psi(float*, const float*, float*, float, long) { return false; }
+void scan_host_multconj_serial(const float2* M, const float2* F, float2* P, long n, float s) {
+  for (long i = 0; i < n; i++) P[i] = cuda_multconj_norm(M[i], F[i], s);
+}
+void scan_host_fold_serial(float* m, const float* c, float* a, float ang, long n) {
+  for (long i = 0; i < n; i++) a ? cuda_update_ccmax_psi(m, c, a, ang, i) : cuda_update_ccmax(m, c, i);
+}
 #endif

@@ -24,3 +24,8 @@ GVEX_HD inline void cuda_update_ccmax_psi(float* m, const float* c, float* a, fl
 bool scan_host_multconj(const float2* M, const float2* F, float2* P, long n, float s);
 bool scan_host_update(float* m, const float* c, long n);
 bool scan_host_update_psi(float* m, const float* c, float* a, float ang, long n);
+
+// The same on the calling thread alone (inside a caller's parallel loop),
+// falling back to the generic bodies without AVX2. a may be null.
+void scan_host_multconj_serial(const float2* M, const float2* F, float2* P, long n, float s);
+void scan_host_fold_serial(float* m, const float* c, float* a, float ang, long n);

@@ -143,6 +143,35 @@ TEST(Scan, StoredSpectraGiveTheSameBits) {
   EXPECT_EQ(ws.cached_spectra(), 24);
 }
 
+// The host's fused stages, and batches of every size through the generic
+// launches (one angle per batch is the plain per-angle loop), with the store
+// empty, full and partly full: the same bits everywhere. Sizes that leave a
+// partial block of columns and of rows in the fused stages.
+TEST(Scan, FusedAndBatchedPathsGiveThePerAngleBits) {
+  for (int n : {32, 36, 100}) {
+    Problem pb;
+    pb.nx = pb.ny = n;
+    pb.mic = noise(n * n, 7);
+    pb.mask.assign(n * n, 1.0f);
+    const unsigned long one = (unsigned long)(n / 2 + 1) * n * 8;
+    ScanWorkspace per_angle(0);
+    per_angle.set_path(false, 1);
+    const Maps want = scan(pb, 25.0f, &per_angle);  // 15 angles
+    for (int batch : {0, 1, 4, 15}) {
+      for (unsigned long budget : {0UL, 5 * one, 64 * one}) {
+        ScanWorkspace ws(budget);
+        ws.set_path(batch == 0, batch);
+        for (int pass = 0; pass < 2; pass++) {
+          const Maps m = scan(pb, 25.0f, &ws);
+          EXPECT_EQ(m.out, want.out);
+          EXPECT_TRUE(same_bits(m.ccmax, want.ccmax)) << n << " batch " << batch << " budget " << budget;
+          EXPECT_TRUE(same_bits(m.psi, want.psi)) << n << " batch " << batch << " budget " << budget;
+        }
+      }
+    }
+  }
+}
+
 // Dark discs of radius 5 on a flat background, the synthetic template
 // normalised and inverted as in the pipeline: each disc gives a pick on its
 // centre, and nothing else does.

@@ -1,0 +1,186 @@
+// Host scan with the 2-D transforms as two 1-D stages (see the header).
+#include "match/scan_fused_host.h"
+
+#include <fftw3.h>
+
+#include <cstring>
+#include <vector>
+#if defined(_OPENMP)
+#include <omp.h>
+#endif
+
+#include "common/errors.h"
+#include "gpu/cuda_fft.h"
+#include "match/scan_host.h"
+
+namespace {
+const char* const gvex_module = "vexmatch56";
+
+// Columns per block of the column stage and rows per block of the row stage.
+// Any count of at least two gives the 2-D plan's algorithms; these keep a
+// block in the second-level cache.
+constexpr int COLS = 16;
+constexpr int ROWS = 8;
+
+int thread_id() {
+#if defined(_OPENMP)
+  return omp_get_thread_num();
+#else
+  return 0;
+#endif
+}
+
+int max_threads() {
+#if defined(_OPENMP)
+  return omp_get_max_threads();
+#else
+  return 1;
+#endif
+}
+
+// FFTW arrays, freed with their owner.
+template <class T>
+struct FftwArray {
+  T* p = nullptr;
+  explicit FftwArray(size_t n) {
+    p = static_cast<T*>(fftwf_malloc(n * sizeof(T)));
+    if (!p) GVEX_FAIL("Host memory allocation failed");
+  }
+  ~FftwArray() { fftwf_free(p); }
+  FftwArray(const FftwArray&) = delete;
+  FftwArray& operator=(const FftwArray&) = delete;
+};
+
+struct Plan {
+  fftwf_plan p = nullptr;
+  ~Plan() {
+    if (p) fftwf_destroy_plan(p);
+  }
+};
+
+}  // namespace
+
+struct FusedScanHost::Impl {
+  int nx, ny, nxh;
+  Plan col_fwd, col_inv, row_r2c, row_c2r;
+  FftwArray<fftwf_complex> half;  // the half spectrum between the two stages
+  // Per thread: one block of columns, one block of rows in both forms.
+  std::vector<std::unique_ptr<FftwArray<fftwf_complex>>> col, rowc;
+  std::vector<std::unique_ptr<FftwArray<float>>> rowr;
+
+  Impl(int nx_, int ny_)
+      : nx(nx_), ny(ny_), nxh(nx_ / 2 + 1), half((size_t)(nx_ / 2 + 1) * (ny_ + ROWS)) {
+    const int threads = max_threads();
+    for (int t = 0; t < threads; t++) {
+      col.emplace_back(new FftwArray<fftwf_complex>((size_t)COLS * ny));
+      rowc.emplace_back(new FftwArray<fftwf_complex>((size_t)ROWS * nxh));
+      rowr.emplace_back(new FftwArray<float>((size_t)ROWS * nx));
+    }
+    gvex_fftw_plan_serial();
+    fftwf_complex* c = col[0]->p;
+    fftwf_complex* h = rowc[0]->p;
+    float* r = rowr[0]->p;
+    int n = ny;
+    col_fwd.p = fftwf_plan_many_dft(1, &n, COLS, c, nullptr, COLS, 1, c, nullptr, COLS, 1, FFTW_FORWARD, FFTW_ESTIMATE);
+    col_inv.p = fftwf_plan_many_dft(1, &n, COLS, c, nullptr, COLS, 1, c, nullptr, COLS, 1, FFTW_BACKWARD, FFTW_ESTIMATE);
+    n = nx;
+    row_r2c.p = fftwf_plan_many_dft_r2c(1, &n, ROWS, r, nullptr, 1, nx, h, nullptr, 1, nxh, FFTW_ESTIMATE);
+    row_c2r.p = fftwf_plan_many_dft_c2r(1, &n, ROWS, h, nullptr, 1, nxh, r, nullptr, 1, nx,
+                                        FFTW_ESTIMATE | FFTW_DESTROY_INPUT);
+    if (!col_fwd.p || !col_inv.p || !row_r2c.p || !row_c2r.p) GVEX_FAIL("FFT plan creation failed");
+  }
+
+  int col_blocks() const { return (nxh + COLS - 1) / COLS; }
+  int width(int b) const { return nxh - b * COLS < COLS ? nxh - b * COLS : COLS; }
+
+  // Column stage of the inverse for block b: half = column transforms of
+  // M * conj(F) / s.
+  void inverse_columns(int b, const float2* M, const float2* F, float s) {
+    const int x0 = b * COLS, w = width(b);
+    float2* c = reinterpret_cast<float2*>(col[thread_id()]->p);
+    if (w < COLS) memset((void*)c, 0, sizeof(float2) * COLS * ny);
+    for (int y = 0; y < ny; y++) {
+      const long i = (long)y * nxh + x0;
+      scan_host_multconj_serial(M + i, F + i, c + (long)y * COLS, w, s);
+    }
+    fftwf_execute_dft(col_inv.p, (fftwf_complex*)c, (fftwf_complex*)c);
+    float2* q = reinterpret_cast<float2*>(half.p);
+    for (int y = 0; y < ny; y++) memcpy(q + (long)y * nxh + x0, c + (long)y * COLS, sizeof(float2) * w);
+  }
+
+  // Row stage for the rows from y0 (a whole block, or the last partial one
+  // through padded scratch); returns the rows, nx apart.
+  const float* inverse_rows(int y0) {
+    const int t = thread_id(), h = ny - y0 < ROWS ? ny - y0 : ROWS;
+    fftwf_complex* in = half.p + (size_t)y0 * nxh;
+    if (h < ROWS) {
+      memset(rowc[t]->p, 0, sizeof(fftwf_complex) * ROWS * nxh);
+      memcpy(rowc[t]->p, in, sizeof(fftwf_complex) * h * nxh);
+      in = rowc[t]->p;
+    }
+    fftwf_execute_dft_c2r(row_c2r.p, in, rowr[t]->p);
+    return rowr[t]->p;
+  }
+
+  template <class Sink>
+  void inverse_with(const float2* M, const float2* F, float s, Sink sink) {
+    const int nb = col_blocks();
+#pragma omp parallel for schedule(static)
+    for (int b = 0; b < nb; b++) inverse_columns(b, M, F, s);
+    const int nr = (ny + ROWS - 1) / ROWS;
+#pragma omp parallel for schedule(static)
+    for (int r = 0; r < nr; r++) {
+      const int y0 = r * ROWS, h = ny - y0 < ROWS ? ny - y0 : ROWS;
+      sink(y0, h, inverse_rows(y0));
+    }
+  }
+};
+
+FusedScanHost::FusedScanHost(int nx, int ny) : d_(new Impl(nx, ny)) {}
+FusedScanHost::~FusedScanHost() = default;
+
+void FusedScanHost::inverse_fold(const float2* M, const float2* F, float s, float* ccmax, float* psi, float ang) {
+  const int nx = d_->nx;
+  d_->inverse_with(M, F, s, [=](int y0, int h, const float* rows) {
+    const long i = (long)y0 * nx;
+    scan_host_fold_serial(ccmax + i, rows, psi ? psi + i : nullptr, ang, (long)h * nx);
+  });
+}
+
+void FusedScanHost::inverse(const float2* M, const float2* F, float s, float* cc) {
+  const int nx = d_->nx;
+  d_->inverse_with(M, F, s, [=](int y0, int h, const float* rows) {
+    memcpy(cc + (long)y0 * nx, rows, sizeof(float) * h * nx);
+  });
+}
+
+void FusedScanHost::forward_pasted(const float* t, int tnx, int tny, int px, int py, float2* F) {
+  Impl& d = *d_;
+  const int nx = d.nx, ny = d.ny, nxh = d.nxh;
+  // Row stage over the band of rows the template covers, a block at a time,
+  // into the start of the half-spectrum buffer (block-aligned, so every
+  // block runs at the alignment the plan was made for).
+  const int nr = (tny + ROWS - 1) / ROWS;
+#pragma omp parallel for schedule(static)
+  for (int r = 0; r < nr; r++) {
+    const int tid = thread_id();
+    float* rows = d.rowr[tid]->p;
+    memset(rows, 0, sizeof(float) * ROWS * nx);
+    for (int k = 0; k < ROWS && r * ROWS + k < tny; k++)
+      memcpy(rows + (long)k * nx + px, t + (long)(r * ROWS + k) * tnx, sizeof(float) * tnx);
+    fftwf_execute_dft_r2c(d.row_r2c.p, rows, d.half.p + (size_t)r * ROWS * nxh);
+  }
+  // Column stage: the band's rows, zeros elsewhere.
+  const int nb = d.col_blocks();
+  const float2* band = reinterpret_cast<const float2*>(d.half.p);
+#pragma omp parallel for schedule(static)
+  for (int b = 0; b < nb; b++) {
+    const int x0 = b * COLS, w = d.width(b);
+    float2* c = reinterpret_cast<float2*>(d.col[thread_id()]->p);
+    memset((void*)c, 0, sizeof(float2) * COLS * ny);
+    for (int k = 0; k < tny; k++)
+      memcpy(c + (long)(py + k) * COLS, band + (long)k * nxh + x0, sizeof(float2) * w);
+    fftwf_execute_dft(d.col_fwd.p, (fftwf_complex*)c, (fftwf_complex*)c);
+    for (int y = 0; y < ny; y++) memcpy(F + (long)y * nxh + x0, c + (long)y * COLS, sizeof(float2) * w);
+  }
+}

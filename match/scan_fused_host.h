@@ -1,0 +1,42 @@
+// The scan's per-angle work on the host back end, with the 2-D transforms
+// taken apart into their two 1-D stages so that each angle passes over
+// memory about once:
+//   inverse: the conjugate product is formed inside the column stage, and
+//            the running maximum takes each block of rows as the row stage
+//            gives it, so neither the product nor the correlation map is
+//            ever stored whole;
+//   forward: a pasted template fills only a band of rows, so the row stage
+//            transforms that band and the rest is known to be zero.
+// The 1-D plans are made with the layout the 2-D plan uses inside (rows at
+// the half spectrum's own stride, columns in blocks of equal width, rows in
+// blocks of equal height, partial blocks padded), which makes FFTW choose the
+// same algorithms: for the sizes the tests cover the results are the 2-D
+// plan's bits.
+#pragma once
+#include <memory>
+
+#include "common/hd.h"
+
+class FusedScanHost {
+ public:
+  FusedScanHost(int nx, int ny);  // even sizes; main thread only (makes plans)
+  ~FusedScanHost();
+  FusedScanHost(const FusedScanHost&) = delete;
+  FusedScanHost& operator=(const FusedScanHost&) = delete;
+
+  // F = spectrum of the nx x ny image that is zero except for the tnx x tny
+  // image t placed with its first pixel at (px, py).
+  void forward_pasted(const float* t, int tnx, int tny, int px, int py, float2* F);
+
+  // cc = inverse transform of M * conj(F) / s (as the 2-D plan would give
+  // it), folded into the running maximum: where cc > ccmax, ccmax = cc and,
+  // when psi is given, psi = ang.
+  void inverse_fold(const float2* M, const float2* F, float s, float* ccmax, float* psi, float ang);
+
+  // The inverse alone, into cc (for tests and references).
+  void inverse(const float2* M, const float2* F, float s, float* cc);
+
+ private:
+  struct Impl;
+  std::unique_ptr<Impl> d_;
+};
