@@ -1,6 +1,6 @@
 // Bare transforms of the sizes a picking run uses, the baseline of
-// bench_picker.sh: a real-to-complex transform alone and a real-to-complex
-// plus complex-to-real pair, at the working size N (correlation scan) and at
+// bench_picker.sh: a real-to-complex transform alone, a complex-to-real one
+// alone (what an angle with a stored spectrum needs) and a pair, at the working size N (correlation scan) and at
 // the mirror-padded 2N (band-pass and local statistics).
 // Host back end: plain FFTW plans made and run as the program makes and runs
 // them (FFTW_ESTIMATE, the same job count, the jobs on OpenMP threads with a
@@ -56,6 +56,7 @@ class Bare {
     fftwf_free(c_);
   }
   void r2c() { fftwf_execute(fwd_); }
+  void c2r() { fftwf_execute(inv_); }
   void pair() {
     fftwf_execute(fwd_);
     fftwf_execute(inv_);
@@ -73,6 +74,7 @@ class Device {
   explicit Device(int n)
       : plan_(n, n), r_((unsigned long)n * n, true), back_((unsigned long)n * n), c_((unsigned long)(n / 2 + 1) * n) {}
   void r2c() { plan_.r2c(r_.get(), c_.get()); }
+  void c2r() { plan_.c2r(c_.get(), back_.get()); }
   void pair() {
     plan_.r2c(r_.get(), c_.get());
     plan_.c2r(c_.get(), back_.get());
@@ -92,6 +94,18 @@ void run_r2c(benchmark::State& state) {
 }
 
 template <class T>
+void run_c2r(benchmark::State& state) {
+  T t((int)state.range(0));
+  t.r2c();
+  for (auto _ : state) {
+    state.PauseTiming();  // c2r destroys its input: a fresh spectrum each time
+    t.r2c();
+    state.ResumeTiming();
+    t.c2r();
+  }
+}
+
+template <class T>
 void run_pair(benchmark::State& state) {
   T t((int)state.range(0));
   t.pair();
@@ -103,6 +117,13 @@ void BM_BareR2C(benchmark::State& state) {
     run_r2c<Device>(state);
   else
     run_r2c<Bare>(state);
+}
+
+void BM_BareC2R(benchmark::State& state) {
+  if (gvex_on_gpu())
+    run_c2r<Device>(state);
+  else
+    run_c2r<Bare>(state);
 }
 
 void BM_BarePair(benchmark::State& state) {
@@ -131,6 +152,7 @@ int main(int argc, char** argv) {
   fputs(gvex_device_activate(0), stderr);  // GPU 0 when there is one; the host's thread policy otherwise
   for (int size : {n, 2 * n}) {
     benchmark::RegisterBenchmark("BM_BareR2C", BM_BareR2C)->Arg(size)->Unit(benchmark::kMillisecond)->UseRealTime();
+    benchmark::RegisterBenchmark("BM_BareC2R", BM_BareC2R)->Arg(size)->Unit(benchmark::kMillisecond)->UseRealTime();
     benchmark::RegisterBenchmark("BM_BarePair", BM_BarePair)->Arg(size)->Unit(benchmark::kMillisecond)->UseRealTime();
   }
   int rc = (int)rest.size();

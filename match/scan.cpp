@@ -49,7 +49,6 @@ struct ScanWorkspace::Impl {
   std::unique_ptr<DeviceArray<float2>> F, P;
   std::unique_ptr<FftPlanBatch> plans;
   std::unique_ptr<DeviceArray<float>> rot;  // fused path: one rotated template
-  std::unique_ptr<DeviceArray<float2>> spare;  // and the spectrum of an angle not stored
 
   void make_batch(int b) {
     if (batch == b) return;
@@ -241,19 +240,15 @@ int vexmatch_ccmax_psi_by_one_template(float* mic, float* mask, float* ccmax, fl
     for (int a = 0; a < na; a++) {
       printf(".");
       fflush(stdout);
-      const float2* F = nullptr;
       if (a < capacity && a < stored->filled) {
-        F = slot(a);
-      } else {
-        if (a >= capacity && !w.spare) w.spare.reset(new DeviceArray<float2>(w.spec_n));
-        float2* dst = a < capacity ? slot(a) : w.spare->get();
-        if (!w.rot || w.rot->size() < tn) w.rot.reset(new DeviceArray<float>(tn));
-        hcuda_2d_rotate(T, w.rot->get(), tnx, tny, angles[a]);
-        w.fused->forward_pasted(w.rot->get(), tnx, tny, (nx - tnx) / 2, (ny - tny) / 2, dst);
-        if (a < capacity) stored->filled = a + 1;
-        F = dst;
+        w.fused->fold(w.M.get(), slot(a), nullptr, norm, ccmax, psi_out, angles[a]);
+        continue;
       }
-      w.fused->inverse_fold(w.M.get(), F, norm, ccmax, psi_out, angles[a]);
+      if (!w.rot || w.rot->size() < tn) w.rot.reset(new DeviceArray<float>(tn));
+      hcuda_2d_rotate(T, w.rot->get(), tnx, tny, angles[a]);
+      w.fused->paste(w.rot->get(), tnx, tny, (nx - tnx) / 2, (ny - tny) / 2);
+      w.fused->fold(w.M.get(), nullptr, a < capacity ? slot(a) : nullptr, norm, ccmax, psi_out, angles[a]);
+      if (a < capacity) stored->filled = a + 1;
     }
   } else {
     // Batches of angles: every batch lies wholly inside the stored angles

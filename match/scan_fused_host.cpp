@@ -64,12 +64,14 @@ struct FusedScanHost::Impl {
   int nx, ny, nxh;
   Plan col_fwd, col_inv, row_r2c, row_c2r;
   FftwArray<fftwf_complex> half;  // the half spectrum between the two stages
+  std::unique_ptr<FftwArray<fftwf_complex>> band;  // a pasted template's rows, transformed
+  int band_rows = 0, band_y = 0;
   // Per thread: one block of columns, one block of rows in both forms.
   std::vector<std::unique_ptr<FftwArray<fftwf_complex>>> col, rowc;
   std::vector<std::unique_ptr<FftwArray<float>>> rowr;
 
   Impl(int nx_, int ny_)
-      : nx(nx_), ny(ny_), nxh(nx_ / 2 + 1), half((size_t)(nx_ / 2 + 1) * (ny_ + ROWS)) {
+      : nx(nx_), ny(ny_), nxh(nx_ / 2 + 1), half((size_t)(nx_ / 2 + 1) * ny_) {
     const int threads = max_threads();
     for (int t = 0; t < threads; t++) {
       col.emplace_back(new FftwArray<fftwf_complex>((size_t)COLS * ny));
@@ -93,15 +95,30 @@ struct FusedScanHost::Impl {
   int col_blocks() const { return (nxh + COLS - 1) / COLS; }
   int width(int b) const { return nxh - b * COLS < COLS ? nxh - b * COLS : COLS; }
 
-  // Column stage of the inverse for block b: half = column transforms of
-  // M * conj(F) / s.
-  void inverse_columns(int b, const float2* M, const float2* F, float s) {
+  // Column stage for block b: the block's template spectrum, either stored
+  // (F) or transformed from the band (then also written to F when F is
+  // given), its conjugate product with M over s, and the product's inverse
+  // column transforms into half.
+  void columns(int b, const float2* M, const float2* F, bool from_band, float2* F_out, float s) {
     const int x0 = b * COLS, w = width(b);
     float2* c = reinterpret_cast<float2*>(col[thread_id()]->p);
-    if (w < COLS) memset((void*)c, 0, sizeof(float2) * COLS * ny);
-    for (int y = 0; y < ny; y++) {
-      const long i = (long)y * nxh + x0;
-      scan_host_multconj_serial(M + i, F + i, c + (long)y * COLS, w, s);
+    if (from_band) {
+      memset((void*)c, 0, sizeof(float2) * COLS * ny);
+      const float2* t = reinterpret_cast<const float2*>(band->p);
+      for (int k = 0; k < band_rows; k++)
+        memcpy(c + (long)(band_y + k) * COLS, t + (long)k * nxh + x0, sizeof(float2) * w);
+      fftwf_execute_dft(col_fwd.p, (fftwf_complex*)c, (fftwf_complex*)c);
+      for (int y = 0; y < ny; y++) {
+        const long i = (long)y * nxh + x0;
+        if (F_out) memcpy(F_out + i, c + (long)y * COLS, sizeof(float2) * w);
+        scan_host_multconj_serial(M + i, c + (long)y * COLS, c + (long)y * COLS, w, s);
+      }
+    } else {
+      if (w < COLS) memset((void*)c, 0, sizeof(float2) * COLS * ny);
+      for (int y = 0; y < ny; y++) {
+        const long i = (long)y * nxh + x0;
+        scan_host_multconj_serial(M + i, F + i, c + (long)y * COLS, w, s);
+      }
     }
     fftwf_execute_dft(col_inv.p, (fftwf_complex*)c, (fftwf_complex*)c);
     float2* q = reinterpret_cast<float2*>(half.p);
@@ -123,10 +140,10 @@ struct FusedScanHost::Impl {
   }
 
   template <class Sink>
-  void inverse_with(const float2* M, const float2* F, float s, Sink sink) {
+  void inverse_with(const float2* M, const float2* F, bool from_band, float2* F_out, float s, Sink sink) {
     const int nb = col_blocks();
 #pragma omp parallel for schedule(static)
-    for (int b = 0; b < nb; b++) inverse_columns(b, M, F, s);
+    for (int b = 0; b < nb; b++) columns(b, M, F, from_band, F_out, s);
     const int nr = (ny + ROWS - 1) / ROWS;
 #pragma omp parallel for schedule(static)
     for (int r = 0; r < nr; r++) {
@@ -139,48 +156,38 @@ struct FusedScanHost::Impl {
 FusedScanHost::FusedScanHost(int nx, int ny) : d_(new Impl(nx, ny)) {}
 FusedScanHost::~FusedScanHost() = default;
 
-void FusedScanHost::inverse_fold(const float2* M, const float2* F, float s, float* ccmax, float* psi, float ang) {
+void FusedScanHost::paste(const float* t, int tnx, int tny, int px, int py) {
+  Impl& d = *d_;
+  const int nx = d.nx, nxh = d.nxh;
+  // Row stage over the band of rows the template covers, a block of rows at
+  // a time (block-aligned in the buffer, so every block runs at the
+  // alignment the plan was made for).
+  const int nr = (tny + ROWS - 1) / ROWS;
+  if (!d.band || d.band_rows < tny) d.band.reset(new FftwArray<fftwf_complex>((size_t)nr * ROWS * nxh));
+  d.band_rows = tny;
+  d.band_y = py;
+#pragma omp parallel for schedule(static)
+  for (int r = 0; r < nr; r++) {
+    float* rows = d.rowr[thread_id()]->p;
+    memset(rows, 0, sizeof(float) * ROWS * nx);
+    for (int k = 0; k < ROWS && r * ROWS + k < tny; k++)
+      memcpy(rows + (long)k * nx + px, t + (long)(r * ROWS + k) * tnx, sizeof(float) * tnx);
+    fftwf_execute_dft_r2c(d.row_r2c.p, rows, d.band->p + (size_t)r * ROWS * nxh);
+  }
+}
+
+void FusedScanHost::fold(const float2* M, const float2* F, float2* F_out, float s, float* ccmax, float* psi,
+                         float ang) {
   const int nx = d_->nx;
-  d_->inverse_with(M, F, s, [=](int y0, int h, const float* rows) {
+  d_->inverse_with(M, F, F == nullptr, F_out, s, [=](int y0, int h, const float* rows) {
     const long i = (long)y0 * nx;
     scan_host_fold_serial(ccmax + i, rows, psi ? psi + i : nullptr, ang, (long)h * nx);
   });
 }
 
-void FusedScanHost::inverse(const float2* M, const float2* F, float s, float* cc) {
+void FusedScanHost::correlate(const float2* M, const float2* F, float2* F_out, float s, float* cc) {
   const int nx = d_->nx;
-  d_->inverse_with(M, F, s, [=](int y0, int h, const float* rows) {
+  d_->inverse_with(M, F, F == nullptr, F_out, s, [=](int y0, int h, const float* rows) {
     memcpy(cc + (long)y0 * nx, rows, sizeof(float) * h * nx);
   });
-}
-
-void FusedScanHost::forward_pasted(const float* t, int tnx, int tny, int px, int py, float2* F) {
-  Impl& d = *d_;
-  const int nx = d.nx, ny = d.ny, nxh = d.nxh;
-  // Row stage over the band of rows the template covers, a block at a time,
-  // into the start of the half-spectrum buffer (block-aligned, so every
-  // block runs at the alignment the plan was made for).
-  const int nr = (tny + ROWS - 1) / ROWS;
-#pragma omp parallel for schedule(static)
-  for (int r = 0; r < nr; r++) {
-    const int tid = thread_id();
-    float* rows = d.rowr[tid]->p;
-    memset(rows, 0, sizeof(float) * ROWS * nx);
-    for (int k = 0; k < ROWS && r * ROWS + k < tny; k++)
-      memcpy(rows + (long)k * nx + px, t + (long)(r * ROWS + k) * tnx, sizeof(float) * tnx);
-    fftwf_execute_dft_r2c(d.row_r2c.p, rows, d.half.p + (size_t)r * ROWS * nxh);
-  }
-  // Column stage: the band's rows, zeros elsewhere.
-  const int nb = d.col_blocks();
-  const float2* band = reinterpret_cast<const float2*>(d.half.p);
-#pragma omp parallel for schedule(static)
-  for (int b = 0; b < nb; b++) {
-    const int x0 = b * COLS, w = d.width(b);
-    float2* c = reinterpret_cast<float2*>(d.col[thread_id()]->p);
-    memset((void*)c, 0, sizeof(float2) * COLS * ny);
-    for (int k = 0; k < tny; k++)
-      memcpy(c + (long)(py + k) * COLS, band + (long)k * nxh + x0, sizeof(float2) * w);
-    fftwf_execute_dft(d.col_fwd.p, (fftwf_complex*)c, (fftwf_complex*)c);
-    for (int y = 0; y < ny; y++) memcpy(F + (long)y * nxh + x0, c + (long)y * COLS, sizeof(float2) * w);
-  }
 }

@@ -24,17 +24,18 @@ class FusedScanHost {
   FusedScanHost(const FusedScanHost&) = delete;
   FusedScanHost& operator=(const FusedScanHost&) = delete;
 
-  // F = spectrum of the nx x ny image that is zero except for the tnx x tny
-  // image t placed with its first pixel at (px, py).
-  void forward_pasted(const float* t, int tnx, int tny, int px, int py, float2* F);
+  // Takes the tnx x tny image t as the template to transform: the nx x ny
+  // image that is zero except for t with its first pixel at (px, py).
+  void paste(const float* t, int tnx, int tny, int px, int py);
 
-  // cc = inverse transform of M * conj(F) / s (as the 2-D plan would give
-  // it), folded into the running maximum: where cc > ccmax, ccmax = cc and,
-  // when psi is given, psi = ang.
-  void inverse_fold(const float2* M, const float2* F, float s, float* ccmax, float* psi, float ang);
+  // cc = inverse transform of M * conj(F) / s (the 2-D plan's bits), folded
+  // into the running maximum: where cc > ccmax, ccmax = cc and, when psi is
+  // given, psi = ang. Without F, F is the pasted template's spectrum,
+  // computed on the way and also written to F_out when that is given.
+  void fold(const float2* M, const float2* F, float2* F_out, float s, float* ccmax, float* psi, float ang);
 
-  // The inverse alone, into cc (for tests and references).
-  void inverse(const float2* M, const float2* F, float s, float* cc);
+  // The same, writing cc itself (tests and references).
+  void correlate(const float2* M, const float2* F, float2* F_out, float s, float* cc);
 
  private:
   struct Impl;
