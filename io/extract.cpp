@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "common/errors.h"
+#include "common/owned.h"
 #include "gpu/hm_math.h"
 #include "gpu/resample.h"
 #include "io/boxfile.h"
@@ -75,8 +76,10 @@ void cpu_x2d_extract_ptcls_from_movie(float* out, int bx, int by, int nz, int n,
 
 float* get_mrcf_data_ptcls(const char* mic_name, const char* box_name, int newsize, int invert) {
   const char* func = "get_mrcf_data_ptcls";
-  float* mic = get_mrcf_data_all(mic_name);
-  MRC_HEAD* head = get_mrcf_head(mic_name);
+  Owned<float> mic_owned(get_mrcf_data_all(mic_name));
+  Owned<MRC_HEAD> head_owned(get_mrcf_head(mic_name));
+  const float* mic = mic_owned.get();
+  const MRC_HEAD* head = head_owned.get();
   Picks p;
   load_picks(p, box_name, newsize, func);
   const int nz = head->nz;
@@ -85,26 +88,24 @@ float* get_mrcf_data_ptcls(const char* mic_name, const char* box_name, int newsi
   if ((long)p.n * nz > INT_MAX || total > MAX_STACK_FLOATS)
     io_fatalf(func, gvex_module, __LINE__, "%d particles of %d x %d x %d from %s are too many to hold", p.n, p.bx, p.by,
               nz, mic_name);
-  float* out = (float*)calloc(total > 0 ? (size_t)total : 1, sizeof(float));
+  Owned<float> owned((float*)calloc(total > 0 ? (size_t)total : 1, sizeof(float)));
+  float* out = owned.get();
   if (!out) io_fatalf(func, gvex_module, __LINE__, "cannot allocate %ld floats for the particles of %s", total, mic_name);
   if (nz == 1)
     cpu_x2d_extract_ptcls_from_micrograph(out, p.bx, p.by, p.n, mic, head->nx, head->ny, p.boxes.data());
   else
     cpu_x2d_extract_ptcls_from_movie(out, p.bx, p.by, nz, p.n, mic, head->nx, head->ny, p.boxes.data());
   if (invert) hm_invert_inplace(out, (unsigned long)total);
-  free(mic);
-  mrc_delete_head(head);
-  return out;
+  return owned.release();
 }
 
 int mrcf_x2d_extract_ptcls_from_micrograph(const char* mic_name, const char* box_name, int newsize, int invert) {
   Picks p;
   load_picks(p, box_name, newsize, "mrcf_x2d_extract_ptcls_from_micrograph");
   const long nz = get_mrcf_dim_size(mic_name, "z");
-  float* data = get_mrcf_data_ptcls(mic_name, box_name, newsize, invert);
+  Owned<float> data(get_mrcf_data_ptcls(mic_name, box_name, newsize, invert));
   char out_name[GVEX_NAME_LEN];
   set_outname_by_suffix(out_name, mic_name, "_particles.mrcs");
-  mrcf_write_xyz_data(out_name, data, p.bx, p.by, (int)(nz * p.n));
-  free(data);
+  mrcf_write_xyz_data(out_name, data.get(), p.bx, p.by, (int)(nz * p.n));
   return 0;
 }

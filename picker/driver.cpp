@@ -1,5 +1,6 @@
 // Run driver: one batch of micrographs, start to summary.
 #include <cstdio>
+#include <memory>
 
 #include "common/strutil.h"
 #include "gpu/device.h"
@@ -22,7 +23,9 @@ int gvexmatch_main(int argc, char** argv) {
     return 0;
   }
 
-  GVexMatch_Para* para = new GVexMatch_Para();
+  // Owned so that a failure unwinding through here frees it too.
+  std::unique_ptr<GVexMatch_Para, void (*)(GVexMatch_Para*)> owned(new GVexMatch_Para(), gvexmatch_delete_parameters);
+  GVexMatch_Para* para = owned.get();
   gvexmatch_init_parameters(argc, para);
   gvexmatch_get_parameters(argc, argv, para);  // ends the run on bad input
   gvexmatch_fput_parameters(argc, argv, para, stdout);
@@ -32,7 +35,7 @@ int gvexmatch_main(int argc, char** argv) {
   gvexmatch_run(para, prog);
 
   gvexmatch_summary(para);
-  gvexmatch_delete_parameters(para);
+  owned.reset();
   gvex_timer_pop("TOTAL");
   for (int i = 0; i < 129; i++) putchar('#');
   printf("\n\n");

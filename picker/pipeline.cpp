@@ -63,8 +63,9 @@ void gvexmatch_prepare_run(GVexRun& run) {
 
   // Templates: one synthetic disc scanned at a single angle, or the stack.
   if (p->auto_template) p->ang_step = 360.0f;
-  float* stack = get_or_create_template_data(run.tnx, run.tny, run.tnz, p->T, p->template_r, p->apixT, p->apixM,
-                                             p->shrink, p->center1_ratio);
+  Owned<float> owned_stack(get_or_create_template_data(run.tnx, run.tny, run.tnz, p->T, p->template_r, p->apixT,
+                                                       p->apixM, p->shrink, p->center1_ratio));
+  float* stack = owned_stack.get();
   if (run.tnx > run.ext || run.tny > run.ext) {
     char why[256];
     snprintf(why, sizeof why, "templates of %d x %d working pixels do not fit the %d x %d working micrograph", run.tnx,
@@ -77,7 +78,7 @@ void gvexmatch_prepare_run(GVexRun& run) {
   run.d_T.reset(new DeviceArray<float>(tn));
   hcuda_upload_templates(run.d_T->get(), stack, run.tnx, run.tny, run.tnz, p->T_norm_type, p->template_r,
                          p->center1_ratio, p->dont_invertT);
-  destroy_template_data(stack);
+  owned_stack.reset();
 
   run.h_raw.assign((size_t)run.nx * run.ny, 0.0f);
   run.h_shrunk.assign(n2, 0.0f);

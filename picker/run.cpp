@@ -52,13 +52,12 @@ static MRC_HEAD* check_access_openf_1st(GVexMatch_Para* p, const char* prog) {
       continue;
     }
     printf("Opening %s for initial test and preperation .......\n", name);
-    FILE* fp = fopen(name, "r");
+    OwnedFile fp(fopen(name, "r"));
     if (!fp) gvex_open_read_failed(name, "check_access_openf_1st", "gvexmatch56", __LINE__);
     p->first_mic = p->mic_files[i];
-    MRC_HEAD* head = mrc_new_head();
-    mrc_read_head(fp, head);
-    fclose(fp);
-    return head;
+    Owned<MRC_HEAD> head(mrc_new_head());
+    mrc_read_head(fp.get(), head.get());
+    return head.release();
   }
   gvexmatch_help_exit(prog, "No valid files to be processed.");
 }
