@@ -19,9 +19,11 @@ unsigned long gvex_scan_store_budget(unsigned long available, int sharers);
 // Buffers of the scan for one working size, made once per run and handed to
 // every scan call, and a bounded store of rotated-template spectra that
 // survives from one micrograph to the next: such a spectrum depends only on
-// the template's pixels, the angle and the working size. Templates are
-// recognised by their pixel values, so the store never serves a stale
-// spectrum. Beyond the budget spectra are simply recomputed.
+// the template's pixels, the angle and the working size. Each template gets
+// one slab holding the spectra of the first angles of its list that the
+// budget has room for; templates are recognised by their pixel values and
+// angle list, so the store never serves a stale spectrum. Angles beyond
+// the slab are simply recomputed.
 class ScanWorkspace {
  public:
   explicit ScanWorkspace(unsigned long spectrum_budget_bytes = GVEX_SCAN_CACHE_DEFAULT);
@@ -43,6 +45,9 @@ class ScanWorkspace {
     batch_ = batch;
   }
   bool host_fused() const { return fused_; }
+  // Fused stages only: two stored angles per pass (default) or one.
+  void set_pairs(bool on) { pairs_ = on; }
+  bool pairs() const { return pairs_; }
   int batch() const { return batch_; }
 
   // Internal to the scan: buffers for an nx x ny image (made anew, and the
@@ -53,7 +58,7 @@ class ScanWorkspace {
 
  private:
   unsigned long budget_, used_ = 0;
-  bool fused_ = true;
+  bool fused_ = true, pairs_ = true;
   int batch_ = 0;
   std::unique_ptr<Impl> impl_;
 };

@@ -64,10 +64,11 @@ struct FusedScanHost::Impl {
   int nx, ny, nxh;
   Plan col_fwd, col_inv, row_r2c, row_c2r;
   FftwArray<fftwf_complex> half;  // the half spectrum between the two stages
+  std::unique_ptr<FftwArray<fftwf_complex>> half2;  // the second angle's, for pairs
   std::unique_ptr<FftwArray<fftwf_complex>> band;  // a pasted template's rows, transformed
   int band_rows = 0, band_y = 0;
   // Per thread: one block of columns, one block of rows in both forms.
-  std::vector<std::unique_ptr<FftwArray<fftwf_complex>>> col, rowc;
+  std::vector<std::unique_ptr<FftwArray<fftwf_complex>>> col, col2, rowc;
   std::vector<std::unique_ptr<FftwArray<float>>> rowr;
 
   Impl(int nx_, int ny_)
@@ -75,6 +76,7 @@ struct FusedScanHost::Impl {
     const int threads = max_threads();
     for (int t = 0; t < threads; t++) {
       col.emplace_back(new FftwArray<fftwf_complex>((size_t)COLS * ny));
+      col2.emplace_back(new FftwArray<fftwf_complex>((size_t)COLS * ny));
       rowc.emplace_back(new FftwArray<fftwf_complex>((size_t)ROWS * nxh));
       rowr.emplace_back(new FftwArray<float>((size_t)ROWS * nx));
     }
@@ -125,11 +127,36 @@ struct FusedScanHost::Impl {
     for (int y = 0; y < ny; y++) memcpy(q + (long)y * nxh + x0, c + (long)y * COLS, sizeof(float2) * w);
   }
 
-  // Row stage for the rows from y0 (a whole block, or the last partial one
-  // through padded scratch); returns the rows, nx apart.
-  const float* inverse_rows(int y0) {
+  // Column stage of two stored angles at once: each block of M is read
+  // once for both products.
+  void columns_pair(int b, const float2* M, const float2* F0, const float2* F1, float s) {
+    const int x0 = b * COLS, w = width(b), t = thread_id();
+    float2* c0 = reinterpret_cast<float2*>(col[t]->p);
+    float2* c1 = reinterpret_cast<float2*>(col2[t]->p);
+    if (w < COLS) {
+      memset((void*)c0, 0, sizeof(float2) * COLS * ny);
+      memset((void*)c1, 0, sizeof(float2) * COLS * ny);
+    }
+    for (int y = 0; y < ny; y++) {
+      const long i = (long)y * nxh + x0;
+      scan_host_multconj_serial(M + i, F0 + i, c0 + (long)y * COLS, w, s);
+      scan_host_multconj_serial(M + i, F1 + i, c1 + (long)y * COLS, w, s);
+    }
+    fftwf_execute_dft(col_inv.p, (fftwf_complex*)c0, (fftwf_complex*)c0);
+    fftwf_execute_dft(col_inv.p, (fftwf_complex*)c1, (fftwf_complex*)c1);
+    float2* q0 = reinterpret_cast<float2*>(half.p);
+    float2* q1 = reinterpret_cast<float2*>(half2->p);
+    for (int y = 0; y < ny; y++) {
+      memcpy(q0 + (long)y * nxh + x0, c0 + (long)y * COLS, sizeof(float2) * w);
+      memcpy(q1 + (long)y * nxh + x0, c1 + (long)y * COLS, sizeof(float2) * w);
+    }
+  }
+
+  // Row stage for the rows from y0 of a half spectrum (a whole block, or the
+  // last partial one through padded scratch); returns the rows, nx apart.
+  const float* inverse_rows(int y0, fftwf_complex* from = nullptr) {
     const int t = thread_id(), h = ny - y0 < ROWS ? ny - y0 : ROWS;
-    fftwf_complex* in = half.p + (size_t)y0 * nxh;
+    fftwf_complex* in = (from ? from : half.p) + (size_t)y0 * nxh;
     if (h < ROWS) {
       memset(rowc[t]->p, 0, sizeof(fftwf_complex) * ROWS * nxh);
       memcpy(rowc[t]->p, in, sizeof(fftwf_complex) * h * nxh);
@@ -183,6 +210,25 @@ void FusedScanHost::fold(const float2* M, const float2* F, float2* F_out, float 
     const long i = (long)y0 * nx;
     scan_host_fold_serial(ccmax + i, rows, psi ? psi + i : nullptr, ang, (long)h * nx);
   });
+}
+
+void FusedScanHost::fold_pair(const float2* M, const float2* F0, const float2* F1, float s, float* ccmax, float* psi,
+                              float ang0, float ang1) {
+  Impl& d = *d_;
+  if (!d.half2) d.half2.reset(new FftwArray<fftwf_complex>((size_t)d.nxh * d.ny));
+  const int nb = d.col_blocks(), nx = d.nx, ny = d.ny;
+#pragma omp parallel for schedule(static)
+  for (int b = 0; b < nb; b++) d.columns_pair(b, M, F0, F1, s);
+  // Both angles' rows while the block of ccmax is in cache, the first angle
+  // first: the per-angle order of the running maximum.
+  const int nr = (ny + ROWS - 1) / ROWS;
+#pragma omp parallel for schedule(static)
+  for (int r = 0; r < nr; r++) {
+    const int y0 = r * ROWS, h = ny - y0 < ROWS ? ny - y0 : ROWS;
+    const long i = (long)y0 * nx;
+    scan_host_fold_serial(ccmax + i, d.inverse_rows(y0, d.half.p), psi ? psi + i : nullptr, ang0, (long)h * nx);
+    scan_host_fold_serial(ccmax + i, d.inverse_rows(y0, d.half2->p), psi ? psi + i : nullptr, ang1, (long)h * nx);
+  }
 }
 
 void FusedScanHost::correlate(const float2* M, const float2* F, float2* F_out, float s, float* cc) {
