@@ -12,6 +12,7 @@
 #include "common/errors.h"
 #include "gpu/device_cuda.h"
 #include "gpu/launch.h"
+#include "gpu/pool.h"
 
 // Module name in this unit's failure lines.
 static const char* const gvex_module = "cuda_general";
@@ -20,7 +21,10 @@ static bool g_on_gpu = false;
 
 bool gvex_on_gpu() { return g_on_gpu; }
 
-void gvex_device_use_host() { g_on_gpu = false; }
+void gvex_device_use_host() {
+  gvex_pool_clear();  // its blocks are freed by the back end that made them
+  g_on_gpu = false;
+}
 
 int gvex_host_threads() {
 #if defined(_OPENMP)
@@ -95,6 +99,7 @@ int check_and_set_gid(int& gid) {
 
 const char* gvex_device_activate(int gid) {
   static char line[512];
+  gvex_pool_clear();
 #if defined(GVEX_WITH_CUDA)
   int major = 0, minor = 0;
   if (gvex_cuda::device_count() > 0 && gvex_cuda::device_props(gid, major, minor)) {
@@ -131,7 +136,7 @@ static int host_alloc(void** p, unsigned long bytes) {
   return 0;
 }
 
-static int device_alloc(void** p, unsigned long bytes) {
+int gvex_device_alloc(void** p, unsigned long bytes) {
 #if defined(GVEX_WITH_CUDA)
   if (g_on_gpu) return gvex_cuda::malloc_bytes(p, bytes);
 #endif
@@ -139,12 +144,12 @@ static int device_alloc(void** p, unsigned long bytes) {
 }
 
 int safe_cudaMalloc(void** p, unsigned long bytes) {
-  if (device_alloc(p, bytes) != 0) GVEX_FAIL("Device memory allocation failed");
+  if (gvex_device_alloc(p, bytes) != 0) GVEX_FAIL("Device memory allocation failed");
   return 0;
 }
 
 int safe_cudaMalloc_empty(void** p, unsigned long bytes) {
-  if (device_alloc(p, bytes) != 0)
+  if (gvex_device_alloc(p, bytes) != 0)
     GVEX_FAIL("Device memory allocation failed");
   hcuda_empty(*p, bytes);
   return 0;

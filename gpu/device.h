@@ -31,7 +31,8 @@ bool gvex_on_gpu();
 
 // Back to the host back end (the conformance test runs each operation on
 // both back ends in one process). Arrays must be freed on the back end that
-// made them, and plan caches cleared, before switching.
+// made them, and plan caches cleared, before switching; the block pool
+// (gpu/pool.h) is cleared here and on activation.
 void gvex_device_use_host();
 
 // Number of host threads used by the host back end's loops.
@@ -40,6 +41,8 @@ int gvex_host_threads();
 // ---- memory ----
 int safe_cudaMalloc(void** p, unsigned long bytes);
 int safe_cudaMalloc_empty(void** p, unsigned long bytes);
+// The allocation itself, without the failure: the platform's code, 0 on success.
+int gvex_device_alloc(void** p, unsigned long bytes);
 void hcuda_free(void* p);                             // release a device array (null is fine)
 
 // Synchronous copies; the platform's error code is returned unchecked.

@@ -13,6 +13,7 @@
 #include "gpu/img_filter.h"
 #include "gpu/launch.h"
 #include "gpu/math_utils.h"
+#include "gpu/pool.h"
 #include "gpu/reduce.h"
 
 void hcuda_2d_generate_rmask_soft(float* d_mask, int nx, int ny, float cx, float cy, float r, float w) {
@@ -125,7 +126,7 @@ void hcuda_2d_local_ave_softR_mpad(float* d_out, const float* d_in, int nx, int 
 void hcuda_2d_local_sigma_softR_mpad(float* d_out, const float* d_in, int nx, int ny, float r, float w) {
   if (nx <= 0 || ny <= 0) return;
   const unsigned long n = (unsigned long)nx * ny;
-  DeviceArray<float> t(n);
+  PooledArray<float> t(n);
   hcuda_2d_bg_mpad(t.get(), d_in, nx, ny, r, w);
   hcuda_sqr_inplace(t.get(), n);
   hcuda_sqr(d_out, d_in, n);

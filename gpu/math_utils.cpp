@@ -7,6 +7,7 @@
 
 #include "gpu/device.h"
 #include "gpu/launch.h"
+#include "gpu/pool.h"
 
 // ---- element-wise ----
 void hcuda_sub(float* d_out, const float* d_in, unsigned long n, float a) {
@@ -72,17 +73,17 @@ void hcuda_data_submean_sqr_withmask(float* d_out, const float* d_in, const floa
 
 void hcuda_invert_inplace(float* d_p, unsigned long n) { hcuda_multi(d_p, d_p, n, -1.0f); }
 
-// ---- reductions: each one builds its own temporary and runs its own passes ----
+// ---- reductions: each one takes its own pooled temporary and runs its own passes ----
 float hcuda_fast_mean(const float* d_p, unsigned long n) { return hcuda_fast_sum(d_p, n) / (float)n; }
 
 float hcuda_fast_sumsqr(const float* d_p, unsigned long n) {
-  DeviceArray<float> t(n);
+  PooledArray<float> t(n);
   hcuda_sqr(t.get(), d_p, n);
   return hcuda_fast_sum_inplace(t.get(), n);
 }
 
 float hcuda_fast_sum_withmask(const float* d_p, const float* d_w, unsigned long n) {
-  DeviceArray<float> t(n);
+  PooledArray<float> t(n);
   hcuda_apply_mask(t.get(), d_p, d_w, n);
   return hcuda_fast_sum_inplace(t.get(), n);
 }
@@ -93,14 +94,14 @@ float hcuda_mean_withmask(const float* d_p, const float* d_w, unsigned long n) {
 }
 
 float hcuda_fast_sumsqr_withmask(const float* d_p, const float* d_w, unsigned long n) {
-  DeviceArray<float> t(n);
+  PooledArray<float> t(n);
   hcuda_sqr_withmask(t.get(), d_p, d_w, n);
   return hcuda_fast_sum_inplace(t.get(), n);
 }
 
 float hcuda_fast_submean_sumsqr_withmask(const float* d_p, const float* d_w, unsigned long n) {
   const float m = hcuda_mean_withmask(d_p, d_w, n);
-  DeviceArray<float> t(n);
+  PooledArray<float> t(n);
   hcuda_data_submean_sqr_withmask(t.get(), d_p, d_w, n, m);
   return hcuda_fast_sum_inplace(t.get(), n);
 }
