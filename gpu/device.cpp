@@ -166,6 +166,31 @@ void hcuda_free(void* p) {
   free(p);
 }
 
+bool gvex_host_alloc(void** p, unsigned long bytes, bool* pinned) {
+  *pinned = false;
+#if defined(GVEX_WITH_CUDA)
+  // Without page-locked memory left, plain memory still works, only slower.
+  if (g_on_gpu && gvex_cuda::host_alloc(p, bytes) == 0) {
+    memset(*p, 0, bytes);
+    *pinned = true;
+    return true;
+  }
+#endif
+  return host_alloc(p, bytes) == 0;
+}
+
+void gvex_host_free(void* p, bool pinned) {
+  if (!p) return;
+#if defined(GVEX_WITH_CUDA)
+  if (pinned) {
+    gvex_cuda::host_free(p);
+    return;
+  }
+#endif
+  (void)pinned;
+  free(p);
+}
+
 static int device_copy(void* dst, const void* src, unsigned long bytes, int kind) {
 #if defined(GVEX_WITH_CUDA)
   if (g_on_gpu) return gvex_cuda::copy(dst, src, bytes, kind);

@@ -79,9 +79,9 @@ void gvexmatch_prepare_run(GVexRun& run) {
                          p->center1_ratio, p->dont_invertT);
   destroy_template_data(stack);
 
-  run.h_raw.assign((size_t)run.nx * run.ny, 0.0f);
-  run.h_shrunk.assign(n2, 0.0f);
-  if (p->write_ccmax_mic) run.h_ccmax.assign(n2 * run.tnz, 0.0f);
+  run.h_raw.reset((unsigned long)run.nx * run.ny);
+  run.h_shrunk.reset(n2);
+  if (p->write_ccmax_mic) run.h_ccmax.reset(n2 * run.tnz);
   run.d_mic.reset(new DeviceArray<float>(n2, true));
   run.d_mask.reset(new DeviceArray<float>(n2, true));
   run.d_ccmax.reset(new DeviceArray<float>(n2, true));

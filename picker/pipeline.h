@@ -21,9 +21,10 @@ struct GVexRun {
   int tnx = 0, tny = 0, tnz = 0;  // template stack
   int store_sharers = 1;          // processes on this machine sharing its memory
 
-  std::vector<float> h_raw;     // nx * ny
-  std::vector<float> h_shrunk;  // ext * ext
-  std::vector<float> h_ccmax;   // ext * ext * tnz, only with write_ccmax_mic
+  // Host staging, page-locked on a GPU.
+  HostBuffer<float> h_raw;     // nx * ny
+  HostBuffer<float> h_shrunk;  // ext * ext
+  HostBuffer<float> h_ccmax;   // ext * ext * tnz, only with write_ccmax_mic
   std::unique_ptr<DeviceArray<float>> d_T, d_mic, d_mask, d_ccmax, d_psi;
   std::unique_ptr<DeviceArray<unsigned int>> d_grid;
   std::vector<PTCL_BOX> excluded;  // gx * gy records
