@@ -88,9 +88,21 @@ float hcuda_fast_sum_withmask(const float* d_p, const float* d_w, unsigned long 
   return hcuda_fast_sum_inplace(t.get(), n);
 }
 
+// The masked statistics all divide by the mask's sum W and centre on the
+// masked mean; these take them as given so that a caller needing both
+// computes each once.
+static float masked_mean(const float* d_p, const float* d_w, unsigned long n, float W) {
+  return hcuda_fast_sum_withmask(d_p, d_w, n) / W;
+}
+
+static float submean_sumsqr(const float* d_p, const float* d_w, unsigned long n, float m) {
+  PooledArray<float> t(n);
+  hcuda_data_submean_sqr_withmask(t.get(), d_p, d_w, n, m);
+  return hcuda_fast_sum_inplace(t.get(), n);
+}
+
 float hcuda_mean_withmask(const float* d_p, const float* d_w, unsigned long n) {
-  const float s = hcuda_fast_sum_withmask(d_p, d_w, n);
-  return s / hcuda_fast_sum(d_w, n);
+  return masked_mean(d_p, d_w, n, hcuda_fast_sum(d_w, n));
 }
 
 float hcuda_fast_sumsqr_withmask(const float* d_p, const float* d_w, unsigned long n) {
@@ -100,15 +112,12 @@ float hcuda_fast_sumsqr_withmask(const float* d_p, const float* d_w, unsigned lo
 }
 
 float hcuda_fast_submean_sumsqr_withmask(const float* d_p, const float* d_w, unsigned long n) {
-  const float m = hcuda_mean_withmask(d_p, d_w, n);
-  PooledArray<float> t(n);
-  hcuda_data_submean_sqr_withmask(t.get(), d_p, d_w, n, m);
-  return hcuda_fast_sum_inplace(t.get(), n);
+  return submean_sumsqr(d_p, d_w, n, hcuda_mean_withmask(d_p, d_w, n));
 }
 
 float hcuda_stdv_withmask(const float* d_p, const float* d_w, unsigned long n) {
-  const float ss = hcuda_fast_submean_sumsqr_withmask(d_p, d_w, n);
-  return sqrtf(ss / hcuda_fast_sum(d_w, n));
+  const float W = hcuda_fast_sum(d_w, n);
+  return sqrtf(submean_sumsqr(d_p, d_w, n, masked_mean(d_p, d_w, n, W)) / W);
 }
 
 // ---- normalisations ----
@@ -120,8 +129,9 @@ void hcuda_normz_inplace(float* d_p, unsigned long n, float scale, float offset)
 }
 
 void hcuda_norm_withmask_inplace(float* d_p, const float* d_w, unsigned long n, float scale, float offset) {
-  const float m = hcuda_mean_withmask(d_p, d_w, n);
-  const float s = hcuda_stdv_withmask(d_p, d_w, n);
+  const float W = hcuda_fast_sum(d_w, n);
+  const float m = masked_mean(d_p, d_w, n, W);
+  const float s = sqrtf(submean_sumsqr(d_p, d_w, n, m) / W);
   const float k = scale / s;
   float* p = d_p;
   launch_1d(GVEX_SITE, n, GVEX_LAMBDA(int i) { p[i] = fmaf(p[i] - m, k, offset); });
