@@ -115,7 +115,9 @@ void gvexmatch_pick_micrograph(GVexRun& run, const char* mic, FILE* nonunique, c
 
   OwnedFile owned_nonunique(nonunique);  // closed below, or by a failure unwinding
   printf("Normalizing the micrograph %s ...\n", mic);
-  cpu_2d_meanshrink_extended_even_square(run.h_shrunk.data(), run.h_raw.data(), run.nx, run.ny, p->shrink);
+  const bool shrunk = run.shrunk_ready;
+  run.shrunk_ready = false;
+  if (!shrunk) cpu_2d_meanshrink_extended_even_square(run.h_shrunk.data(), run.h_raw.data(), run.nx, run.ny, p->shrink);
   memcpy_H2D(d_mic, run.h_shrunk.data(), n2 * sizeof(float));
   if (p->do_pre_filter)  // low-pass at the shrunk image's Nyquist limit; pre_lp plays no part
     hcuda_2d_bandpass_softR_mpad_inplace(d_mic, ext, apix, 2.0f * p->apixM * p->shrink, p->pre_hp, 8.0f);
