@@ -23,6 +23,7 @@ void MicPrefetch::wait() {
 }
 
 void MicPrefetch::start(int index, const char* path) {
+  if (index == index_ && path_ == path) return;  // read or being read, not yet taken
   wait();
   index_ = index;
   ok_ = false;
@@ -67,12 +68,13 @@ void MicPrefetch::read_now() {
 }
 
 bool MicPrefetch::take(int index, FILE* fp, const MRC_HEAD& head, HostBuffer<float>& raw, HostBuffer<float>& shrunk) {
+  if (index_ != index) return false;  // another micrograph's read stays for its turn
   wait();
-  const bool ours = ok_ && index_ == index;
+  const bool ok = ok_;
   ok_ = false;
   index_ = -1;
   struct stat now;
-  if (!ours || fstat(fileno(fp), &now) != 0 || !same_file(now, st_) || memcmp(&head, &head_, sizeof head) != 0)
+  if (!ok || fstat(fileno(fp), &now) != 0 || !same_file(now, st_) || memcmp(&head, &head_, sizeof head) != 0)
     return false;
   if (raw.size() != raw_.size() || shrunk.size() != shrunk_.size()) return false;
   raw.swap(raw_);

@@ -23,10 +23,12 @@ class MicPrefetch {
   MicPrefetch& operator=(const MicPrefetch&) = delete;
 
   // Starts reading plane 0 of path as micrograph index, once any earlier
-  // read has ended. Without a thread to run it on, nothing is read.
+  // read has ended; nothing when that read was this one and is not yet
+  // taken. Without a thread to run it on, nothing is read.
   void start(int index, const char* path);
 
-  // Waits for the read in flight. True when it was micrograph index, it
+  // For micrograph index, waits for its read (another micrograph's read
+  // is left alone, for that one's turn). True when there was one, it
   // succeeded, and fp (open on that micrograph, its header in head) is still
   // the file that was read: same device, inode, size, modification and
   // change times, same header. raw and shrunk (nx*ny and ext*ext) then
