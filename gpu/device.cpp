@@ -166,6 +166,8 @@ void hcuda_free(void* p) {
   free(p);
 }
 
+// Staging memory is allocated here and released with free(), apart from
+// host_alloc, which serves the device arrays.
 bool gvex_host_alloc(void** p, unsigned long bytes, bool* pinned) {
   *pinned = false;
 #if defined(GVEX_WITH_CUDA)
@@ -176,7 +178,13 @@ bool gvex_host_alloc(void** p, unsigned long bytes, bool* pinned) {
     return true;
   }
 #endif
-  return host_alloc(p, bytes) == 0;
+  const unsigned long rounded = (bytes + 63) & ~63UL;
+  if (rounded < bytes || posix_memalign(p, 64, rounded ? rounded : 64) != 0) {
+    *p = nullptr;
+    return false;
+  }
+  memset(*p, 0, rounded ? rounded : 64);
+  return true;
 }
 
 void gvex_host_free(void* p, bool pinned) {
