@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "common/owned.h"
 #include "common/records.h"
 #include "gpu/resample.h"
 #include "io/mrcfile.h"
@@ -174,24 +175,20 @@ TEST(MrcRead, DifferentSizesPrintTheTableAndExit) {
 // missing files are left to the run's own read, silently.
 TEST(MrcRead, ReadAheadServesOnlyTheUnchangedFileItRead) {
   TempDir dir;
-  const MRC_HEAD ref = make_head(12, 10, 1, 1);
-  std::vector<int16_t> pix(120);
-  for (int i = 0; i < 120; i++) pix[i] = (int16_t)(i * 37 % 200 - 100);
+  const MRC_HEAD ref = make_head(12, 10, 1, 2);
   const std::string a = dir.file("a.mrc"), b = dir.file("b.mrc");
-  write_raw(a, ref, pix.data(), 240);
-  write_raw(dir.file("short.mrc"), ref, pix.data(), 100);
-  write_mode(dir.file("other.mrc"), 10, 12, 1, 1, pix);
+  write_mode(a, 12, 10, 1, 2, ramp(120, -3.0f));
+  write_mode(dir.file("short.mrc"), 12, 10, 1, 2, ramp(100, 0.0f));
+  write_mode(dir.file("other.mrc"), 10, 12, 1, 2, ramp(120, 0.0f));
   std::vector<float> raw = section(a, 0), shrunk(36);
   cpu_2d_meanshrink_extended_even_square(shrunk.data(), raw.data(), 12, 10, 2);
   MicPrefetch ahead(ref, 2, 6);
   HostBuffer<float> r(120), s(36);
   auto take = [&](int i) {
-    FILE* fp = fopen(a.c_str(), "r");
+    OwnedFile fp(fopen(a.c_str(), "r"));
     MRC_HEAD h;
-    mrc_read_head(fp, &h);
-    const bool ok = ahead.take(i, fp, h, r, s);
-    fclose(fp);
-    return ok;
+    mrc_read_head(fp.get(), &h);
+    return ahead.take(i, fp.get(), h, r, s);
   };
   const std::string said = captured([&] {
     ahead.start(0, a.c_str());
@@ -208,7 +205,7 @@ TEST(MrcRead, ReadAheadServesOnlyTheUnchangedFileItRead) {
     }
     ahead.start(4, a.c_str());
     ahead.wait();
-    write_raw(b, ref, pix.data(), 240);  // the same bytes in another file
+    write_mode(b, 12, 10, 1, 2, ramp(120, -3.0f));  // the same bytes in another file
     rename(b.c_str(), a.c_str());
     EXPECT_FALSE(take(4));
   });
