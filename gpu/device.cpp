@@ -16,6 +16,7 @@
 #include "common/errors.h"
 #include "gpu/device_cuda.h"
 #include "gpu/launch.h"
+#include "gpu/pool.h"
 
 // Module name in this unit's failure lines.
 static const char* const gvex_module = "cuda_general";
@@ -24,7 +25,10 @@ static bool g_on_gpu = false;
 
 bool gvex_on_gpu() { return g_on_gpu; }
 
-void gvex_device_use_host() { g_on_gpu = false; }
+void gvex_device_use_host() {
+  gvex_pool_clear();  // its blocks are freed by the back end that made them
+  g_on_gpu = false;
+}
 
 int gvex_host_threads() {
 #if defined(_OPENMP)
@@ -99,6 +103,7 @@ int check_and_set_gid(int& gid) {
 
 const char* gvex_device_activate(int gid) {
   static char line[512];
+  gvex_pool_clear();
 #if defined(GVEX_WITH_CUDA)
   int major = 0, minor = 0;
   if (gvex_cuda::device_count() > 0 && gvex_cuda::device_props(gid, major, minor)) {
@@ -181,7 +186,7 @@ static int host_alloc(void** p, unsigned long bytes) {
   return 0;
 }
 
-static int device_alloc(void** p, unsigned long bytes) {
+int gvex_device_alloc(void** p, unsigned long bytes) {
 #if defined(GVEX_WITH_CUDA)
   if (g_on_gpu) return gvex_cuda::malloc_bytes(p, bytes);
 #endif
@@ -189,12 +194,12 @@ static int device_alloc(void** p, unsigned long bytes) {
 }
 
 int safe_cudaMalloc(void** p, unsigned long bytes) {
-  if (device_alloc(p, bytes) != 0) GVEX_FAIL("Device memory allocation failed");
+  if (gvex_device_alloc(p, bytes) != 0) GVEX_FAIL("Device memory allocation failed");
   return 0;
 }
 
 int safe_cudaMalloc_empty(void** p, unsigned long bytes) {
-  if (device_alloc(p, bytes) != 0)
+  if (gvex_device_alloc(p, bytes) != 0)
     GVEX_FAIL("Device memory allocation failed");
   hcuda_empty(*p, bytes);
   return 0;
@@ -209,6 +214,39 @@ void hcuda_free(void* p) {
   }
 #endif
   if (!unmap_huge(p)) free(p);
+}
+
+// Staging memory is allocated here and released with free(), apart from
+// host_alloc, which serves the device arrays.
+bool gvex_host_alloc(void** p, unsigned long bytes, bool* pinned) {
+  *pinned = false;
+#if defined(GVEX_WITH_CUDA)
+  // Without page-locked memory left, plain memory still works, only slower.
+  if (g_on_gpu && gvex_cuda::host_alloc(p, bytes) == 0) {
+    memset(*p, 0, bytes);
+    *pinned = true;
+    return true;
+  }
+#endif
+  const unsigned long rounded = (bytes + 63) & ~63UL;
+  if (rounded < bytes || posix_memalign(p, 64, rounded ? rounded : 64) != 0) {
+    *p = nullptr;
+    return false;
+  }
+  memset(*p, 0, rounded ? rounded : 64);
+  return true;
+}
+
+void gvex_host_free(void* p, bool pinned) {
+  if (!p) return;
+#if defined(GVEX_WITH_CUDA)
+  if (pinned) {
+    gvex_cuda::host_free(p);
+    return;
+  }
+#endif
+  (void)pinned;
+  free(p);
 }
 
 static int device_copy(void* dst, const void* src, unsigned long bytes, int kind) {

@@ -46,6 +46,19 @@ void free_bytes(void* p) {
   if (p) cudaFree(p);
 }
 
+int host_alloc(void** p, unsigned long bytes) {
+  cudaError_t e = cudaMallocHost(p, bytes ? bytes : 1);
+  if (e != cudaSuccess) {
+    cudaGetLastError();
+    *p = nullptr;
+  }
+  return (int)e;
+}
+
+void host_free(void* p) {
+  if (p) cudaFreeHost(p);
+}
+
 int copy(void* dst, const void* src, unsigned long bytes, int kind) {
   cudaMemcpyKind k = kind == 1 ? cudaMemcpyHostToDevice
                      : kind == 2 ? cudaMemcpyDeviceToHost

@@ -3,6 +3,8 @@
 // answers, otherwise the host, where "device" arrays are host memory. Both
 // are synchronous and end the process on failure with the same messages.
 #pragma once
+#include <new>
+#include <utility>
 
 // ---- device choice ----
 // Keep a requested id whose properties can be read, else pick the lowest id
@@ -31,7 +33,8 @@ bool gvex_on_gpu();
 
 // Back to the host back end (the conformance test runs each operation on
 // both back ends in one process). Arrays must be freed on the back end that
-// made them, and plan caches cleared, before switching.
+// made them, and plan caches cleared, before switching; the block pool
+// (gpu/pool.h) is cleared here and on activation.
 void gvex_device_use_host();
 
 // Number of host threads used by the host back end's loops.
@@ -40,7 +43,16 @@ int gvex_host_threads();
 // ---- memory ----
 int safe_cudaMalloc(void** p, unsigned long bytes);
 int safe_cudaMalloc_empty(void** p, unsigned long bytes);
+// The allocation itself, without the failure: the platform's code, 0 on success.
+int gvex_device_alloc(void** p, unsigned long bytes);
 void hcuda_free(void* p);                             // release a device array (null is fine)
+
+// Host staging memory for uploads and downloads, zero-filled: page-locked
+// when the CUDA back end is active (its copies then skip the driver's
+// bounce buffer), else plain 64-byte aligned memory. pinned says which, for
+// the matching free. Returns false when no memory could be had.
+bool gvex_host_alloc(void** p, unsigned long bytes, bool* pinned);
+void gvex_host_free(void* p, bool pinned);
 
 // Synchronous copies; the platform's error code is returned unchecked.
 int memcpy_H2D(void* dst, const void* src, unsigned long bytes);
@@ -83,4 +95,43 @@ class DeviceArray {
  private:
   T* d_ = nullptr;
   unsigned long n_ = 0;
+};
+
+// Owns one host staging array (see gvex_host_alloc); movable, not copyable.
+template <class T>
+class HostBuffer {
+ public:
+  HostBuffer() = default;
+  explicit HostBuffer(unsigned long n) { reset(n); }
+  ~HostBuffer() { gvex_host_free(p_, pinned_); }
+  HostBuffer(HostBuffer&& o) noexcept { swap(o); }
+  HostBuffer& operator=(HostBuffer&& o) noexcept {
+    swap(o);
+    return *this;
+  }
+  HostBuffer(const HostBuffer&) = delete;
+  HostBuffer& operator=(const HostBuffer&) = delete;
+
+  // n zeros in place of the old contents.
+  void reset(unsigned long n) {
+    HostBuffer fresh;
+    void* p = nullptr;
+    if (n > ~0UL / sizeof(T) || !gvex_host_alloc(&p, n * sizeof(T), &fresh.pinned_)) throw std::bad_alloc();
+    fresh.p_ = static_cast<T*>(p);
+    fresh.n_ = n;
+    swap(fresh);
+  }
+  void swap(HostBuffer& o) noexcept {
+    std::swap(p_, o.p_);
+    std::swap(n_, o.n_);
+    std::swap(pinned_, o.pinned_);
+  }
+  T* data() const { return p_; }
+  unsigned long size() const { return n_; }
+  bool pinned() const { return pinned_; }
+
+ private:
+  T* p_ = nullptr;
+  unsigned long n_ = 0;
+  bool pinned_ = false;
 };

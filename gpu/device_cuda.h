@@ -23,6 +23,8 @@ void set_device(int id);
 const char* device_name(int id);
 int malloc_bytes(void** p, unsigned long bytes);  // platform error code
 void free_bytes(void* p);
+int host_alloc(void** p, unsigned long bytes);  // page-locked; platform error code
+void host_free(void* p);
 int copy(void* dst, const void* src, unsigned long bytes, int kind);  // 1 H2D, 2 D2H, 3 D2D
 int mem_info(unsigned long& free_b, unsigned long& total_b, const char** err);
 const char* sync_error();  // null when the device is fine

@@ -13,6 +13,7 @@
 #include "gpu/img_filter.h"
 #include "gpu/launch.h"
 #include "gpu/math_utils.h"
+#include "gpu/pool.h"
 #include "gpu/reduce.h"
 
 void hcuda_2d_generate_rmask_soft(float* d_mask, int nx, int ny, float cx, float cy, float r, float w) {
@@ -95,43 +96,93 @@ void gvex_local_stats_cache_clear() {
 
 // ---- local statistics ----
 
-void hcuda_2d_bg_mpad(float* d_out, const float* d_in, int nx, int ny, float r, float w) {
-  if (nx <= 0 || ny <= 0) return;
-  const int NX = 2 * nx, NY = 2 * ny, NXH = NX / 2 + 1;
-  const unsigned long N = (unsigned long)NX * NY;
-  // The disc first: on a cache miss it borrows the plan's real scratch.
+namespace {
+// What a local mean needs of a cached disc; copied out because the next
+// cache lookup may reorder the slots.
+struct Disc {
+  const float2* spectrum;
+  float sum;
+};
+Disc disc(int NX, int NY, float r, float w) {
   const MaskSpectrum& m = mask_spectrum(NX, NY, r, w);
-  const float M = m.sum;
-  FftPlan2d& plan = gvex_fft_plan(NX, NY);
+  return {m.spectrum->get(), m.sum};
+}
+}  // namespace
+
+// Forward transform of the mirror-padded image into A, through the plan's
+// real scratch.
+static void padded_spectrum(FftPlan2d& plan, const float* d_in, int nx, int ny, float2* A) {
   float* pad = plan.work_real();
-  float2* A = plan.work_complex();
   hcuda_2d_mirror_pad(pad, d_in, nx, ny);
   plan.r2c(pad, A);
-  hcuda_c2d_multconj_norm_inplace(A, m.spectrum->get(), NXH, NY, (float)N);
-  plan.c2r(A, pad);
-  // Centre swap, division by M and the top-left quarter in one pass: pixel
-  // (x, y) of the swapped map is (x + NX/2, y + NY/2) of the unswapped one
-  // (NX and NY are even), so this is exactly swap, divide, cut.
+}
+
+// From the product spectrum P (destroyed) to the local mean: inverse
+// transform, then centre swap, division by the disc's sum and the top-left
+// quarter in one pass: pixel (x, y) of the swapped map is (x + NX/2,
+// y + NY/2) of the unswapped one (NX and NY are even), so this is exactly
+// swap, divide, cut.
+static void local_mean_from_product(FftPlan2d& plan, float2* P, float M, float* d_out, int nx, int ny) {
+  const int NX = 2 * nx, NY = 2 * ny;
+  float* pad = plan.work_real();
+  plan.c2r(P, pad);
   const float* d_cc = pad;
   launch_2d(GVEX_SITE, nx, ny, GVEX_LAMBDA(int x, int y) {
     d_out[y * nx + x] = d_cc[((y + NY / 2) % NY) * NX + (x + NX / 2) % NX] / M;
   });
 }
 
+void hcuda_2d_bg_mpad(float* d_out, const float* d_in, int nx, int ny, float r, float w) {
+  if (nx <= 0 || ny <= 0) return;
+  const int NX = 2 * nx, NY = 2 * ny;
+  // The disc first: on a cache miss it borrows the plan's real scratch.
+  const Disc d = disc(NX, NY, r, w);
+  FftPlan2d& plan = gvex_fft_plan(NX, NY);
+  float2* A = plan.work_complex();
+  padded_spectrum(plan, d_in, nx, ny, A);
+  hcuda_c2d_multconj_norm_inplace(A, d.spectrum, NX / 2 + 1, NY, (float)((unsigned long)NX * NY));
+  local_mean_from_product(plan, A, d.sum, d_out, nx, ny);
+}
+
 void hcuda_2d_local_ave_softR_mpad(float* d_out, const float* d_in, int nx, int ny, float r, float w) {
   hcuda_2d_bg_mpad(d_out, d_in, nx, ny, r, w);
 }
 
-void hcuda_2d_local_sigma_softR_mpad(float* d_out, const float* d_in, int nx, int ny, float r, float w) {
-  if (nx <= 0 || ny <= 0) return;
+// sigma = sqrt(mean(in^2) - mean^2), with mean(in) already in d_mean (overwritten).
+static void local_sigma_from_mean(float* d_out, float* d_mean, const float* d_in, int nx, int ny, float r, float w) {
   const unsigned long n = (unsigned long)nx * ny;
-  DeviceArray<float> t(n);
-  hcuda_2d_bg_mpad(t.get(), d_in, nx, ny, r, w);
-  hcuda_sqr_inplace(t.get(), n);
+  hcuda_sqr_inplace(d_mean, n);
   hcuda_sqr(d_out, d_in, n);
   hcuda_2d_bg_mpad(d_out, d_out, nx, ny, r, w);
-  hcuda_x1d_sub_inplace(d_out, t.get(), n);
+  hcuda_x1d_sub_inplace(d_out, d_mean, n);
   hcuda_sqrtf_inplace(d_out, n);
+}
+
+void hcuda_2d_local_sigma_softR_mpad(float* d_out, const float* d_in, int nx, int ny, float r, float w) {
+  if (nx <= 0 || ny <= 0) return;
+  PooledArray<float> t((unsigned long)nx * ny);
+  hcuda_2d_bg_mpad(t.get(), d_in, nx, ny, r, w);
+  local_sigma_from_mean(d_out, t.get(), d_in, nx, ny, r, w);
+}
+
+void hcuda_2d_local_ave_sigma_softR_mpad(float* d_ave, float* d_sigma, const float* d_in, int nx, int ny,
+                                         float r_ave, float r_sigma, float w) {
+  if (nx <= 0 || ny <= 0) return;
+  const int NX = 2 * nx, NY = 2 * ny, NXH = NX / 2 + 1;
+  const Disc sd = disc(NX, NY, r_sigma, w);
+  const Disc ad = disc(NX, NY, r_ave, w);
+  FftPlan2d& plan = gvex_fft_plan(NX, NY);
+  // The padded image's spectrum serves both windows; each product goes
+  // to the plan's complex scratch, which the inverse transform destroys.
+  PooledArray<float2> A((unsigned long)NXH * NY);
+  padded_spectrum(plan, d_in, nx, ny, A.get());
+  float2* P = plan.work_complex();
+  PooledArray<float> mean((unsigned long)nx * ny);
+  hcuda_c2d_multconj_norm(A.get(), sd.spectrum, P, NXH, NY, (float)((unsigned long)NX * NY));
+  local_mean_from_product(plan, P, sd.sum, mean.get(), nx, ny);
+  local_sigma_from_mean(d_sigma, mean.get(), d_in, nx, ny, r_sigma, w);
+  hcuda_c2d_multconj_norm(A.get(), ad.spectrum, P, NXH, NY, (float)((unsigned long)NX * NY));
+  local_mean_from_product(plan, P, ad.sum, d_ave, nx, ny);
 }
 
 void cpu_2d_normz_withRmask_applymask_inplace(float* p, int nx, int ny, float cx, float cy, float r, float w) {

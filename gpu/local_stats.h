@@ -21,6 +21,10 @@ void hcuda_2d_local_ave_softR_mpad(float* d_out, const float* d_in, int nx, int 
 // sqrt(local mean of in^2 - (local mean of in)^2), unclamped: rounding may
 // make it NaN where the deviation is (nearly) zero.
 void hcuda_2d_local_sigma_softR_mpad(float* d_out, const float* d_in, int nx, int ny, float r, float w);
+// Both of the above, the same bits, from one transform of the padded image.
+// d_ave and d_sigma must differ; either may be d_in.
+void hcuda_2d_local_ave_sigma_softR_mpad(float* d_ave, float* d_sigma, const float* d_in, int nx, int ny,
+                                         float r_ave, float r_sigma, float w);
 
 // Host: normalise p to zero mean and unit deviation under the host soft
 // disc (double arithmetic), then multiply it by the disc. An empty disc

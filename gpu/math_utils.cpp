@@ -7,6 +7,7 @@
 
 #include "gpu/device.h"
 #include "gpu/launch.h"
+#include "gpu/pool.h"
 
 // ---- element-wise ----
 void hcuda_sub(float* d_out, const float* d_in, unsigned long n, float a) {
@@ -72,42 +73,51 @@ void hcuda_data_submean_sqr_withmask(float* d_out, const float* d_in, const floa
 
 void hcuda_invert_inplace(float* d_p, unsigned long n) { hcuda_multi(d_p, d_p, n, -1.0f); }
 
-// ---- reductions: each one builds its own temporary and runs its own passes ----
+// ---- reductions: each one takes its own pooled temporary and runs its own passes ----
 float hcuda_fast_mean(const float* d_p, unsigned long n) { return hcuda_fast_sum(d_p, n) / (float)n; }
 
 float hcuda_fast_sumsqr(const float* d_p, unsigned long n) {
-  DeviceArray<float> t(n);
+  PooledArray<float> t(n);
   hcuda_sqr(t.get(), d_p, n);
   return hcuda_fast_sum_inplace(t.get(), n);
 }
 
 float hcuda_fast_sum_withmask(const float* d_p, const float* d_w, unsigned long n) {
-  DeviceArray<float> t(n);
+  PooledArray<float> t(n);
   hcuda_apply_mask(t.get(), d_p, d_w, n);
   return hcuda_fast_sum_inplace(t.get(), n);
 }
 
+// The masked statistics all divide by the mask's sum W and centre on the
+// masked mean; these take them as given so that a caller needing both
+// computes each once.
+static float masked_mean(const float* d_p, const float* d_w, unsigned long n, float W) {
+  return hcuda_fast_sum_withmask(d_p, d_w, n) / W;
+}
+
+static float submean_sumsqr(const float* d_p, const float* d_w, unsigned long n, float m) {
+  PooledArray<float> t(n);
+  hcuda_data_submean_sqr_withmask(t.get(), d_p, d_w, n, m);
+  return hcuda_fast_sum_inplace(t.get(), n);
+}
+
 float hcuda_mean_withmask(const float* d_p, const float* d_w, unsigned long n) {
-  const float s = hcuda_fast_sum_withmask(d_p, d_w, n);
-  return s / hcuda_fast_sum(d_w, n);
+  return masked_mean(d_p, d_w, n, hcuda_fast_sum(d_w, n));
 }
 
 float hcuda_fast_sumsqr_withmask(const float* d_p, const float* d_w, unsigned long n) {
-  DeviceArray<float> t(n);
+  PooledArray<float> t(n);
   hcuda_sqr_withmask(t.get(), d_p, d_w, n);
   return hcuda_fast_sum_inplace(t.get(), n);
 }
 
 float hcuda_fast_submean_sumsqr_withmask(const float* d_p, const float* d_w, unsigned long n) {
-  const float m = hcuda_mean_withmask(d_p, d_w, n);
-  DeviceArray<float> t(n);
-  hcuda_data_submean_sqr_withmask(t.get(), d_p, d_w, n, m);
-  return hcuda_fast_sum_inplace(t.get(), n);
+  return submean_sumsqr(d_p, d_w, n, hcuda_mean_withmask(d_p, d_w, n));
 }
 
 float hcuda_stdv_withmask(const float* d_p, const float* d_w, unsigned long n) {
-  const float ss = hcuda_fast_submean_sumsqr_withmask(d_p, d_w, n);
-  return sqrtf(ss / hcuda_fast_sum(d_w, n));
+  const float W = hcuda_fast_sum(d_w, n);
+  return sqrtf(submean_sumsqr(d_p, d_w, n, masked_mean(d_p, d_w, n, W)) / W);
 }
 
 // ---- normalisations ----
@@ -119,8 +129,9 @@ void hcuda_normz_inplace(float* d_p, unsigned long n, float scale, float offset)
 }
 
 void hcuda_norm_withmask_inplace(float* d_p, const float* d_w, unsigned long n, float scale, float offset) {
-  const float m = hcuda_mean_withmask(d_p, d_w, n);
-  const float s = hcuda_stdv_withmask(d_p, d_w, n);
+  const float W = hcuda_fast_sum(d_w, n);
+  const float m = masked_mean(d_p, d_w, n, W);
+  const float s = sqrtf(submean_sumsqr(d_p, d_w, n, m) / W);
   const float k = scale / s;
   float* p = d_p;
   launch_1d(GVEX_SITE, n, GVEX_LAMBDA(int i) { p[i] = fmaf(p[i] - m, k, offset); });

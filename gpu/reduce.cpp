@@ -6,6 +6,7 @@
 #include "gpu/device.h"
 #include "gpu/device_cuda.h"
 #include "gpu/launch.h"
+#include "gpu/pool.h"
 
 
 static void host_reduce_pass(const float* in, float* out, unsigned long n) {
@@ -36,7 +37,7 @@ void gvex_reduce_pass(const float* d_in, float* d_out, unsigned long n) {
 static float tree_sum(const float* d_p, unsigned long n) {
   if (n == 0) return 0.0f;
   unsigned long m = gvex_blocks_1d(n);
-  DeviceArray<float> a(m), b(m > 1 ? gvex_blocks_1d(m) : 1);
+  PooledArray<float> a(m), b(m > 1 ? gvex_blocks_1d(m) : 1);
   float* src = a.get();
   float* dst = b.get();
   gvex_reduce_pass(d_p, src, n);

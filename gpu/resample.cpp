@@ -8,6 +8,7 @@
 #include "common/errors.h"
 #include "gpu/device.h"
 #include "gpu/launch.h"
+#include "gpu/pool.h"
 
 static const char* const gvex_module = "process2d_raw";
 
@@ -143,7 +144,7 @@ void gpu_2ds_scale(float* out, const float* in, int nx, int ny, int nz, float fa
   const int nxo = hd_scaled_size(nx, factor), nyo = hd_scaled_size(ny, factor);
   if (nx <= 0 || ny <= 0 || nxo <= 0 || nyo <= 0 || nz <= 0) return;
   const long in_size = (long)nx * ny, out_size = (long)nxo * nyo;
-  DeviceArray<float> d_in(in_size), d_out(out_size);
+  PooledArray<float> d_in(in_size), d_out(out_size);
   for (int k = 0; k < nz; k++) {
     const int rc = memcpy_H2D(d_in.get(), in + k * in_size, in_size * sizeof(float));
     if (rc != 0) gvex_device_error(copy_error_text(rc), __LINE__, __FILE__);

@@ -11,6 +11,7 @@
 #include "gpu/device.h"
 #include "gpu/launch.h"
 #include "gpu/local_stats.h"
+#include "gpu/pool.h"
 #include "io/boxfile.h"
 #include "io/mrcfile.h"
 #include "match/peaks.h"
@@ -50,9 +51,8 @@ int hcuda_2d_ice_detect(const float* mic, int nx, int ny, int2 origin, unsigned 
   const int gnx = gvex_grid_size(nx, c), gny = gvex_grid_size(ny, c);
   const unsigned long n = (unsigned long)nx * ny, ng = (unsigned long)gnx * gny;
 
-  DeviceArray<float> lsigma(n), lave(n), cell_ave(ng), cell_sigma(ng);
-  hcuda_2d_local_sigma_softR_mpad(lsigma.get(), mic, nx, ny, s.lsigma_r, s.edge);
-  hcuda_2d_local_ave_softR_mpad(lave.get(), mic, nx, ny, s.lave_r, s.edge);
+  PooledArray<float> lsigma(n), lave(n), cell_ave(ng), cell_sigma(ng);
+  hcuda_2d_local_ave_sigma_softR_mpad(lave.get(), lsigma.get(), mic, nx, ny, s.lave_r, s.lsigma_r, s.edge);
   hcuda_find_sigma_grids(lave.get(), lsigma.get(), grid, cell_ave.get(), cell_sigma.get(), nx, ny, c, s.lave_min,
                          s.lave_max, s.lsigma_cutoff);
 

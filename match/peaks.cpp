@@ -7,6 +7,7 @@
 #include "common/errors.h"
 #include "gpu/device.h"
 #include "gpu/launch.h"
+#include "gpu/pool.h"
 
 // Module name in this unit's failure lines.
 static const char* const gvex_module = "peaks";
@@ -22,8 +23,10 @@ void gpu_find_filter_ccmax_psi_grids_exclusive(float* ccmax, float* psi, unsigne
   }
   const int gnx = gvex_grid_size(nx, c), gny = gvex_grid_size(ny, c);
   const unsigned long ng = (unsigned long)gnx * gny;
-  DeviceArray<unsigned int> found(ng), index(ng);
-  DeviceArray<float> score(ng), angle(ng, true);
+  PooledArray<unsigned int> found(ng), index(ng);
+  // A cell whose best pixel is its first keeps angle 0: the find step does
+  // not write it.
+  PooledArray<float> score(ng), angle(ng, true);
   unsigned int* d_found = found.get();
   unsigned int* d_index = index.get();
   float* d_score = score.get();
@@ -42,7 +45,7 @@ void gpu_find_filter_ccmax_psi_grids_exclusive(float* ccmax, float* psi, unsigne
   for (unsigned long b = 0; b <= ng; b++) start[b + 1] += start[b];
   std::vector<unsigned int> fill(start.begin(), start.end() - 1);
   for (unsigned int e : ex) items[fill[bucket(e)]++] = e;
-  DeviceArray<unsigned int> ex_start(ng + 2), ex_items(n_excluded ? n_excluded : 1);
+  PooledArray<unsigned int> ex_start(ng + 2), ex_items(n_excluded ? n_excluded : 1);
   memcpy_H2D(ex_start.get(), start.data(), (ng + 2) * sizeof(unsigned int));
   if (n_excluded) memcpy_H2D(ex_items.get(), items.data(), n_excluded * sizeof(unsigned int));
   const unsigned int* d_start = ex_start.get();

@@ -80,9 +80,9 @@ void gvexmatch_prepare_run(GVexRun& run) {
                          p->center1_ratio, p->dont_invertT);
   owned_stack.reset();
 
-  run.h_raw.assign((size_t)run.nx * run.ny, 0.0f);
-  run.h_shrunk.assign(n2, 0.0f);
-  if (p->write_ccmax_mic) run.h_ccmax.assign(n2 * run.tnz, 0.0f);
+  run.h_raw.reset((unsigned long)run.nx * run.ny);
+  run.h_shrunk.reset(n2);
+  if (p->write_ccmax_mic) run.h_ccmax.reset(n2 * run.tnz);
   run.d_mic.reset(new DeviceArray<float>(n2, true));
   run.d_mask.reset(new DeviceArray<float>(n2, true));
   run.d_ccmax.reset(new DeviceArray<float>(n2, true));
@@ -116,7 +116,9 @@ void gvexmatch_pick_micrograph(GVexRun& run, const char* mic, FILE* nonunique, c
 
   OwnedFile owned_nonunique(nonunique);  // closed below, or by a failure unwinding
   printf("Normalizing the micrograph %s ...\n", mic);
-  cpu_2d_meanshrink_extended_even_square(run.h_shrunk.data(), run.h_raw.data(), run.nx, run.ny, p->shrink);
+  const bool shrunk = run.shrunk_ready;
+  run.shrunk_ready = false;
+  if (!shrunk) cpu_2d_meanshrink_extended_even_square(run.h_shrunk.data(), run.h_raw.data(), run.nx, run.ny, p->shrink);
   memcpy_H2D(d_mic, run.h_shrunk.data(), n2 * sizeof(float));
   if (p->do_pre_filter)  // low-pass at the shrunk image's Nyquist limit; pre_lp plays no part
     hcuda_2d_bandpass_softR_mpad_inplace(d_mic, ext, apix, 2.0f * p->apixM * p->shrink, p->pre_hp, 8.0f);

@@ -21,9 +21,11 @@ struct GVexRun {
   int tnx = 0, tny = 0, tnz = 0;  // template stack
   int store_sharers = 1;          // processes on this machine sharing its memory
 
-  std::vector<float> h_raw;     // nx * ny
-  std::vector<float> h_shrunk;  // ext * ext
-  std::vector<float> h_ccmax;   // ext * ext * tnz, only with write_ccmax_mic
+  // Host staging, page-locked on a GPU.
+  HostBuffer<float> h_raw;     // nx * ny
+  HostBuffer<float> h_shrunk;  // ext * ext
+  HostBuffer<float> h_ccmax;   // ext * ext * tnz, only with write_ccmax_mic
+  bool shrunk_ready = false;    // h_shrunk already holds h_raw shrunk (read ahead)
   std::unique_ptr<DeviceArray<float>> d_T, d_mic, d_mask, d_ccmax, d_psi;
   std::unique_ptr<DeviceArray<unsigned int>> d_grid;
   std::vector<PTCL_BOX> excluded;  // gx * gy records
@@ -40,8 +42,9 @@ void gvexmatch_working_sizes(GVexRun& run, int nx, int ny);
 // device) and every per-run buffer.
 void gvexmatch_prepare_run(GVexRun& run);
 
-// Normalisation and picking of one micrograph whose pixels are in h_raw:
-// every stage from the shrink to "File %s finished.". nonunique is the open
+// Normalisation and picking of one micrograph whose pixels are in h_raw
+// (and in h_shrunk too when shrunk_ready, which it clears): every stage from
+// the shrink to "File %s finished.". nonunique is the open
 // "_nonunique.box" file, closed here; excluded_name is the per-micrograph
 // exclusion file or "NULL".
 void gvexmatch_pick_micrograph(GVexRun& run, const char* mic, FILE* nonunique, const char* nonunique_name,

@@ -17,6 +17,7 @@
 #include "picker/help.h"
 #include "picker/params.h"
 #include "picker/pipeline.h"
+#include "picker/prefetch.h"
 #include "picker/timer.h"
 
 // Module name in this unit's failure lines.
@@ -73,7 +74,27 @@ MRC_HEAD* gvexmatch_reference(GVexMatch_Para* p, const char* prog) {
   return ref.release();
 }
 
-bool gvexmatch_process_one(GVexRun& run, const MRC_HEAD& ref, int i) {
+// Whether --do_unfinished will skip micrograph i, as far as can be told now
+// (a name too long to derive is its own turn's failure).
+static bool looks_finished(const GVexMatch_Para* p, int i) {
+  if (!p->do_unfinished) return false;
+  char box_name[GVEX_NAME_LEN], star_name[GVEX_NAME_LEN];
+  try {
+    set_outname_by_suffix(box_name, p->mic_files[i], "_vexmatch.box");
+    set_outname_by_suffix(star_name, p->mic_files[i], "_vexmatch.star");
+  } catch (const GvexFailure&) {
+    return false;
+  }
+  return is_file_vexmatch_done(box_name, star_name);
+}
+
+// Starts reading the first micrograph from i on that will not be skipped.
+static void read_ahead(MicPrefetch& ahead, const GVexMatch_Para* p, int i) {
+  while (i < p->n_mic && looks_finished(p, i)) i++;
+  if (i < p->n_mic) ahead.start(i, p->mic_files[i]);
+}
+
+bool gvexmatch_process_one(GVexRun& run, const MRC_HEAD& ref, int i, MicPrefetch* ahead) {
   GVexMatch_Para* p = run.p;
   const char* mic = p->mic_files[i];
   gvex_timer_push();
@@ -106,8 +127,10 @@ bool gvexmatch_process_one(GVexRun& run, const MRC_HEAD& ref, int i) {
   mrc_read_head(fmic.get(), &head);
   check_mrc_head_sizes_two(mic, p->first_mic, &head, &ref);
   printf("Reading File %s ...\n", mic);
-  mrc_read_slice(fmic.get(), &head, 0, 'z', run.h_raw.data());
+  run.shrunk_ready = ahead && ahead->take(i, fmic.get(), head, run.h_raw, run.h_shrunk);
+  if (!run.shrunk_ready) mrc_read_slice(fmic.get(), &head, 0, 'z', run.h_raw.data());
   fmic.reset();
+  if (ahead) read_ahead(*ahead, p, i + 1);
 
   if (!is_str_null(excluded) && file_readable(excluded)) {
     run.n_excluded = read_all_ptcl_boxes(run.excluded.data(), (int)run.excluded.size(), excluded);
@@ -127,9 +150,12 @@ int gvexmatch_run(GVexMatch_Para* p, const char* prog) {
   GVexRun run;
   run.p = p;
   gvexmatch_working_sizes(run, ref->nx, ref->ny);
+  // Its thread ends with the scope, on every way out of the run.
+  MicPrefetch ahead(*ref, p->shrink, run.ext);
+  read_ahead(ahead, p, 0);  // the first micrograph, while the templates are prepared
   gvexmatch_prepare_run(run);
   gvex_timer_pop("PREPARATION");
-  for (int i = 0; i < p->n_mic; i++) gvexmatch_process_one(run, *ref, i);
+  for (int i = 0; i < p->n_mic; i++) gvexmatch_process_one(run, *ref, i, &ahead);
   return 0;
 }
 

@@ -4,6 +4,7 @@
 struct GVexMatch_Para;
 struct GVexRun;
 struct MRC_HEAD;
+class MicPrefetch;
 
 // The whole program: options, run, summary. Failures are thrown to the
 // caller (main prints them and exits with their status).
@@ -18,8 +19,10 @@ bool is_file_vexmatch_done(const char* box_name, const char* star_name);
 MRC_HEAD* gvexmatch_reference(GVexMatch_Para* p, const char* prog);
 
 // Micrograph i of the list, start to "File %s finished.", or the skip line
-// of --do_unfinished (then false). A failure is thrown to the caller.
-bool gvexmatch_process_one(GVexRun& run, const MRC_HEAD& ref, int i);
+// of --do_unfinished (then false). A failure is thrown to the caller. With
+// ahead, the pixels come from its read when it has micrograph i, and the
+// next micrograph to be picked is read on its thread meanwhile.
+bool gvexmatch_process_one(GVexRun& run, const MRC_HEAD& ref, int i, MicPrefetch* ahead = nullptr);
 
 // Finds the reference micrograph, prepares templates and buffers, and picks
 // every micrograph in command-line order. prog names the program for the

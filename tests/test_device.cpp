@@ -8,6 +8,7 @@
 
 #include "support/capture.h"
 #include "gpu/device.h"
+#include "gpu/pool.h"
 #include "gpu/reduce.h"
 #include "support/dev_vec.h"
 
@@ -100,6 +101,19 @@ TEST(Reduction, MatchesTheFixedTreeBitForBit) {
   Vec nan(2000, 1.0f);
   nan[1500] = NAN;
   EXPECT_TRUE(std::isnan(hcuda_fast_sum(DevVec(nan).get(), nan.size())));
+}
+
+TEST(BlockPool, HandsBackAFreedBlockOfTheSameSizeOnly) {
+  gvex_pool_clear();
+  const float* first = PooledArray<float>(1000).get();  // back in the pool at once
+  {
+    PooledArray<float> other(999), same(1000), more(1000);
+    EXPECT_EQ(same.get(), first);
+    EXPECT_NE(more.get(), first);
+  }
+  EXPECT_EQ(gvex_pool_idle_blocks(), 3u);
+  gvex_device_use_host();  // a back-end switch leaves no block of the old one behind
+  EXPECT_EQ(gvex_pool_idle_blocks(), 0u);
 }
 
 }  // namespace

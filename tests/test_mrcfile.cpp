@@ -10,8 +10,11 @@
 #include <string>
 #include <vector>
 
+#include "common/owned.h"
 #include "common/records.h"
+#include "gpu/resample.h"
 #include "io/mrcfile.h"
+#include "picker/prefetch.h"
 #include "support/capture.h"
 #include "support/run.h"
 
@@ -165,6 +168,48 @@ TEST(MrcRead, DifferentSizesPrintTheTableAndExit) {
             "      4096    3710    1       Unsigned Short      b.mrc\n"
             "      4096    4096    1       Float               a.mrc\n");
   EXPECT_EQ(capture_run([&] { check_mrc_head_sizes_two("a.mrc", "c.mrc", &a, &c); }).status, 1);  // mode only
+}
+
+// The picker's read-ahead hands over the pixels and working image of the
+// micrograph it read, once, and only while that file is unchanged; bad or
+// missing files are left to the run's own read, silently.
+TEST(MrcRead, ReadAheadServesOnlyTheUnchangedFileItRead) {
+  TempDir dir;
+  const MRC_HEAD ref = make_head(12, 10, 1, 2);
+  const std::string a = dir.file("a.mrc"), b = dir.file("b.mrc");
+  write_mode(a, 12, 10, 1, 2, ramp(120, -3.0f));
+  write_mode(dir.file("short.mrc"), 12, 10, 1, 2, ramp(100, 0.0f));
+  write_mode(dir.file("other.mrc"), 10, 12, 1, 2, ramp(120, 0.0f));
+  std::vector<float> raw = section(a, 0), shrunk(36);
+  cpu_2d_meanshrink_extended_even_square(shrunk.data(), raw.data(), 12, 10, 2);
+  MicPrefetch ahead(ref, 2, 6);
+  HostBuffer<float> r(120), s(36);
+  auto take = [&](int i) {
+    OwnedFile fp(fopen(a.c_str(), "r"));
+    MRC_HEAD h;
+    mrc_read_head(fp.get(), &h);
+    return ahead.take(i, fp.get(), h, r, s);
+  };
+  const std::string said = captured([&] {
+    ahead.start(0, a.c_str());
+    ASSERT_TRUE(take(0));
+    EXPECT_EQ(std::vector<float>(r.data(), r.data() + 120), raw);
+    EXPECT_EQ(std::vector<float>(s.data(), s.data() + 36), shrunk);
+    EXPECT_FALSE(take(0));  // once
+    ahead.start(1, a.c_str());
+    EXPECT_FALSE(take(2));  // another micrograph's read, kept for its turn
+    EXPECT_TRUE(take(1));
+    for (const char* bad : {"none.mrc", "short.mrc", "other.mrc"}) {
+      ahead.start(3, dir.file(bad).c_str());
+      EXPECT_FALSE(take(3)) << bad;
+    }
+    ahead.start(4, a.c_str());
+    ahead.wait();
+    write_mode(b, 12, 10, 1, 2, ramp(120, -3.0f));  // the same bytes in another file
+    rename(b.c_str(), a.c_str());
+    EXPECT_FALSE(take(4));
+  });
+  EXPECT_EQ(said, "");  // failures included: they show here
 }
 
 // What the writers write is checked by mrc_validate.py; here, what they refuse.

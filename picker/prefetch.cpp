@@ -1,0 +1,83 @@
+// Background read of the next micrograph (see prefetch.h).
+#include "picker/prefetch.h"
+
+#include <cstring>
+#include <system_error>
+#if defined(_OPENMP)
+#include <omp.h>
+#endif
+
+#include "common/owned.h"
+#include "gpu/resample.h"
+
+MicPrefetch::MicPrefetch(const MRC_HEAD& ref, int shrink, int ext)
+    : ref_(ref),
+      shrink_(shrink),
+      raw_((unsigned long)ref.nx * ref.ny),
+      shrunk_((unsigned long)ext * ext) {}
+
+MicPrefetch::~MicPrefetch() { wait(); }
+
+void MicPrefetch::wait() {
+  if (thread_.joinable()) thread_.join();
+}
+
+void MicPrefetch::start(int index, const char* path) {
+  if (index == index_ && path_ == path) return;  // read or being read, not yet taken
+  wait();
+  index_ = index;
+  ok_ = false;
+  try {
+    path_ = path;
+    thread_ = std::thread(&MicPrefetch::read_now, this);
+  } catch (const std::exception&) {  // no thread (or no memory): the run reads it itself
+    index_ = -1;
+  }
+}
+
+static bool same_file(const struct stat& a, const struct stat& b) {
+  return a.st_dev == b.st_dev && a.st_ino == b.st_ino && a.st_size == b.st_size &&
+         a.st_mtim.tv_sec == b.st_mtim.tv_sec && a.st_mtim.tv_nsec == b.st_mtim.tv_nsec &&
+         a.st_ctim.tv_sec == b.st_ctim.tv_sec && a.st_ctim.tv_nsec == b.st_ctim.tv_nsec;
+}
+
+void MicPrefetch::read_now() {
+#if defined(_OPENMP)
+  // Background work: the shrink's loops stay on this thread, leaving the
+  // cores to the micrograph being picked.
+  omp_set_num_threads(1);
+#endif
+  if (shrink_ < 1) return;  // the shrink would complain, and that is the run's to say
+  try {
+    OwnedFile fp(fopen(path_.c_str(), "r"));
+    struct stat before, after;
+    if (!fp || fstat(fileno(fp.get()), &before) != 0) return;
+    // The readers only throw here: what they would say is the run's to say.
+    mrc_read_head(fp.get(), &head_);
+    if (head_.nx != ref_.nx || head_.ny != ref_.ny || head_.nz != ref_.nz || head_.mode != ref_.mode ||
+        !mrc_mode_is_readable(head_.mode))
+      return;
+    mrc_read_slice(fp.get(), &head_, 0, 'z', raw_.data());
+    if (fstat(fileno(fp.get()), &after) != 0 || !same_file(before, after)) return;
+    cpu_2d_meanshrink_extended_even_square(shrunk_.data(), raw_.data(), ref_.nx, ref_.ny, shrink_);
+    st_ = after;
+    ok_ = true;
+  } catch (...) {
+    ok_ = false;
+  }
+}
+
+bool MicPrefetch::take(int index, FILE* fp, const MRC_HEAD& head, HostBuffer<float>& raw, HostBuffer<float>& shrunk) {
+  if (index_ != index) return false;  // another micrograph's read stays for its turn
+  wait();
+  const bool ok = ok_;
+  ok_ = false;
+  index_ = -1;
+  struct stat now;
+  if (!ok || fstat(fileno(fp), &now) != 0 || !same_file(now, st_) || memcmp(&head, &head_, sizeof head) != 0)
+    return false;
+  if (raw.size() != raw_.size() || shrunk.size() != shrunk_.size()) return false;
+  raw.swap(raw_);
+  shrunk.swap(shrunk_);
+  return true;
+}
