@@ -240,12 +240,6 @@ int vexmatch_ccmax_psi_by_one_template(float* mic, float* mask, float* ccmax, fl
     for (int a = 0; a < na; a++) {
       printf(".");
       fflush(stdout);
-      if (a + 1 < capacity && a + 1 < stored->filled && ws->pairs()) {
-        printf(".");
-        w.fused->fold_pair(w.M.get(), slot(a), slot(a + 1), norm, ccmax, psi_out, angles[a], angles[a + 1]);
-        a++;
-        continue;
-      }
       if (a < capacity && a < stored->filled) {
         w.fused->fold(w.M.get(), slot(a), nullptr, norm, ccmax, psi_out, angles[a]);
         continue;

@@ -45,9 +45,6 @@ class ScanWorkspace {
     batch_ = batch;
   }
   bool host_fused() const { return fused_; }
-  // Fused stages only: two stored angles per pass (default) or one.
-  void set_pairs(bool on) { pairs_ = on; }
-  bool pairs() const { return pairs_; }
   int batch() const { return batch_; }
 
   // Internal to the scan: buffers for an nx x ny image (made anew, and the
@@ -58,7 +55,7 @@ class ScanWorkspace {
 
  private:
   unsigned long budget_, used_ = 0;
-  bool fused_ = true, pairs_ = true;
+  bool fused_ = true;
   int batch_ = 0;
   std::unique_ptr<Impl> impl_;
 };

@@ -62,13 +62,12 @@ struct Plan {
 
 struct FusedScanHost::Impl {
   int nx, ny, nxh;
-  Plan col_fwd, col_inv, row_r2c, row_c2r;
+  Plan col_fwd, col_inv, col_inv_inplace, row_r2c, row_c2r;
   FftwArray<fftwf_complex> half;  // the half spectrum between the two stages
-  std::unique_ptr<FftwArray<fftwf_complex>> half2;  // the second angle's, for pairs
   std::unique_ptr<FftwArray<fftwf_complex>> band;  // a pasted template's rows, transformed
   int band_rows = 0, band_y = 0;
   // Per thread: one block of columns, one block of rows in both forms.
-  std::vector<std::unique_ptr<FftwArray<fftwf_complex>>> col, col2, rowc;
+  std::vector<std::unique_ptr<FftwArray<fftwf_complex>>> col, rowc;
   std::vector<std::unique_ptr<FftwArray<float>>> rowr;
 
   Impl(int nx_, int ny_)
@@ -76,7 +75,6 @@ struct FusedScanHost::Impl {
     const int threads = max_threads();
     for (int t = 0; t < threads; t++) {
       col.emplace_back(new FftwArray<fftwf_complex>((size_t)COLS * ny));
-      col2.emplace_back(new FftwArray<fftwf_complex>((size_t)COLS * ny));
       rowc.emplace_back(new FftwArray<fftwf_complex>((size_t)ROWS * nxh));
       rowr.emplace_back(new FftwArray<float>((size_t)ROWS * nx));
     }
@@ -87,11 +85,16 @@ struct FusedScanHost::Impl {
     int n = ny;
     col_fwd.p = fftwf_plan_many_dft(1, &n, COLS, c, nullptr, COLS, 1, c, nullptr, COLS, 1, FFTW_FORWARD, FFTW_ESTIMATE);
     col_inv.p = fftwf_plan_many_dft(1, &n, COLS, c, nullptr, COLS, 1, c, nullptr, COLS, 1, FFTW_BACKWARD, FFTW_ESTIMATE);
+    // The same inverse on COLS neighbouring columns of the half spectrum in
+    // place, as the 2-D plan runs its column stage.
+    fftwf_complex* hp = half.p;
+    col_inv_inplace.p = fftwf_plan_many_dft(1, &n, COLS, hp, nullptr, nxh, 1, hp, nullptr, nxh, 1, FFTW_BACKWARD,
+                                            FFTW_ESTIMATE);
     n = nx;
     row_r2c.p = fftwf_plan_many_dft_r2c(1, &n, ROWS, r, nullptr, 1, nx, h, nullptr, 1, nxh, FFTW_ESTIMATE);
     row_c2r.p = fftwf_plan_many_dft_c2r(1, &n, ROWS, h, nullptr, 1, nxh, r, nullptr, 1, nx,
                                         FFTW_ESTIMATE | FFTW_DESTROY_INPUT);
-    if (!col_fwd.p || !col_inv.p || !row_r2c.p || !row_c2r.p) GVEX_FAIL("FFT plan creation failed");
+    if (!col_fwd.p || !col_inv.p || !col_inv_inplace.p || !row_r2c.p || !row_c2r.p) GVEX_FAIL("FFT plan creation failed");
   }
 
   int col_blocks() const { return (nxh + COLS - 1) / COLS; }
@@ -127,31 +130,6 @@ struct FusedScanHost::Impl {
     for (int y = 0; y < ny; y++) memcpy(q + (long)y * nxh + x0, c + (long)y * COLS, sizeof(float2) * w);
   }
 
-  // Column stage of two stored angles at once: each block of M is read
-  // once for both products.
-  void columns_pair(int b, const float2* M, const float2* F0, const float2* F1, float s) {
-    const int x0 = b * COLS, w = width(b), t = thread_id();
-    float2* c0 = reinterpret_cast<float2*>(col[t]->p);
-    float2* c1 = reinterpret_cast<float2*>(col2[t]->p);
-    if (w < COLS) {
-      memset((void*)c0, 0, sizeof(float2) * COLS * ny);
-      memset((void*)c1, 0, sizeof(float2) * COLS * ny);
-    }
-    for (int y = 0; y < ny; y++) {
-      const long i = (long)y * nxh + x0;
-      scan_host_multconj_serial(M + i, F0 + i, c0 + (long)y * COLS, w, s);
-      scan_host_multconj_serial(M + i, F1 + i, c1 + (long)y * COLS, w, s);
-    }
-    fftwf_execute_dft(col_inv.p, (fftwf_complex*)c0, (fftwf_complex*)c0);
-    fftwf_execute_dft(col_inv.p, (fftwf_complex*)c1, (fftwf_complex*)c1);
-    float2* q0 = reinterpret_cast<float2*>(half.p);
-    float2* q1 = reinterpret_cast<float2*>(half2->p);
-    for (int y = 0; y < ny; y++) {
-      memcpy(q0 + (long)y * nxh + x0, c0 + (long)y * COLS, sizeof(float2) * w);
-      memcpy(q1 + (long)y * nxh + x0, c1 + (long)y * COLS, sizeof(float2) * w);
-    }
-  }
-
   // Row stage for the rows from y0 of a half spectrum (a whole block, or the
   // last partial one through padded scratch); returns the rows, nx apart.
   const float* inverse_rows(int y0, fftwf_complex* from = nullptr) {
@@ -166,11 +144,37 @@ struct FusedScanHost::Impl {
     return rowr[t]->p;
   }
 
+  // Column stage for a stored spectrum: the product over the whole half
+  // spectrum in one sequential pass, then the column transforms in place,
+  // the last partial block through the block buffer.
+  void columns_stored(const float2* M, const float2* F, float s) {
+    float2* q = reinterpret_cast<float2*>(half.p);
+    const long n = (long)nxh * ny;
+    if (!scan_host_multconj(M, F, q, n, s)) {
+#pragma omp parallel for schedule(static)
+      for (long i = 0; i < n; i++) q[i] = cuda_multconj_norm(M[i], F[i], s);
+    }
+    const int whole = nxh / COLS;
+#pragma omp parallel for schedule(static)
+    for (int b = 0; b < whole; b++) fftwf_execute_dft(col_inv_inplace.p, half.p + b * COLS, half.p + b * COLS);
+    const int x0 = whole * COLS, w = nxh - x0;
+    if (w == 0) return;
+    float2* c = reinterpret_cast<float2*>(col[0]->p);
+    memset((void*)c, 0, sizeof(float2) * COLS * ny);
+    for (int y = 0; y < ny; y++) memcpy(c + (long)y * COLS, q + (long)y * nxh + x0, sizeof(float2) * w);
+    fftwf_execute_dft(col_inv.p, (fftwf_complex*)c, (fftwf_complex*)c);
+    for (int y = 0; y < ny; y++) memcpy(q + (long)y * nxh + x0, c + (long)y * COLS, sizeof(float2) * w);
+  }
+
   template <class Sink>
   void inverse_with(const float2* M, const float2* F, bool from_band, float2* F_out, float s, Sink sink) {
     const int nb = col_blocks();
+    if (from_band) {
 #pragma omp parallel for schedule(static)
-    for (int b = 0; b < nb; b++) columns(b, M, F, from_band, F_out, s);
+      for (int b = 0; b < nb; b++) columns(b, M, F, true, F_out, s);
+    } else {
+      columns_stored(M, F, s);
+    }
     const int nr = (ny + ROWS - 1) / ROWS;
 #pragma omp parallel for schedule(static)
     for (int r = 0; r < nr; r++) {
@@ -210,25 +214,6 @@ void FusedScanHost::fold(const float2* M, const float2* F, float2* F_out, float 
     const long i = (long)y0 * nx;
     scan_host_fold_serial(ccmax + i, rows, psi ? psi + i : nullptr, ang, (long)h * nx);
   });
-}
-
-void FusedScanHost::fold_pair(const float2* M, const float2* F0, const float2* F1, float s, float* ccmax, float* psi,
-                              float ang0, float ang1) {
-  Impl& d = *d_;
-  if (!d.half2) d.half2.reset(new FftwArray<fftwf_complex>((size_t)d.nxh * d.ny));
-  const int nb = d.col_blocks(), nx = d.nx, ny = d.ny;
-#pragma omp parallel for schedule(static)
-  for (int b = 0; b < nb; b++) d.columns_pair(b, M, F0, F1, s);
-  // Both angles' rows while the block of ccmax is in cache, the first angle
-  // first: the per-angle order of the running maximum.
-  const int nr = (ny + ROWS - 1) / ROWS;
-#pragma omp parallel for schedule(static)
-  for (int r = 0; r < nr; r++) {
-    const int y0 = r * ROWS, h = ny - y0 < ROWS ? ny - y0 : ROWS;
-    const long i = (long)y0 * nx;
-    scan_host_fold_serial(ccmax + i, d.inverse_rows(y0, d.half.p), psi ? psi + i : nullptr, ang0, (long)h * nx);
-    scan_host_fold_serial(ccmax + i, d.inverse_rows(y0, d.half2->p), psi ? psi + i : nullptr, ang1, (long)h * nx);
-  }
 }
 
 void FusedScanHost::correlate(const float2* M, const float2* F, float2* F_out, float s, float* cc) {

@@ -34,11 +34,6 @@ class FusedScanHost {
   // computed on the way and also written to F_out when that is given.
   void fold(const float2* M, const float2* F, float2* F_out, float s, float* ccmax, float* psi, float ang);
 
-  // Two stored angles in one pass (ang0 folded first): the bits of two
-  // fold calls, with the micrograph's spectrum and ccmax read once.
-  void fold_pair(const float2* M, const float2* F0, const float2* F1, float s, float* ccmax, float* psi, float ang0,
-                 float ang1);
-
   // The same, writing cc itself (tests and references).
   void correlate(const float2* M, const float2* F, float2* F_out, float s, float* cc);
 
