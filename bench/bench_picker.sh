@@ -74,15 +74,18 @@ with open('templates.mrcs', 'wb') as f:
 EOF
 
 # Bare transforms, milliseconds each: r2c and pair at N and 2N.
-"$FFT" --n $N --benchmark_format=csv --benchmark_min_time=0.5 2>fft.err >fft.csv
+STORE_MIB=$(( (N / 2 + 1) * N * 8 * 4 * 72 / 1048576 ))  # spectra of run (b)
+"$FFT" --n $N --store-mib $STORE_MIB --benchmark_format=csv --benchmark_min_time=0.5 2>fft.err >fft.csv
 ms() { awk -F, -v name="\"$1/$2/real_time\"" '$1 == name { print $3 }' fft.csv; }
 r2c_n=$(ms BM_BareR2C $N)
 c2r_n=$(ms BM_BareC2R $N)
 pair_n=$(ms BM_BarePair $N)
 r2c_2n=$(ms BM_BareR2C $((2 * N)))
 pair_2n=$(ms BM_BarePair $((2 * N)))
+fresh=$(awk -F, -v name="\"BM_FreshStore/$STORE_MIB/iterations:3/real_time\"" '$1 == name { print $3 }' fft.csv)
 echo
 echo "bare FFT on $(head -1 fft.err | sed 's/^Running on //')"
+echo "writing a fresh store of $STORE_MIB MiB once: $fresh ms"
 echo "bare FFT (ms): r2c ${N}^2 $r2c_n, c2r ${N}^2 $c2r_n, pair ${N}^2 $pair_n, r2c $((2 * N))^2 $r2c_2n, pair $((2 * N))^2 $pair_2n"
 
 # run LABEL TEMPLATES ORIENTATIONS [options...]: NMIC copies in one run.
@@ -104,7 +107,8 @@ run() {
   echo "($label) gvexmatch --apixM $APIX --diameter $DIAMETER $* [$NMIC micrographs]"
   grep '^Running on' "$log"
   awk -v t0="$t0" -v t1="$t1" -v nt="$nt" -v na="$na" -v nmic="$NMIC" \
-      -v r2c_n="$r2c_n" -v c2r_n="$c2r_n" -v r2c_2n="$r2c_2n" -v pair_2n="$pair_2n" '
+      -v r2c_n="$r2c_n" -v c2r_n="$c2r_n" -v r2c_2n="$r2c_2n" -v pair_2n="$pair_2n" -v fresh="$fresh" \
+      -v store_mib="$STORE_MIB" '
     /^>>>>>>TIME<<<<<</ {
       sub(/^>>>>>>TIME<<<<<< */, ""); split($0, a, ": "); sub(/s$/, "", a[2])
       if (a[1] == "READING") k++
@@ -120,7 +124,9 @@ run() {
       printf "  bare FFT work per micrograph (spectra stored): %.3fs\n", fft
       printf "  micrograph times:"; for (i = 1; i <= k; i++) printf " %.3f", t[i]; printf " s\n"
       printf "  steady state / FFT work      %6.2f   (%.3fs)\n", steady / fft, steady
-      printf "  first micrograph overhead    %6.3fs\n", t[1] - steady
+      printf "  first micrograph overhead    %6.3fs", t[1] - steady
+      if (nt * na == 288) printf "   (of which writing %d MiB of fresh memory once: %.3fs)", store_mib, fresh / 1000
+      printf "\n"
       printf "  run per micrograph / FFT work %5.2f   (TOTAL %.3fs for %d, preparation %.3fs, process wall %.3fs)\n", total / k / fft, total, k, prep, t1 - t0
     }' "$log"
   echo "  picks: $(wc -l <"${label}_1_vexmatch.box")"

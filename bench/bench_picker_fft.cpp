@@ -7,7 +7,7 @@
 // dynamic team). On a GPU: cuFFT through the program's plan object, whose
 // calls are the library call and a device synchronisation.
 //
-//   bench_picker_fft --n N [Google Benchmark flags]
+//   bench_picker_fft --n N [--store-mib MIB] [Google Benchmark flags]
 #include <benchmark/benchmark.h>
 #include <fftw3.h>
 
@@ -133,14 +133,30 @@ void BM_BarePair(benchmark::State& state) {
     run_pair<Bare>(state);
 }
 
+// Writing once to a fresh device array of the given number of MiB: what
+// filling a spectrum store of that size costs beyond computing it (on the
+// host the kernel's zeroing of fresh pages; on virtual machines that hand
+// freed memory back to their host this is far slower than on bare metal).
+void BM_FreshStore(benchmark::State& state) {
+  const unsigned long bytes = (unsigned long)state.range(0) << 20;
+  for (auto _ : state) {
+    DeviceArray<char> a(bytes);
+    hcuda_empty(a.get(), bytes);
+  }
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
-  int n = 1024;
+  int n = 1024, store_mib = 0;
   std::vector<char*> rest;
   for (int i = 0; i < argc; i++) {
     if (i > 0 && !strcmp(argv[i], "--n") && i + 1 < argc) {
       n = atoi(argv[++i]);
+      continue;
+    }
+    if (i > 0 && !strcmp(argv[i], "--store-mib") && i + 1 < argc) {
+      store_mib = atoi(argv[++i]);
       continue;
     }
     rest.push_back(argv[i]);
@@ -155,6 +171,12 @@ int main(int argc, char** argv) {
     benchmark::RegisterBenchmark("BM_BareC2R", BM_BareC2R)->Arg(size)->Unit(benchmark::kMillisecond)->UseRealTime();
     benchmark::RegisterBenchmark("BM_BarePair", BM_BarePair)->Arg(size)->Unit(benchmark::kMillisecond)->UseRealTime();
   }
+  if (store_mib > 0)
+    benchmark::RegisterBenchmark("BM_FreshStore", BM_FreshStore)
+        ->Arg(store_mib)
+        ->Unit(benchmark::kMillisecond)
+        ->UseRealTime()
+        ->Iterations(3);
   int rc = (int)rest.size();
   benchmark::Initialize(&rc, rest.data());
   if (benchmark::ReportUnrecognizedArguments(rc, rest.data())) return 2;
