@@ -30,7 +30,7 @@ here=$(cd "$(dirname "$0")" && pwd)
 BUILD=$(cd "${1:-$here/../build/default}" && pwd)
 WORK=${2:-$(mktemp -d /tmp/gvex_bench_XXXXXX)}
 NMIC=${3:-6}
-GVEX=${GVEXMATCH:-$BUILD/gvexmatch}  # GVEXMATCH: another build's program against this FFT baseline
+GVEX=$(realpath "${GVEXMATCH:-$BUILD/gvexmatch}")  # GVEXMATCH: another build's program against this FFT baseline
 MAKEMIC=$BUILD/tools/gvex_makemic
 FFT=$BUILD/bench/bench_picker_fft
 for f in "$GVEX" "$MAKEMIC" "$FFT"; do
