@@ -53,25 +53,7 @@ echo "work folder: $WORK"
 "$MAKEMIC" make mic.mrc --nx $SIZE --ny $SIZE --apix $APIX --diameter $DIAMETER --seed 1 >/dev/null
 
 # Four white discs of the particle size, at the micrograph's pixel size.
-python3 - <<EOF
-import math, struct
-apix, diameter, n = $APIX, $DIAMETER, 256
-r0 = diameter / (2 * apix)
-head = bytearray(1024)
-struct.pack_into('<4i', head, 0, n, n, 4, 2)
-head[208:216] = b'MAP DA\0\0'
-with open('templates.mrcs', 'wb') as f:
-    f.write(head)
-    c = (n - 1) / 2
-    for k in range(4):
-        r, e = (0.65 + 0.05 * k) * r0, 0.2 * r0
-        img = []
-        for y in range(n):
-            for x in range(n):
-                d = math.hypot(x - c, y - c)
-                img.append(1.0 if d <= r else 0.5 + 0.5 * math.cos(math.pi * (d - r) / e) if d < r + e else 0.0)
-        f.write(struct.pack('<%df' % len(img), *img))
-EOF
+python3 "$here/make_templates.py" templates.mrcs $APIX $DIAMETER
 
 # Bare transforms, milliseconds each: r2c and pair at N and 2N.
 STORE_MIB=$(( (N / 2 + 1) * N * 8 * 4 * 72 / 1048576 ))  # spectra of run (b)

@@ -32,25 +32,7 @@ make_set() {
   "$mk" make a4096.mrc --nx 4096 --ny 4096 --seed 1 >/dev/null
   "$mk" make b4096.mrc --nx 4096 --ny 4096 --seed 2 --noise 2 >/dev/null
   "$mk" make odd.mrc --nx 1500 --ny 1100 --seed 5 --noise 2 >/dev/null
-  # Four soft discs of the particle size (256 pixels, 1.34 A) as a stack.
-  python3 - <<'EOF'
-import math, struct
-n, r0 = 256, 300 / (2 * 1.34)
-head = bytearray(1024)
-struct.pack_into('<4i', head, 0, n, n, 4, 2)
-head[208:216] = b'MAP DA\0\0'
-with open('templates.mrcs', 'wb') as f:
-    f.write(head)
-    c = (n - 1) / 2
-    for k in range(4):
-        r, e = (0.65 + 0.05 * k) * r0, 0.2 * r0
-        img = []
-        for y in range(n):
-            for x in range(n):
-                d = math.hypot(x - c, y - c)
-                img.append(1.0 if d <= r else 0.5 + 0.5 * math.cos(math.pi * (d - r) / e) if d < r + e else 0.0)
-        f.write(struct.pack('<%df' % len(img), *img))
-EOF
+  python3 "$here/make_templates.py" templates.mrcs 1.34 300
 }
 
 # run_set BUILD DIR: every run of the set, outputs under DIR/<run>/
