@@ -115,11 +115,10 @@ const char* gvex_device_activate(int gid) {
   }
 #endif
   g_on_gpu = false;
-#if defined(_OPENMP)
-  // Results do not depend on the thread count, so let the runtime shed
-  // threads on a busy machine instead of spinning against other processes.
-  omp_set_dynamic(1);
-#endif
+  // Every core: a dynamic team (OMP_DYNAMIC=true) sizes itself by the load
+  // average, which the run's own threads raise, so on a quiet two-core
+  // machine it shrinks to one thread. The MPI companion divides the cores
+  // among the ranks of a machine itself.
   snprintf(line, sizeof line, "Running on the host back end (no GPU answered), %d thread(s)\n",
            gvex_host_threads());
   return line;
