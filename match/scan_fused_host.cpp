@@ -72,12 +72,7 @@ struct FusedScanHost::Impl {
 
   Impl(int nx_, int ny_)
       : nx(nx_), ny(ny_), nxh(nx_ / 2 + 1), half((size_t)(nx_ / 2 + 1) * ny_) {
-    const int threads = max_threads();
-    for (int t = 0; t < threads; t++) {
-      col.emplace_back(new FftwArray<fftwf_complex>((size_t)COLS * ny));
-      rowc.emplace_back(new FftwArray<fftwf_complex>((size_t)ROWS * nxh));
-      rowr.emplace_back(new FftwArray<float>((size_t)ROWS * nx));
-    }
+    grow();
     gvex_fftw_plan_serial();
     fftwf_complex* c = col[0]->p;
     fftwf_complex* h = rowc[0]->p;
@@ -95,6 +90,16 @@ struct FusedScanHost::Impl {
     row_c2r.p = fftwf_plan_many_dft_c2r(1, &n, ROWS, h, nullptr, 1, nxh, r, nullptr, 1, nx,
                                         FFTW_ESTIMATE | FFTW_DESTROY_INPUT);
     if (!col_fwd.p || !col_inv.p || !col_inv_inplace.p || !row_r2c.p || !row_c2r.p) GVEX_FAIL("FFT plan creation failed");
+  }
+
+  // Buffers for every thread a parallel loop may use now (the count can
+  // rise after construction); called outside parallel regions.
+  void grow() {
+    for (int t = (int)col.size(); t < max_threads(); t++) {
+      col.emplace_back(new FftwArray<fftwf_complex>((size_t)COLS * ny));
+      rowc.emplace_back(new FftwArray<fftwf_complex>((size_t)ROWS * nxh));
+      rowr.emplace_back(new FftwArray<float>((size_t)ROWS * nx));
+    }
   }
 
   int col_blocks() const { return (nxh + COLS - 1) / COLS; }
@@ -168,6 +173,7 @@ struct FusedScanHost::Impl {
 
   template <class Sink>
   void inverse_with(const float2* M, const float2* F, bool from_band, float2* F_out, float s, Sink sink) {
+    grow();
     const int nb = col_blocks();
     if (from_band) {
 #pragma omp parallel for schedule(static)
@@ -189,6 +195,7 @@ FusedScanHost::~FusedScanHost() = default;
 
 void FusedScanHost::paste(const float* t, int tnx, int tny, int px, int py) {
   Impl& d = *d_;
+  d.grow();
   const int nx = d.nx, nxh = d.nxh;
   // Row stage over the band of rows the template covers, a block of rows at
   // a time (block-aligned in the buffer, so every block runs at the

@@ -1,6 +1,7 @@
 // Correlation scan: running maximum, fast host loops, the scan against a
 // direct correlation, the spectrum store, and picks on planted particles.
 #include <gtest/gtest.h>
+#include <omp.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -170,6 +171,21 @@ TEST(Scan, FusedAndBatchedPathsGiveThePerAngleBits) {
       }
     }
   }
+}
+
+// The fused stages keep buffers per thread: a team that grows after the
+// first scan (as when a caller raises the thread count) still gets the bits.
+TEST(Scan, FusedStagesFollowAGrowingTeam) {
+  Problem pb;
+  ScanWorkspace ws;
+  const int threads = omp_get_max_threads();
+  omp_set_num_threads(1);
+  const Maps one = scan(pb, 30.0f, &ws);
+  omp_set_num_threads(threads + 3);
+  const Maps more = scan(pb, 30.0f, &ws), fresh = scan(pb, 30.0f, nullptr);
+  omp_set_num_threads(threads);
+  EXPECT_TRUE(same_bits(one.ccmax, more.ccmax));
+  EXPECT_TRUE(same_bits(one.ccmax, fresh.ccmax));
 }
 
 // Dark discs of radius 5 on a flat background, the synthetic template
