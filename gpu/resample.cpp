@@ -157,15 +157,10 @@ void hcuda_2d_rotate(const float* d_in, float* d_out, int nx, int ny, float angl
   // Taken once on the host so that both back ends use the same two values.
   const float rad = angle * 0.017453292f;
   const float c = cosf(rad), s = sinf(rad);
-  const float cx = (nx - 1) * 0.5f, cy = (ny - 1) * 0.5f;
   float* out = d_out;
   const float* in = d_in;
-  launch_2d(GVEX_SITE, nx, ny, GVEX_LAMBDA(int x, int y) {
-    const float dx = (float)x - cx, dy = (float)y - cy;
-    const float xs = cx + dx * c + dy * s;
-    const float ys = cy + dy * c - dx * s;
-    out[(long)y * nx + x] = hd_2d_bilinear(in, nx, ny, xs, ys);
-  });
+  launch_2d(GVEX_SITE, nx, ny,
+            GVEX_LAMBDA(int x, int y) { out[(long)y * nx + x] = hd_2d_rotated(in, nx, ny, c, s, x, y); });
 }
 
 void hcuda_x2d_cp_small_to_large_center(float* d_large, float* d_small, int NX, int NY, int nx, int ny) {

@@ -38,6 +38,16 @@ GVEX_HD inline float hd_2d_bilinear(const float* in, int nx, int ny, float xs, f
   return a00 + fx * (a10 - a00) + fy * (a01 - a00) + fy * fx * (a00 + a11 - a10 - a01);
 }
 
+// Pixel (x, y) of the nx x ny image in rotated about its centre, c and s the
+// cosine and sine of the angle.
+GVEX_HD inline float hd_2d_rotated(const float* in, int nx, int ny, float c, float s, int x, int y) {
+  const float cx = (nx - 1) * 0.5f, cy = (ny - 1) * 0.5f;
+  const float dx = (float)x - cx, dy = (float)y - cy;
+  const float xs = cx + dx * c + dy * s;
+  const float ys = cy + dy * c - dx * s;
+  return hd_2d_bilinear(in, nx, ny, xs, ys);
+}
+
 // ---- scaling and rotation (device) ----
 // Output side of a scaled image: trunc(n * factor), float product.
 inline int hd_scaled_size(int n, float factor) { return (int)((float)n * factor); }

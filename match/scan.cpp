@@ -151,15 +151,11 @@ int gpu_batch(int nx, int ny, int n_angles) {
 // hcuda_x2d_cp_small_to_large_center, one launch for the batch. trig holds
 // cos and sin per angle, taken on the host.
 void rotate_paste_batch(float* pad, const float* T, const float* trig, int nb, int nx, int ny, int tnx, int tny) {
-  const float cx = (tnx - 1) * 0.5f, cy = (tny - 1) * 0.5f;
   const int ox = (nx - tnx) / 2, oy = (ny - tny) / 2;
   launch_2d(GVEX_SITE, tnx, tny * nb, GVEX_LAMBDA(int x, int yk) {
     const int k = yk / tny, y = yk - k * tny;
-    const float c = trig[2 * k], s = trig[2 * k + 1];
-    const float dx = (float)x - cx, dy = (float)y - cy;
-    const float xs = cx + dx * c + dy * s;
-    const float ys = cy + dy * c - dx * s;
-    pad[(long)k * nx * ny + ((long)y + oy) * nx + x + ox] = hd_2d_bilinear(T, tnx, tny, xs, ys);
+    const float v = hd_2d_rotated(T, tnx, tny, trig[2 * k], trig[2 * k + 1], x, y);
+    pad[(long)k * nx * ny + ((long)y + oy) * nx + x + ox] = v;
   });
 }
 
