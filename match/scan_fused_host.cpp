@@ -65,7 +65,7 @@ struct FusedScanHost::Impl {
   Plan col_fwd, col_inv, col_inv_inplace, row_r2c, row_c2r;
   FftwArray<fftwf_complex> half;  // the half spectrum between the two stages
   std::unique_ptr<FftwArray<fftwf_complex>> band;  // a pasted template's rows, transformed
-  int band_rows = 0, band_y = 0;
+  int band_rows = 0, band_y = 0, band_capacity = 0;  // rows held, first row, rows allocated
   // Per thread: one block of columns, one block of rows in both forms.
   std::vector<std::unique_ptr<FftwArray<fftwf_complex>>> col, rowc;
   std::vector<std::unique_ptr<FftwArray<float>>> rowr;
@@ -105,41 +105,33 @@ struct FusedScanHost::Impl {
   int col_blocks() const { return (nxh + COLS - 1) / COLS; }
   int width(int b) const { return nxh - b * COLS < COLS ? nxh - b * COLS : COLS; }
 
-  // Column stage for block b: the block's template spectrum, either stored
-  // (F) or transformed from the band (then also written to F when F is
-  // given), its conjugate product with M over s, and the product's inverse
-  // column transforms into half.
-  void columns(int b, const float2* M, const float2* F, bool from_band, float2* F_out, float s) {
+  // Column stage for block b of a new template: its spectrum from the
+  // transformed band (also written to F_out when given), the conjugate
+  // product with M over s, and the product's inverse column transforms into
+  // half.
+  void columns_from_band(int b, const float2* M, float2* F_out, float s) {
     const int x0 = b * COLS, w = width(b);
     float2* c = reinterpret_cast<float2*>(col[thread_id()]->p);
-    if (from_band) {
-      memset((void*)c, 0, sizeof(float2) * COLS * ny);
-      const float2* t = reinterpret_cast<const float2*>(band->p);
-      for (int k = 0; k < band_rows; k++)
-        memcpy(c + (long)(band_y + k) * COLS, t + (long)k * nxh + x0, sizeof(float2) * w);
-      fftwf_execute_dft(col_fwd.p, (fftwf_complex*)c, (fftwf_complex*)c);
-      for (int y = 0; y < ny; y++) {
-        const long i = (long)y * nxh + x0;
-        if (F_out) memcpy(F_out + i, c + (long)y * COLS, sizeof(float2) * w);
-        scan_host_multconj_serial(M + i, c + (long)y * COLS, c + (long)y * COLS, w, s);
-      }
-    } else {
-      if (w < COLS) memset((void*)c, 0, sizeof(float2) * COLS * ny);
-      for (int y = 0; y < ny; y++) {
-        const long i = (long)y * nxh + x0;
-        scan_host_multconj_serial(M + i, F + i, c + (long)y * COLS, w, s);
-      }
+    memset((void*)c, 0, sizeof(float2) * COLS * ny);
+    const float2* t = reinterpret_cast<const float2*>(band->p);
+    for (int k = 0; k < band_rows; k++)
+      memcpy(c + (long)(band_y + k) * COLS, t + (long)k * nxh + x0, sizeof(float2) * w);
+    fftwf_execute_dft(col_fwd.p, (fftwf_complex*)c, (fftwf_complex*)c);
+    for (int y = 0; y < ny; y++) {
+      const long i = (long)y * nxh + x0;
+      if (F_out) memcpy(F_out + i, c + (long)y * COLS, sizeof(float2) * w);
+      scan_host_multconj_serial(M + i, c + (long)y * COLS, c + (long)y * COLS, w, s);
     }
     fftwf_execute_dft(col_inv.p, (fftwf_complex*)c, (fftwf_complex*)c);
     float2* q = reinterpret_cast<float2*>(half.p);
     for (int y = 0; y < ny; y++) memcpy(q + (long)y * nxh + x0, c + (long)y * COLS, sizeof(float2) * w);
   }
 
-  // Row stage for the rows from y0 of a half spectrum (a whole block, or the
-  // last partial one through padded scratch); returns the rows, nx apart.
-  const float* inverse_rows(int y0, fftwf_complex* from = nullptr) {
+  // Row stage for the rows from y0 (a whole block, or the last partial one
+  // through padded scratch); returns the rows, nx apart.
+  const float* inverse_rows(int y0) {
     const int t = thread_id(), h = ny - y0 < ROWS ? ny - y0 : ROWS;
-    fftwf_complex* in = (from ? from : half.p) + (size_t)y0 * nxh;
+    fftwf_complex* in = half.p + (size_t)y0 * nxh;
     if (h < ROWS) {
       memset(rowc[t]->p, 0, sizeof(fftwf_complex) * ROWS * nxh);
       memcpy(rowc[t]->p, in, sizeof(fftwf_complex) * h * nxh);
@@ -171,21 +163,23 @@ struct FusedScanHost::Impl {
     for (int y = 0; y < ny; y++) memcpy(q + (long)y * nxh + x0, c + (long)y * COLS, sizeof(float2) * w);
   }
 
-  template <class Sink>
-  void inverse_with(const float2* M, const float2* F, bool from_band, float2* F_out, float s, Sink sink) {
+  // Column stage of either kind, then the row stage, each block of rows
+  // folded into the running maximum as it comes out.
+  void fold(const float2* M, const float2* F, float2* F_out, float s, float* ccmax, float* psi, float ang) {
     grow();
-    const int nb = col_blocks();
-    if (from_band) {
-#pragma omp parallel for schedule(static)
-      for (int b = 0; b < nb; b++) columns(b, M, F, true, F_out, s);
-    } else {
+    if (F) {
       columns_stored(M, F, s);
+    } else {
+      const int nb = col_blocks();
+#pragma omp parallel for schedule(static)
+      for (int b = 0; b < nb; b++) columns_from_band(b, M, F_out, s);
     }
     const int nr = (ny + ROWS - 1) / ROWS;
 #pragma omp parallel for schedule(static)
     for (int r = 0; r < nr; r++) {
       const int y0 = r * ROWS, h = ny - y0 < ROWS ? ny - y0 : ROWS;
-      sink(y0, h, inverse_rows(y0));
+      const long i = (long)y0 * nx;
+      scan_host_fold_serial(ccmax + i, inverse_rows(y0), psi ? psi + i : nullptr, ang, (long)h * nx);
     }
   }
 };
@@ -201,7 +195,10 @@ void FusedScanHost::paste(const float* t, int tnx, int tny, int px, int py) {
   // a time (block-aligned in the buffer, so every block runs at the
   // alignment the plan was made for).
   const int nr = (tny + ROWS - 1) / ROWS;
-  if (!d.band || d.band_rows < tny) d.band.reset(new FftwArray<fftwf_complex>((size_t)nr * ROWS * nxh));
+  if (d.band_capacity < nr * ROWS) {
+    d.band.reset(new FftwArray<fftwf_complex>((size_t)nr * ROWS * nxh));
+    d.band_capacity = nr * ROWS;
+  }
   d.band_rows = tny;
   d.band_y = py;
 #pragma omp parallel for schedule(static)
@@ -216,16 +213,5 @@ void FusedScanHost::paste(const float* t, int tnx, int tny, int px, int py) {
 
 void FusedScanHost::fold(const float2* M, const float2* F, float2* F_out, float s, float* ccmax, float* psi,
                          float ang) {
-  const int nx = d_->nx;
-  d_->inverse_with(M, F, F == nullptr, F_out, s, [=](int y0, int h, const float* rows) {
-    const long i = (long)y0 * nx;
-    scan_host_fold_serial(ccmax + i, rows, psi ? psi + i : nullptr, ang, (long)h * nx);
-  });
-}
-
-void FusedScanHost::correlate(const float2* M, const float2* F, float2* F_out, float s, float* cc) {
-  const int nx = d_->nx;
-  d_->inverse_with(M, F, F == nullptr, F_out, s, [=](int y0, int h, const float* rows) {
-    memcpy(cc + (long)y0 * nx, rows, sizeof(float) * h * nx);
-  });
+  d_->fold(M, F, F_out, s, ccmax, psi, ang);
 }

@@ -34,9 +34,6 @@ class FusedScanHost {
   // computed on the way and also written to F_out when that is given.
   void fold(const float2* M, const float2* F, float2* F_out, float s, float* ccmax, float* psi, float ang);
 
-  // The same, writing cc itself (tests and references).
-  void correlate(const float2* M, const float2* F, float2* F_out, float s, float* cc);
-
  private:
   struct Impl;
   std::unique_ptr<Impl> d_;
