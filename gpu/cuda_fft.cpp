@@ -93,6 +93,8 @@ FftPlan2d::~FftPlan2d() {
   fftwf_free(tmp_c_);
   hcuda_free(work_r_);
   hcuda_free(work_c_);
+  hcuda_free(dev_tmp_r_);
+  hcuda_free(dev_tmp_c_);
 }
 
 float* FftPlan2d::work_real() {
@@ -142,6 +144,18 @@ void FftPlan2d::make(bool forward) {
   (forward ? host_fwd_ : host_inv_) = (void*)p;
 }
 
+bool FftPlan2d::dev_aligned(const void* p) { return ((unsigned long)p & (GVEX_FFT_ALIGN - 1)) == 0; }
+
+float* FftPlan2d::dev_scratch_real() {
+  if (!dev_tmp_r_) safe_cudaMalloc((void**)&dev_tmp_r_, (unsigned long)nx_ * ny_ * sizeof(float));
+  return dev_tmp_r_;
+}
+
+float2* FftPlan2d::dev_scratch_complex() {
+  if (!dev_tmp_c_) safe_cudaMalloc((void**)&dev_tmp_c_, (unsigned long)(nx_ / 2 + 1) * ny_ * sizeof(float2));
+  return dev_tmp_c_;
+}
+
 float* FftPlan2d::scratch_real() {
   if (!tmp_r_) {
     tmp_r_ = fftwf_alloc_real((size_t)nx_ * ny_);
@@ -162,8 +176,19 @@ void FftPlan2d::r2c(const float* d_in, float2* d_out) {
 #if defined(GVEX_WITH_CUDA)
   if (gpu_) {
     if (dev_fwd_ < 0) make(true);
-    gvex_check_fft(gvex_cufft_r2c(dev_fwd_, d_in, d_out), __FILE__, __LINE__);
+    // cuFFT refuses arrays that are not aligned to its vector loads (an
+    // image of odd size inside a stack, say): those go through scratch.
+    const float* in = d_in;
+    if (!dev_aligned(d_in)) {
+      in = dev_scratch_real();
+      gvex_check_copy(memcpy_D2D((void*)in, d_in, (unsigned long)nx_ * ny_ * sizeof(float)), __FILE__, __LINE__);
+    }
+    float2* out = dev_aligned(d_out) ? d_out : dev_scratch_complex();
+    gvex_check_fft(gvex_cufft_r2c(dev_fwd_, in, out), __FILE__, __LINE__);
     gvex_check_kernel(__FILE__, __LINE__);
+    if (out != d_out)
+      gvex_check_copy(memcpy_D2D(d_out, out, (unsigned long)(nx_ / 2 + 1) * ny_ * sizeof(float2)), __FILE__,
+                      __LINE__);
     return;
   }
 #endif
@@ -187,8 +212,17 @@ void FftPlan2d::c2r(float2* d_in, float* d_out) {
 #if defined(GVEX_WITH_CUDA)
   if (gpu_) {
     if (dev_inv_ < 0) make(false);
-    gvex_check_fft(gvex_cufft_c2r(dev_inv_, d_in, d_out), __FILE__, __LINE__);
+    float2* in = d_in;
+    if (!dev_aligned(d_in)) {
+      in = dev_scratch_complex();
+      gvex_check_copy(memcpy_D2D(in, d_in, (unsigned long)(nx_ / 2 + 1) * ny_ * sizeof(float2)), __FILE__,
+                      __LINE__);
+    }
+    float* out = dev_aligned(d_out) ? d_out : dev_scratch_real();
+    gvex_check_fft(gvex_cufft_c2r(dev_inv_, in, out), __FILE__, __LINE__);
     gvex_check_kernel(__FILE__, __LINE__);
+    if (out != d_out)
+      gvex_check_copy(memcpy_D2D(d_out, out, (unsigned long)nx_ * ny_ * sizeof(float)), __FILE__, __LINE__);
     return;
   }
 #endif
@@ -207,8 +241,8 @@ void FftPlan2d::c2r(float2* d_in, float* d_out) {
 
 // ---- batches ----
 
-FftPlanBatch::FftPlanBatch(int nx, int ny, int batch) : nx_(nx), ny_(ny), batch_(batch) {
-  if (nx <= 0 || ny <= 0 || batch <= 0) gvex_check_fft(FFT_INVALID_SIZE, __FILE__, __LINE__);
+FftPlanBatch::FftPlanBatch(int nx, int ny, int quantum) : nx_(nx), ny_(ny), quantum_(quantum) {
+  if (nx <= 0 || ny <= 0 || quantum <= 0) gvex_check_fft(FFT_INVALID_SIZE, __FILE__, __LINE__);
 }
 
 FftPlanBatch::~FftPlanBatch() {
@@ -218,17 +252,23 @@ FftPlanBatch::~FftPlanBatch() {
 #endif
 }
 
+int FftPlanBatch::span(int count) const {
+  if (gvex_on_gpu()) return (count + quantum_ - 1) / quantum_ * quantum_;
+  return count;
+}
+
 void FftPlanBatch::r2c(const float* d_in, float2* d_out, int count) {
   const unsigned long nr = (unsigned long)nx_ * ny_, nc = (unsigned long)(nx_ / 2 + 1) * ny_;
 #if defined(GVEX_WITH_CUDA)
-  if (gvex_on_gpu() && count == batch_) {
-    if (dev_fwd_ < 0) gvex_check_fft(gvex_cufft_plan_batch(nx_, ny_, batch_, true, &dev_fwd_), __FILE__, __LINE__);
-    gvex_check_fft(gvex_cufft_r2c(dev_fwd_, d_in, d_out), __FILE__, __LINE__);
+  if (gvex_on_gpu()) {
+    if (dev_fwd_ < 0)
+      gvex_check_fft(gvex_cufft_plan_batch(nx_, ny_, quantum_, true, &dev_fwd_), __FILE__, __LINE__);
+    for (int k = 0; k < count; k += quantum_)
+      gvex_check_fft(gvex_cufft_r2c(dev_fwd_, d_in + k * nr, d_out + k * nc), __FILE__, __LINE__);
     gvex_check_kernel(__FILE__, __LINE__);
     return;
   }
 #endif
-  // A short last batch (and the host) go image by image.
   FftPlan2d& p = gvex_fft_plan(nx_, ny_);
   for (int k = 0; k < count; k++) p.r2c(d_in + k * nr, d_out + k * nc);
 }
@@ -236,9 +276,11 @@ void FftPlanBatch::r2c(const float* d_in, float2* d_out, int count) {
 void FftPlanBatch::c2r(float2* d_in, float* d_out, int count) {
   const unsigned long nr = (unsigned long)nx_ * ny_, nc = (unsigned long)(nx_ / 2 + 1) * ny_;
 #if defined(GVEX_WITH_CUDA)
-  if (gvex_on_gpu() && count == batch_) {
-    if (dev_inv_ < 0) gvex_check_fft(gvex_cufft_plan_batch(nx_, ny_, batch_, false, &dev_inv_), __FILE__, __LINE__);
-    gvex_check_fft(gvex_cufft_c2r(dev_inv_, d_in, d_out), __FILE__, __LINE__);
+  if (gvex_on_gpu()) {
+    if (dev_inv_ < 0)
+      gvex_check_fft(gvex_cufft_plan_batch(nx_, ny_, quantum_, false, &dev_inv_), __FILE__, __LINE__);
+    for (int k = 0; k < count; k += quantum_)
+      gvex_check_fft(gvex_cufft_c2r(dev_inv_, d_in + k * nc, d_out + k * nr), __FILE__, __LINE__);
     gvex_check_kernel(__FILE__, __LINE__);
     return;
   }

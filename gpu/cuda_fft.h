@@ -20,6 +20,10 @@
 
 #include "common/hd.h"
 
+// Alignment, in bytes, that cuFFT's arrays keep: others are staged. A
+// batch's quanta start at multiples of it (gvex_scan_quantum).
+constexpr unsigned long GVEX_FFT_ALIGN = 16;
+
 // One plan pair for an nx x ny shape, created lazily per direction on first
 // use and kept until the object dies. Not copyable. Plans must be created
 // from the main thread only (the host FFT planner is not thread-safe); the
@@ -60,6 +64,9 @@ class FftPlan2d {
   void make(bool forward);
   float* scratch_real();
   float2* scratch_complex();
+  static bool dev_aligned(const void* p);
+  float* dev_scratch_real();
+  float2* dev_scratch_complex();
 
   int nx_, ny_, jobs_;
   bool gpu_;
@@ -71,25 +78,34 @@ class FftPlan2d {
   float2* tmp_c_ = nullptr;
   float* work_r_ = nullptr;  // device scratch for callers
   float2* work_c_ = nullptr;
+  float* dev_tmp_r_ = nullptr;  // device staging of unaligned arrays
+  float2* dev_tmp_c_ = nullptr;
 };
 
-// The same transforms for a batch of up to `batch` images of one shape,
-// consecutive in memory (nx*ny reals, (nx/2+1)*ny complex values apart): one
-// batched cuFFT plan per direction on the GPU; on the host the shape's
-// cached 2-D plan run image by image, so each image gets the bits a single
-// transform gives. c2r destroys its input.
+// The same transforms for batches of images of one shape, consecutive in
+// memory (nx*ny reals, (nx/2+1)*ny complex values apart). On the GPU one
+// batched cuFFT plan of `quantum` images per direction runs as often as a
+// batch needs, so every image passes through the same plan however many a
+// batch holds: the bits never depend on the batch size, which follows the
+// memory at hand. A batch of count images therefore reads and writes count
+// rounded up to whole quanta, and both arrays must hold that many. On the
+// host the shape's cached 2-D plan runs image by image (count exactly), so
+// each image gets the bits a single transform gives. c2r destroys its input.
 class FftPlanBatch {
  public:
-  FftPlanBatch(int nx, int ny, int batch);
+  FftPlanBatch(int nx, int ny, int quantum);
   ~FftPlanBatch();
   FftPlanBatch(const FftPlanBatch&) = delete;
   FftPlanBatch& operator=(const FftPlanBatch&) = delete;
   void r2c(const float* d_in, float2* d_out, int count);
   void c2r(float2* d_in, float* d_out, int count);
+  int quantum() const { return quantum_; }
+  // Images a batch of count touches: count rounded up to whole quanta on
+  // the GPU, count itself on the host.
+  int span(int count) const;
 
  private:
-  int nx_, ny_;
-  [[maybe_unused]] int batch_;  // the batched plans' size (CUDA builds)
+  int nx_, ny_, quantum_;
   [[maybe_unused]] int dev_fwd_ = -1, dev_inv_ = -1;  // cufftHandle (CUDA builds)
 };
 

@@ -101,17 +101,49 @@ int check_and_set_gid(int& gid) {
   return gvex_select_gid(gid, host_count, host_props);
 }
 
+#if defined(GVEX_WITH_CUDA)
+// A kernel launched through the launcher must really run: a fill of one
+// value read back. Catches what the static checks cannot (a driver that
+// accepts the code but runs nothing). Returns null when it ran.
+static const char* launch_round_trip() {
+  float* d = nullptr;
+  if (gvex_cuda::malloc_bytes((void**)&d, sizeof(float)) != 0) return "no device memory could be had";
+  float back = 0.0f;
+  const char* problem = nullptr;
+  try {
+    hcuda_memset_float(d, 1234.5f, 1);
+    if (gvex_cuda::copy(&back, d, sizeof back, 2) != 0 || back != 1234.5f) problem = "a test kernel did not run";
+  } catch (const GvexFailure&) {
+    problem = "a test kernel failed";
+  }
+  gvex_cuda::free_bytes(d);
+  return problem;
+}
+#endif
+
 const char* gvex_device_activate(int gid) {
-  static char line[512];
+  static char line[768];
   gvex_pool_clear();
+  char why[600] = "no GPU answered";
 #if defined(GVEX_WITH_CUDA)
   int major = 0, minor = 0;
   if (gvex_cuda::device_count() > 0 && gvex_cuda::device_props(gid, major, minor)) {
-    gvex_cuda::set_device(gid);
-    g_on_gpu = true;
-    snprintf(line, sizeof line, "Running on GPU %d: %s (compute capability %d.%d)\n", gid,
-             gvex_cuda::device_name(gid), major, minor);
-    return line;
+    // A GPU this binary cannot run its kernels on would turn every launch
+    // into a no-op and the run into garbage: it counts as no usable GPU.
+    const char* problem = gvex_cuda::usable(gid);
+    if (!problem) {
+      g_on_gpu = true;
+      problem = launch_round_trip();
+    }
+    if (!problem) {
+      snprintf(line, sizeof line, "Running on GPU %d: %s (compute capability %d.%d)\n", gid,
+               gvex_cuda::device_name(gid), major, minor);
+      return line;
+    }
+    g_on_gpu = false;
+    gvex_pool_clear();
+    snprintf(why, sizeof why, "GPU %d, %s (compute capability %d.%d), cannot be used: %s", gid,
+             gvex_cuda::device_name(gid), major, minor, problem);
   }
 #endif
   g_on_gpu = false;
@@ -119,8 +151,7 @@ const char* gvex_device_activate(int gid) {
   // average, which the run's own threads raise, so on a quiet two-core
   // machine it shrinks to one thread. The MPI companion divides the cores
   // among the ranks of a machine itself.
-  snprintf(line, sizeof line, "Running on the host back end (no GPU answered), %d thread(s)\n",
-           gvex_host_threads());
+  snprintf(line, sizeof line, "Running on the host back end (%s), %d thread(s)\n", why, gvex_host_threads());
   return line;
 }
 
@@ -264,8 +295,17 @@ int memcpy_D2D(void* dst, const void* src, unsigned long bytes) { return device_
 // ---- fills ----
 
 void hcuda_empty(void* p, unsigned long bytes) {
+  // One byte per thread, so a slab past the launcher's 2^31 elements is
+  // cleared a gigabyte at a time rather than in part.
+  const unsigned long chunk = 1UL << 30;
   unsigned char* b = static_cast<unsigned char*>(p);
-  launch_1d(GVEX_SITE, bytes, GVEX_LAMBDA(int i) { b[i] = 0; });
+  unsigned long done = 0;
+  do {
+    const unsigned long n = bytes - done < chunk ? bytes - done : chunk;
+    unsigned char* c = b + done;
+    launch_1d(GVEX_SITE, n, GVEX_LAMBDA(int i) { c[i] = 0; });
+    done += n;
+  } while (done < bytes);
 }
 
 void hcuda_memset_float(float* p, float value, unsigned long n) {
@@ -280,6 +320,12 @@ void gvex_device_error(const char* text, int line, const char* source_path) {
   gvex_throw(buf, 1, true);
 }
 
+void gvex_launch_too_large(const char* source_path, int line, unsigned long nx, unsigned long ny) {
+  char text[160];
+  snprintf(text, sizeof text, "launch of %lu x %lu elements past the launcher's limit", nx, ny);
+  gvex_device_error(text, line, source_path);
+}
+
 void gvex_check_kernel(const char* source_path, int line) {
 #if defined(GVEX_WITH_CUDA)
   if (g_on_gpu) {
@@ -289,6 +335,14 @@ void gvex_check_kernel(const char* source_path, int line) {
 #endif
   (void)source_path;
   (void)line;
+}
+
+void gvex_check_copy(int code, const char* source_path, int line) {
+  if (code == 0) return;
+#if defined(GVEX_WITH_CUDA)
+  if (g_on_gpu) gvex_device_error(gvex_cuda::error_text(code), line, source_path);
+#endif
+  gvex_device_error("copy failed", line, source_path);
 }
 
 void gvex_check_fft(int result, const char* source_path, int line) {

@@ -1,7 +1,23 @@
 // CUDA twin of gpu/device.cpp (host back end and dispatch).
 #include <cuda_runtime.h>
 
+#include <cstdio>
+
 #include "gpu/device_cuda.h"
+#include "gpu/launch.h"
+
+#ifndef GVEX_CUDA_ARCH_LIST
+#define GVEX_CUDA_ARCH_LIST "(not recorded)"
+#endif
+
+namespace {
+// Stands for every kernel of the launcher: all are built for the same
+// architectures, so if this one has code for the device, they all have.
+struct ProbeFill {
+  float* p;
+  __device__ void operator()(int i) const { p[i] = 0.0f; }
+};
+}  // namespace
 
 namespace gvex_cuda {
 
@@ -25,7 +41,28 @@ bool device_props(int id, int& major, int& minor) {
   return true;
 }
 
-void set_device(int id) { cudaSetDevice(id); }
+const char* usable(int id) {
+  static char why[400];
+  cudaError_t e = cudaSetDevice(id);
+  if (e != cudaSuccess) {
+    cudaGetLastError();
+    snprintf(why, sizeof why, "it cannot be made current (%s)", cudaGetErrorString(e));
+    return why;
+  }
+  cudaFuncAttributes attr;
+  e = cudaFuncGetAttributes(&attr, gvex_kernel_1d<ProbeFill>);
+  if (e != cudaSuccess) {
+    cudaGetLastError();
+    snprintf(why, sizeof why, "this build holds no code for it (%s; built for %s)", cudaGetErrorString(e),
+             GVEX_CUDA_ARCH_LIST);
+    return why;
+  }
+  if (const char* cufft = gvex_cufft_load()) {
+    snprintf(why, sizeof why, "%s", cufft);
+    return why;
+  }
+  return nullptr;
+}
 
 const char* device_name(int id) {
   static cudaDeviceProp prop;
@@ -74,6 +111,8 @@ int mem_info(unsigned long& free_b, unsigned long& total_b, const char** err) {
   *err = cudaGetErrorString(e);
   return (int)e;
 }
+
+const char* error_text(int code) { return cudaGetErrorString((cudaError_t)code); }
 
 const char* sync_error() {
   cudaGetLastError();  // a refused launch configuration is not an error here

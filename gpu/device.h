@@ -67,6 +67,9 @@ void hcuda_memset_float(float* p, float value, unsigned long n);
 // Synchronise and end the process on a pending device error:
 // "Error %s at line %d in file %s\n" on stderr, exit status 1.
 void gvex_check_kernel(const char* source_path, int line);
+// A copy's platform code checked the same way (for copies whose failure
+// would leave garbage behind).
+void gvex_check_copy(int code, const char* source_path, int line);
 // Same line with a given platform text (used by both back ends' checks).
 [[noreturn]] void gvex_device_error(const char* text, int line, const char* source_path);
 // Check a cuFFT (or host FFT) result code the same way.

@@ -18,6 +18,16 @@ struct gvex_site {
 inline unsigned int gvex_blocks_1d(unsigned long n) { return (unsigned int)((n + 1023) >> 10); }
 inline unsigned int gvex_blocks_2d(int n) { return (unsigned int)((n + 31) / 32); }
 
+// The largest shapes the launchers take: a 1-D thread index is a 32-bit
+// signed number, and a grid has at most 65535 blocks in y. The device would
+// refuse a larger 2-D grid and skip the kernel without a word, and a larger
+// 1-D range would leave its tail untouched, so both end the run instead.
+// Callers keep their arrays below these limits (the working size is bounded
+// for that); this is the last line of defence, never the plan.
+constexpr unsigned long GVEX_LAUNCH_MAX_1D = 1UL << 31;
+constexpr int GVEX_LAUNCH_MAX_ROWS = 65535 * 32;
+[[noreturn]] void gvex_launch_too_large(const char* source_path, int line, unsigned long nx, unsigned long ny);
+
 #if defined(__CUDACC__)
 template <class F>
 __global__ void gvex_kernel_1d(unsigned long n, F f) {
@@ -39,6 +49,7 @@ constexpr long GVEX_OMP_MIN = 1L << 15;
 
 template <class F>
 void launch_1d(gvex_site s, unsigned long n, F f) {
+  if (n > GVEX_LAUNCH_MAX_1D) gvex_launch_too_large(s.file, s.line, n, 1);
 #if defined(__CUDACC__)
   if (gvex_on_gpu()) {
     if (n > 0) gvex_kernel_1d<<<gvex_blocks_1d(n), 1024>>>(n, f);
@@ -53,6 +64,7 @@ void launch_1d(gvex_site s, unsigned long n, F f) {
 
 template <class F>
 void launch_2d(gvex_site s, int nx, int ny, F f) {
+  if (ny > GVEX_LAUNCH_MAX_ROWS) gvex_launch_too_large(s.file, s.line, (unsigned long)nx, (unsigned long)ny);
 #if defined(__CUDACC__)
   if (gvex_on_gpu()) {
     if (nx > 0 && ny > 0) {

@@ -20,6 +20,10 @@
 
 namespace {
 const char* const gvex_module = "vexmatch56";
+// Images per run of the batched FFT plan, and the most angles a batch holds
+// (beyond that launches are already long enough to hide their start).
+constexpr int SCAN_QUANTUM = 8;
+constexpr int SCAN_BATCH_MAX = 32;
 }
 
 // One template's stored spectra: the first `capacity` angles of its angle
@@ -41,33 +45,71 @@ struct ScanWorkspace::Impl {
   std::vector<std::unique_ptr<StoredTemplate>> store;
   std::vector<float> probe;  // host copy of the template being scanned
   std::unique_ptr<FusedScanHost> fused;  // host back end
-  // Batched path: a batch of padded templates, their spectra when not
-  // stored, the products and the correlation maps, and the angles with
-  // their cosines and sines.
-  int batch = 0;
+  // Batched path: a batch of padded templates, their spectra, the products
+  // and the correlation maps, and the angles with their cosines and sines.
+  // Made once: the batch size is fixed for the workspace.
+  int batch = 0, quantum = 0;
   std::unique_ptr<DeviceArray<float>> pad, cc, trig;
   std::unique_ptr<DeviceArray<float2>> F, P;
   std::unique_ptr<FftPlanBatch> plans;
   std::unique_ptr<DeviceArray<float>> rot;  // fused path: one rotated template
 
-  void make_batch(int b) {
-    if (batch == b) return;
+  void make_batch(int b, int q) {
+    if (batch == b && quantum == q) return;
     batch = b;
+    quantum = q;
+    // Zeroed, so that a quantum's images past the batch's last angle hold
+    // defined values when the plan transforms them too.
     pad.reset(new DeviceArray<float>((unsigned long)b * nx * ny, true));
-    cc.reset(new DeviceArray<float>((unsigned long)b * nx * ny));
-    F.reset(new DeviceArray<float2>((unsigned long)b * spec_n));
-    P.reset(new DeviceArray<float2>((unsigned long)b * spec_n));
-    trig.reset(new DeviceArray<float>(3UL * b));
-    plans.reset(new FftPlanBatch(nx, ny, b));
+    cc.reset(new DeviceArray<float>((unsigned long)b * nx * ny, true));
+    F.reset(new DeviceArray<float2>((unsigned long)b * spec_n, true));
+    P.reset(new DeviceArray<float2>((unsigned long)b * spec_n, true));
+    trig.reset(new DeviceArray<float>(3UL * b, true));
+    plans.reset(new FftPlanBatch(nx, ny, q));
   }
 };
 
-ScanWorkspace::ScanWorkspace(unsigned long spectrum_budget_bytes) : budget_(spectrum_budget_bytes) {}
+ScanWorkspace::ScanWorkspace(unsigned long spectrum_budget_bytes, int batch)
+    : budget_(spectrum_budget_bytes), batch_(batch > 0 ? batch : 0) {}
 
 unsigned long gvex_scan_store_budget(unsigned long available, int sharers) {
   const unsigned long share = available / 2 / (unsigned long)(sharers > 0 ? sharers : 1);
   return share < (8UL << 30) ? share : (8UL << 30);
 }
+
+int gvex_scan_quantum(int nx, int ny, int n_angles) {
+  // A batch's product is one launch: a quantum of spectra stays below the
+  // launcher's limit.
+  const unsigned long cap = GVEX_LAUNCH_MAX_1D / ((unsigned long)(nx / 2 + 1) * ny);
+  long q = n_angles < SCAN_QUANTUM ? n_angles : SCAN_QUANTUM;
+  if ((unsigned long)q > cap) q = (long)cap;
+  if (q < 1) q = 1;
+  // Each quantum's first image must sit where cuFFT takes it: at odd sizes
+  // that means a few more images per quantum.
+  const unsigned long spec = (unsigned long)(nx / 2 + 1) * ny;
+  while ((unsigned long)q * nx * ny * sizeof(float) % GVEX_FFT_ALIGN != 0 ||
+         (unsigned long)q * spec * sizeof(float2) % GVEX_FFT_ALIGN != 0)
+    q++;
+  return (int)q;
+}
+
+int gvex_scan_batch(int nx, int ny, int n_angles, unsigned long bytes) {
+  const unsigned long spec = (unsigned long)(nx / 2 + 1) * ny;
+  // Per angle: the padded template and its map (reals), its spectrum and
+  // the product (complex), and about as much again for cuFFT's work areas.
+  const unsigned long per_angle = 2UL * nx * ny * sizeof(float) + 4UL * spec * sizeof(float2);
+  const int q = gvex_scan_quantum(nx, ny, n_angles);
+  unsigned long b = bytes / per_angle;
+  if (b > (unsigned long)SCAN_BATCH_MAX) b = SCAN_BATCH_MAX;
+  // The product is one launch over the batch: below the launcher's limit.
+  const unsigned long launch_cap = GVEX_LAUNCH_MAX_1D / spec;
+  if (b > launch_cap) b = launch_cap;
+  const unsigned long whole = (unsigned long)(n_angles + q - 1) / q * q;
+  if (b > whole) b = whole;
+  b = b / q * q;
+  return b < (unsigned long)q ? q : (int)b;
+}
+
 ScanWorkspace::~ScanWorkspace() = default;
 
 ScanWorkspace::Impl& ScanWorkspace::impl(int nx, int ny) {
@@ -135,17 +177,6 @@ void hcuda_2d_swap_divide_inplace(float* d_p, int nx, int ny, float s) {
 
 namespace {
 
-// Angles per batch on the GPU: as many as a quarter of the free memory
-// holds (four images per angle), at most 32 (beyond that launches are
-// already long enough to hide their start).
-int gpu_batch(int nx, int ny, int n_angles) {
-  const unsigned long per_angle = 4UL * (unsigned long)(nx / 2 + 1) * ny * sizeof(float2);
-  const unsigned long fit = gvex_memory_available() / 4 / per_angle;
-  long b = fit < 32 ? (long)fit : 32;
-  if (b > n_angles) b = n_angles;
-  return b < 1 ? 1 : (int)b;
-}
-
 // Rotations of the template by the batch's angles, each pasted into the
 // middle of its own cleared image: the arithmetic of hcuda_2d_rotate and
 // hcuda_x2d_cp_small_to_large_center, one launch for the batch. trig holds
@@ -206,7 +237,7 @@ int vexmatch_ccmax_psi_by_one_template(float* mic, float* mask, float* ccmax, fl
   StoredTemplate* stored = nullptr;
   if (ws->spectrum_budget() > 0) {
     w.probe.resize(tn);
-    memcpy_D2H(w.probe.data(), T, tn * sizeof(float));
+    gvex_check_copy(memcpy_D2H(w.probe.data(), T, tn * sizeof(float)), __FILE__, __LINE__);
     for (auto& t : w.store)
       if (t->tnx == tnx && t->tny == tny && t->angles == angles &&
           memcmp(t->pixels.data(), w.probe.data(), tn * sizeof(float)) == 0) {
@@ -248,9 +279,14 @@ int vexmatch_ccmax_psi_by_one_template(float* mic, float* mask, float* ccmax, fl
     }
   } else {
     // Batches of angles: every batch lies wholly inside the stored angles
-    // or wholly outside, so its spectra are consecutive in one array.
-    const int nb_max = ws->batch() > 0 ? ws->batch() : gvex_on_gpu() ? gpu_batch(nx, ny, na) : 1;
-    w.make_batch(nb_max < na ? nb_max : na);
+    // or wholly outside, so its spectra are consecutive in one array. The
+    // batch size is fixed for the workspace; on a GPU its plan runs whole
+    // quanta, so the last batch's tail transforms images it does not use.
+    if (ws->batch() == 0)
+      ws->fix_batch(gvex_on_gpu() ? gvex_scan_batch(nx, ny, na, gvex_memory_available() / 4) : 1);
+    const int q = gvex_scan_quantum(nx, ny, na);
+    const int b = ws->batch() < na ? ws->batch() : na;
+    w.make_batch(gvex_on_gpu() ? (b + q - 1) / q * q : b, q);
     bool pad_clear = false;  // every paste covers the same region of its image
     std::vector<float> trig(3 * w.batch);
     for (int a = 0; a < na;) {
@@ -266,8 +302,8 @@ int vexmatch_ccmax_psi_by_one_template(float* mic, float* mask, float* ccmax, fl
         trig[2 * k + 1] = sinf(rad);
         trig[2 * w.batch + k] = angles[a + k];
       }
-      memcpy_H2D(w.trig->get(), trig.data(), trig.size() * sizeof(float));
-      const float2* F;
+      gvex_check_copy(memcpy_H2D(w.trig->get(), trig.data(), trig.size() * sizeof(float)), __FILE__, __LINE__);
+      const float2* F = w.F->get();
       if (stored && a < stored->filled) {
         F = slot(a);
       } else {
@@ -276,10 +312,11 @@ int vexmatch_ccmax_psi_by_one_template(float* mic, float* mask, float* ccmax, fl
           pad_clear = true;
         }
         rotate_paste_batch(w.pad->get(), T, w.trig->get(), nb, nx, ny, tnx, tny);
-        float2* dst = a < capacity ? slot(a) : w.F->get();
-        w.plans->r2c(w.pad->get(), dst, nb);
-        if (a < capacity) stored->filled = end;
-        F = dst;
+        w.plans->r2c(w.pad->get(), w.F->get(), nb);
+        if (a < capacity) {
+          gvex_check_copy(memcpy_D2D(slot(a), w.F->get(), (unsigned long)nb * spec_bytes), __FILE__, __LINE__);
+          stored->filled = end;
+        }
       }
       multconj_batch(w.M.get(), F, w.P->get(), nb, w.spec_n, norm);
       w.plans->c2r(w.P->get(), w.cc->get(), nb);

@@ -16,6 +16,18 @@ constexpr unsigned long GVEX_SCAN_CACHE_DEFAULT = 2UL << 30;
 // more angles than any scan needs).
 unsigned long gvex_scan_store_budget(unsigned long available, int sharers);
 
+// Angles per batch of the GPU's batched scan, fixed for a run: as many as
+// `bytes` hold (four images per angle, and about as much again for cuFFT's
+// work areas), at most 32, in whole quanta of the batched FFT plan (at
+// least one), and within the launcher's limit. A run computes it once from
+// the memory left after the store, divided by the processes sharing the GPU.
+int gvex_scan_batch(int nx, int ny, int n_angles, unsigned long bytes);
+// Images per run of the batched FFT plan for an angle list of this length
+// (at most 8, and within the launcher's limit at this size):
+// every angle of a scan passes through a plan of this many images, whatever
+// the batch size, so the bits do not depend on the memory at hand.
+int gvex_scan_quantum(int nx, int ny, int n_angles);
+
 // Buffers of the scan for one working size, made once per run and handed to
 // every scan call, and a bounded store of rotated-template spectra that
 // survives from one micrograph to the next: such a spectrum depends only on
@@ -26,7 +38,9 @@ unsigned long gvex_scan_store_budget(unsigned long available, int sharers);
 // the slab are simply recomputed.
 class ScanWorkspace {
  public:
-  explicit ScanWorkspace(unsigned long spectrum_budget_bytes = GVEX_SCAN_CACHE_DEFAULT);
+  // batch: angles per batch of the batched path (gvex_scan_batch), 0 to
+  // let the first scan choose from the memory free then.
+  explicit ScanWorkspace(unsigned long spectrum_budget_bytes = GVEX_SCAN_CACHE_DEFAULT, int batch = 0);
   ~ScanWorkspace();
   ScanWorkspace(const ScanWorkspace&) = delete;
   ScanWorkspace& operator=(const ScanWorkspace&) = delete;
@@ -46,6 +60,7 @@ class ScanWorkspace {
   }
   bool host_fused() const { return fused_; }
   int batch() const { return batch_; }
+  void fix_batch(int batch) { batch_ = batch; }
 
   // Internal to the scan: buffers for an nx x ny image (made anew, and the
   // store emptied, when the size changes) and the byte budget.

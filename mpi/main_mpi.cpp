@@ -156,7 +156,13 @@ int run_mpi(int argc, char** argv, int rank, int ranks, int local_rank, int loca
   Progress progress(p->mic_files, p->n_mic);
   GVexRun run;
   run.p = p.get();
+  // The processes sharing this rank's memory: on the host every rank of the
+  // node, on a GPU the ranks of the node that were given the same GPU.
   run.store_sharers = local_ranks;
+  if (gvex_on_gpu()) {
+    const int gpus = gvex_device_count(), mine = local_rank % gpus;
+    run.store_sharers = (local_ranks - mine + gpus - 1) / gpus;
+  }
   // Every rank prepares, so that a refused template ends all of them with
   // the same lines; a rank that fails alone (a broken GPU) ends the others too.
   int ok = 1, all_ok = 1;

@@ -96,6 +96,9 @@ int gvexmatch_check_values(const GVexMatch_Para* p);
 int gvexmatch_grid_cell(const GVexMatch_Para* p);
 // Largest grid cell accepted: the side of the largest square working image.
 constexpr int GVEX_MAX_CELL = 46340;
+// Largest working size: its mirror-padded double (band-passes, local
+// statistics) stays below 2^31 elements.
+constexpr int GVEX_MAX_WORKING = 23170;
 
 // out (1024 bytes) = mic without its suffix + "_nonunique.box". shrink does
 // not enter the name. A name that would not fit is fatal.

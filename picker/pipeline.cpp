@@ -54,6 +54,16 @@ void gvexmatch_working_sizes(GVexRun& run, int nx, int ny) {
              p->first_mic ? p->first_mic : "(none)", nx, ny, p->shrink);
     GVEX_FAIL(why);
   }
+  // Band-passes and local statistics work on a mirror-padded copy of twice
+  // the working size, which must stay below the launcher's 2^31 elements.
+  if (run.ext > GVEX_MAX_WORKING) {
+    char why[GVEX_NAME_LEN + 200];
+    snprintf(why, sizeof why,
+             "micrograph %s of %d x %d pixels gives a working size of %d pixels at --speed %d, more than the %d "
+             "pixels a working image may have (raise --speed)",
+             p->first_mic ? p->first_mic : "(none)", nx, ny, run.ext, p->speed, GVEX_MAX_WORKING);
+    GVEX_FAIL(why);
+  }
   run.gx = run.gy = (int)(((long)run.ext + run.cell - 1) / run.cell);  // cell may be near INT_MAX
 }
 
@@ -93,7 +103,19 @@ void gvexmatch_prepare_run(GVexRun& run) {
   run.peak_index.assign(cells, 0);
   run.peak_score.assign(cells, 0.0f);
   run.peak_angle.assign(cells, 0.0f);
-  run.ws.reset(new ScanWorkspace(gvex_scan_store_budget(gvex_memory_available(), run.store_sharers)));
+  // The store and the scan's batch share what this process may use of the
+  // memory left: the store half of it, the batch half of the rest (the
+  // first micrograph still needs room for its temporaries). Both are fixed
+  // here for the whole run.
+  const unsigned long available = gvex_memory_available();
+  const unsigned long store = gvex_scan_store_budget(available, run.store_sharers);
+  int batch = 0;
+  if (gvex_on_gpu()) {
+    const unsigned long share = available / (unsigned long)(run.store_sharers > 0 ? run.store_sharers : 1);
+    const int n_angles = (int)get_rotation_angles((float)p->ang_start, p->ang_end, p->ang_step).size();
+    batch = gvex_scan_batch(run.ext, run.ext, n_angles, share > store ? (share - store) / 2 : 0);
+  }
+  run.ws.reset(new ScanWorkspace(store, batch));
 }
 
 // Diagnostic image of the working size beside the micrograph.

@@ -10,9 +10,10 @@
 #include "common/owned.h"
 #include "gpu/resample.h"
 
-MicPrefetch::MicPrefetch(const MRC_HEAD& ref, int shrink, int ext)
+MicPrefetch::MicPrefetch(const MRC_HEAD& ref, int shrink, int ext, int threads)
     : ref_(ref),
       shrink_(shrink),
+      threads_(threads > 0 ? threads : 1),
       raw_((unsigned long)ref.nx * ref.ny),
       shrunk_((unsigned long)ext * ext) {}
 
@@ -43,9 +44,9 @@ static bool same_file(const struct stat& a, const struct stat& b) {
 
 void MicPrefetch::read_now() {
 #if defined(_OPENMP)
-  // Background work: the shrink's loops stay on this thread, leaving the
-  // cores to the micrograph being picked.
-  omp_set_num_threads(1);
+  // Background work: the shrink's loops take only the cores the picking
+  // leaves free (on the host back end none: it stays on this thread).
+  omp_set_num_threads(threads_);
 #endif
   if (shrink_ < 1) return;  // the shrink would complain, and that is the run's to say
   try {

@@ -17,7 +17,9 @@ class MicPrefetch {
  public:
   // Micrographs of the reference's size and mode, shrunk by shrink (>= 1;
   // anything else is left to the run) to the ext x ext working image.
-  MicPrefetch(const MRC_HEAD& ref, int shrink, int ext);
+  // threads: host threads the shrink may use (the cores the picking of the
+  // current micrograph leaves free).
+  MicPrefetch(const MRC_HEAD& ref, int shrink, int ext, int threads = 1);
   ~MicPrefetch();  // waits for a read in flight
   MicPrefetch(const MicPrefetch&) = delete;
   MicPrefetch& operator=(const MicPrefetch&) = delete;
@@ -42,7 +44,7 @@ class MicPrefetch {
   void read_now();  // the thread's body
 
   MRC_HEAD ref_;
-  int shrink_;
+  int shrink_, threads_;
   HostBuffer<float> raw_, shrunk_;
   std::thread thread_;
   // Set before the thread starts or by the thread; read after the join.

@@ -12,6 +12,7 @@
 #include "common/owned.h"
 #include "common/stop_point.h"
 #include "common/strutil.h"
+#include "gpu/device.h"
 #include "io/boxfile.h"
 #include "io/mrcfile.h"
 #include "picker/help.h"
@@ -151,7 +152,9 @@ int gvexmatch_run(GVexMatch_Para* p, const char* prog) {
   run.p = p;
   gvexmatch_working_sizes(run, ref->nx, ref->ny);
   // Its thread ends with the scope, on every way out of the run.
-  MicPrefetch ahead(*ref, p->shrink, run.ext);
+  // On a GPU the host cores are idle but for this read: half of them shrink.
+  const int read_threads = gvex_on_gpu() ? (gvex_host_threads() + 1) / 2 : 1;
+  MicPrefetch ahead(*ref, p->shrink, run.ext, read_threads);
   read_ahead(ahead, p, 0);  // the first micrograph, while the templates are prepared
   gvexmatch_prepare_run(run);
   gvex_timer_pop("PREPARATION");

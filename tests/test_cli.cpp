@@ -35,7 +35,7 @@ struct Golden {
 };
 
 std::vector<Golden> load_golden(const std::string& name) {
-  std::istringstream in(read_text_file(std::string(GVEX_SOURCE_DIR) + "/tests/golden/cli/" + name));
+  std::istringstream in(read_text_file(gvex_source_dir() + "/tests/golden/cli/" + name));
   std::vector<Golden> blocks;
   for (std::string line; std::getline(in, line);) {
     if (line.rfind("$ @BIN@", 0) == 0) {
@@ -78,7 +78,7 @@ bool transcript_matches(std::string want, const std::string& got) {
 
 TEST(Cli, GoldenTranscripts) {
   int n = 0;
-  for (const auto& e : std::filesystem::directory_iterator(std::string(GVEX_SOURCE_DIR) + "/tests/golden/cli")) {
+  for (const auto& e : std::filesystem::directory_iterator(gvex_source_dir() + "/tests/golden/cli")) {
     for (const Golden& g : load_golden(e.path().filename().string())) {
       SCOPED_TRACE(e.path().filename().string() + ": " + (g.args.empty() ? "" : g.args[0]) + " ...");
       const RunResult r = gvex(g.args);

@@ -24,7 +24,7 @@ const double kApix = 1.34, kRadius = 120.0 / (2 * kApix);
 // seed, and dir/<stem>_truth.txt, their centres.
 inline bool make_mic(const std::string& dir, const std::string& name, int nx, int ny, int seed,
                      std::vector<std::string> more = {}) {
-  std::vector<std::string> argv = {std::string(GVEX_TOOLS_DIR) + "/gvex_makemic", "make", name};
+  std::vector<std::string> argv = {gvex_tools_dir() + "/gvex_makemic", "make", name};
   std::istringstream words("--nx " + std::to_string(nx) + " --ny " + std::to_string(ny) +
                            " --apix 1.34 --diameter 120 --seed " + std::to_string(seed));
   for (std::string w; words >> w;) argv.push_back(w);

@@ -68,11 +68,23 @@ RunResult run_shell(const std::string& command, const RunOptions& opt) {
   return run_argv({"/bin/sh", "-c", command}, opt);
 }
 
-std::string gvex_bin() {
-#ifdef GVEX_BIN
-  return GVEX_BIN;
+// A relocated build (the GPU bundle) names its root, which holds the build
+// tree's layout and the test data, in GVEX_TEST_BUILD_DIR; otherwise the
+// paths this build was configured with.
+static std::string relocated(const char* sub, const std::string& fallback) {
+  const char* v = getenv("GVEX_TEST_BUILD_DIR");
+  return v && *v ? std::string(v) + sub : fallback;
+}
+
+std::string gvex_bin() { return relocated("/gvexmatch", GVEX_BIN); }
+std::string gvex_tools_dir() { return relocated("/tools", GVEX_TOOLS_DIR); }
+std::string gvex_source_dir() { return relocated("", GVEX_SOURCE_DIR); }
+
+std::string gvex_foreign_bin() {
+#ifdef GVEX_FOREIGN_BIN
+  return relocated("/gvexmatch_foreign", GVEX_FOREIGN_BIN);
 #else
-  return "gvexmatch";
+  return relocated("/gvexmatch_foreign", "");
 #endif
 }
 

@@ -25,8 +25,14 @@ RunResult run_argv(const std::vector<std::string>& argv, const RunOptions& opt =
 // Runs a command line through /bin/sh -c.
 RunResult run_shell(const std::string& command, const RunOptions& opt = RunOptions());
 
-// Path of the built gvexmatch executable.
+// Paths of the built programs and of the source tree's test data; a
+// relocated build (the GPU bundle) names its root in GVEX_TEST_BUILD_DIR.
 std::string gvex_bin();
+std::string gvex_tools_dir();
+std::string gvex_source_dir();
+// The picker whose launcher is built for other architectures only (empty
+// when this build has none).
+std::string gvex_foreign_bin();
 
 // A fresh empty directory under the system's temporary folder, removed with
 // everything in it when the object goes out of scope.
