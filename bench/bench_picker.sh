@@ -95,6 +95,7 @@ run() {
       sub(/^>>>>>>TIME<<<<<< */, ""); split($0, a, ": "); sub(/s$/, "", a[2])
       if (a[1] == "READING") k++
       if (a[1] == "READING" || a[1] == "NORMALIZATION" || a[1] == "PICKING") t[k] += a[2]
+      if (k > 1 && (a[1] == "READING" || a[1] == "NORMALIZATION" || a[1] == "PICKING")) stage[a[1]] += a[2]
       if (a[1] == "TOTAL") total = a[2]
       if (a[1] == "PREPARATION") prep = a[2]
     }
@@ -106,6 +107,7 @@ run() {
       printf "  bare FFT work per micrograph (spectra stored): %.3fs\n", fft
       printf "  micrograph times:"; for (i = 1; i <= k; i++) printf " %.3f", t[i]; printf " s\n"
       printf "  steady state / FFT work      %6.2f   (%.3fs)\n", steady / fft, steady
+      if (k > 1) printf "  steady state by stage: reading %.4fs, normalization %.4fs, picking %.4fs\n", stage["READING"] / (k - 1), stage["NORMALIZATION"] / (k - 1), stage["PICKING"] / (k - 1)
       printf "  first micrograph overhead    %6.3fs", t[1] - steady
       if (nt * na == 288) printf "   (of which writing %d MiB of fresh memory once: %.3fs)", store_mib, fresh / 1000
       printf "\n"
