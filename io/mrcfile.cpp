@@ -17,7 +17,6 @@
 #include "common/owned.h"
 #include "common/errors.h"
 #include "common/records.h"
-#include "gpu/device.h"
 #include "gpu/hm_math.h"
 #include "gpu/resample.h"
 #include "io/io_messages.h"
@@ -317,16 +316,6 @@ int write_head_data_named(FILE* fp, MRC_HEAD* head, const float* data, const cha
   return 0;
 }
 
-int write_head_ddata_named(FILE* fp, MRC_HEAD* head, const float* d_data, const char* name, const char* func,
-                           int line) {
-  if (head->mode != 2)
-    gvex_fatal(func, gvex_module, line, "mrc_write_head_alldata() does not support writing float data to other MRC format.");
-  const unsigned long n = written_count(head, name, func, line);
-  std::vector<float> host(n > 0 ? n : 1);
-  if (n > 0) memcpy_D2H(host.data(), d_data, n * sizeof(float));
-  return write_head_data_named(fp, head, host.data(), name, func, line);
-}
-
 }  // namespace
 
 // ---------------------------------------------------------------------------
@@ -544,29 +533,20 @@ int mrc_write_head_data(FILE* fp, MRC_HEAD* head, const float* data) {
                                __LINE__);
 }
 
-// One mode-2 image file under a .part name, renamed when complete; the
-// data come from the host or, with on_device, from a device array.
-static void write_xyz_file(const char* name, const float* data, bool on_device, int nx, int ny, int nz,
-                           const char* func) {
+// One mode-2 image file under a .part name, renamed when complete; func
+// names the writer in its failure lines.
+int mrcf_write_xyz_data_as(const char* name, const float* data, int nx, int ny, int nz, const char* func) {
   PartFile file(name, "w+");
   if (!file.fp()) gvex_open_write_failed(name, func, gvex_module, __LINE__);
   std::unique_ptr<MRC_HEAD, void (*)(MRC_HEAD*)> head(mrc_new_head(), mrc_delete_head);
   mrc_set_head_xyz_mode(head.get(), nx, ny, nz, 2);
-  if (on_device)
-    write_head_ddata_named(file.fp(), head.get(), data, name, func, __LINE__);
-  else
-    write_head_data_named(file.fp(), head.get(), data, name, func, __LINE__);
+  write_head_data_named(file.fp(), head.get(), data, name, func, __LINE__);
   if (!file.commit()) io_write_failed(name, func, gvex_module, __LINE__);
+  return 0;
 }
 
 int mrcf_write_xyz_data(const char* name, const float* data, int nx, int ny, int nz) {
-  write_xyz_file(name, data, false, nx, ny, nz, "mrcf_write_xyz_data");
-  return 0;
-}
-
-int mrcf_write_xyz_ddata(const char* name, const float* d_data, int nx, int ny, int nz) {
-  write_xyz_file(name, d_data, true, nx, ny, nz, "mrcf_write_xyz_ddata");
-  return 0;
+  return mrcf_write_xyz_data_as(name, data, nx, ny, nz, "mrcf_write_xyz_data");
 }
 
 // ---------------------------------------------------------------------------

@@ -96,7 +96,9 @@ int check_mrc_head_sizes_two(const char* name1, const char* name2, const MRC_HEA
 int mrc_write_head(FILE* fp, const MRC_HEAD* head);
 int mrc_write_head_data(FILE* fp, MRC_HEAD* head, const float* data);
 int mrcf_write_xyz_data(const char* name, const float* data, int nx, int ny, int nz);
-int mrcf_write_xyz_ddata(const char* name, const float* d_data, int nx, int ny, int nz);
+// The same, naming func in its failure lines (for writers of other data,
+// such as the device images of match/write_image.h).
+int mrcf_write_xyz_data_as(const char* name, const float* data, int nx, int ny, int nz, const char* func);
 
 // ---- file names ----
 int get_micrograph_suffixn(const char* name);  // 4 ".mrc", 5 ".mrcs", else 0

@@ -21,6 +21,8 @@ static const char* const gvex_module = "boxfile";
 
 namespace {
 
+const unsigned int NO_TEMPLATE = 0xFFFFFFFFu;  // a cell no candidate reached
+
 // The candidate files hold seven numbers per line: x y w h score template
 // angle. Returns false for a line with fewer than seven numbers (or any of
 // the first seven not a number), which is then passed over.
@@ -61,28 +63,9 @@ bool names_a_file(const char* name) {
   return name && name[0] && name[0] != '\n' && strcasecmp(name, "NULL") != 0 && strcasecmp(name, "NONE") != 0;
 }
 
-}  // namespace
-
-int box_filter(int nx, int ny, float min_dist, float score_limit, float scale, int box_x, int box_y, int2 origin,
-               char* in_file, char* excluded_file, char* out_file, int format) {
-  FILE* in = fopen(in_file, "r");
-  if (!in) gvex_open_read_failed(in_file, "box_filter", "boxfile", 331);
-
-  const int c = (int)(1.4142135f * min_dist / 2);
-  if (c < 1 || nx < 1 || ny < 1) {
-    fclose(in);
-    char why[200];
-    snprintf(why, sizeof why, "merge cell of %d pixels (minimum distance %g) on a %d x %d image; the cell must be at least 1 pixel",
-             c, min_dist, nx, ny);
-    GVEX_FAIL(why);
-  }
-  const int gnx = gvex_grid_size(nx, c), gny = gvex_grid_size(ny, c);
-  const long ng = (long)gnx * gny;
-  const unsigned int none = 0xFFFFFFFFu;
-  std::vector<float> best(ng, 0.0f), angle(ng, 0.0f);
-  std::vector<unsigned int> index(ng, 0u), templ(ng, none);
-
-  // 1. best candidate per cell
+// 1. The best candidate per merge cell (strictly better replaces).
+void best_per_cell(FILE* in, int nx, int ny, int c, int gnx, std::vector<float>& best, std::vector<float>& angle,
+                   std::vector<unsigned int>& index, std::vector<unsigned int>& templ) {
   char* line = nullptr;
   size_t cap = 0;
   while (getline(&line, &cap, in) != -1) {
@@ -100,11 +83,13 @@ int box_filter(int nx, int ny, float min_dist, float score_limit, float scale, i
     }
   }
   free(line);
-  fclose(in);
+}
 
-  // 2. neighbour suppression, in scan order and in place: a cell falls to an
-  // equal or better close neighbour; at the border the cell is its own
-  // neighbour, so the outer ring of cells never survives.
+// 2. Neighbour suppression, in scan order and in place: a cell falls to an
+// equal or better close neighbour; at the border the cell is its own
+// neighbour, so the outer ring of cells never survives.
+void suppress_neighbours(int nx, int c, int gnx, int gny, const std::vector<float>& best,
+                         std::vector<unsigned int>& index) {
   const long long lim2 = 2LL * c * c;
   for (int gy = 0; gy < gny; gy++) {
     for (int gx = 0; gx < gnx; gx++) {
@@ -119,52 +104,92 @@ int box_filter(int nx, int ny, float min_dist, float score_limit, float scale, i
       }
     }
   }
+}
 
-  // 3. score limit
-  for (long g = 0; g < ng; g++)
-    if (index[g] && best[g] < score_limit) index[g] = 0;
-
-  // 4. positions excluded by the user, in micrograph pixels
-  if (names_a_file(excluded_file) && access(excluded_file, R_OK) == 0) {
-    std::vector<PTCL_BOX> ex(ng);
-    const int n = read_all_ptcl_boxes(ex.data(), (int)ng, excluded_file);
-    const float lim = 2.0f * c * c * scale * scale;
-    for (long g = 0; g < ng; g++) {
-      if (!index[g]) continue;
-      const long long px = index[g] % (unsigned int)nx, py = index[g] / (unsigned int)nx;
-      const long long x = (long long)(int)(px * scale) + origin.x;
-      const long long y = (long long)(int)(py * scale) + origin.y;
-      for (int k = 0; k < n; k++) {
-        // In double: coordinates from a hand-edited file may be anywhere in
-        // the int range, and their squares would overflow 64-bit integers.
-        const double dx = (double)(x - ((long long)ex[k].x + ex[k].bx / 2));
-        const double dy = (double)(y - ((long long)ex[k].y + ex[k].by / 2));
-        if ((float)(dx * dx + dy * dy) < lim) {
-          index[g] = 0;
-          break;
-        }
+// 4. Positions excluded by the user, in micrograph pixels.
+void drop_excluded(int nx, int c, float scale, int2 origin, const char* excluded_file, std::vector<unsigned int>& index) {
+  const long ng = (long)index.size();
+  std::vector<PTCL_BOX> ex(ng);
+  const int n = read_all_ptcl_boxes(ex.data(), (int)ng, excluded_file);
+  const float lim = 2.0f * c * c * scale * scale;
+  for (long g = 0; g < ng; g++) {
+    if (!index[g]) continue;
+    const long long px = index[g] % (unsigned int)nx, py = index[g] / (unsigned int)nx;
+    const long long x = (long long)(int)(px * scale) + origin.x;
+    const long long y = (long long)(int)(py * scale) + origin.y;
+    for (int k = 0; k < n; k++) {
+      // In double: coordinates from a hand-edited file may be anywhere in
+      // the int range, and their squares would overflow 64-bit integers.
+      const double dx = (double)(x - ((long long)ex[k].x + ex[k].bx / 2));
+      const double dy = (double)(y - ((long long)ex[k].y + ex[k].by / 2));
+      if ((float)(dx * dx + dy * dy) < lim) {
+        index[g] = 0;
+        break;
       }
     }
   }
+}
 
-  // 5. output
-  FILE* out = fopen(out_file, "w+");
-  if (!out) gvex_open_write_failed(out_file, "box_filter", "boxfile", __LINE__);
-  if (format == 1) output_starbox_head(out);
+}  // namespace
+
+static std::vector<Pick> merge_candidates(int nx, int ny, float min_dist, float score_limit, float scale, int box_x,
+                                   int box_y, int2 origin, const char* in_file, const char* excluded_file) {
+  FILE* in = fopen(in_file, "r");
+  if (!in) gvex_open_read_failed(in_file, "box_filter", "boxfile", 331);
+
+  const int c = (int)(1.4142135f * min_dist / 2);
+  if (c < 1 || nx < 1 || ny < 1) {
+    fclose(in);
+    char why[200];
+    snprintf(why, sizeof why, "merge cell of %d pixels (minimum distance %g) on a %d x %d image; the cell must be at least 1 pixel",
+             c, min_dist, nx, ny);
+    GVEX_FAIL(why);
+  }
+  const int gnx = gvex_grid_size(nx, c), gny = gvex_grid_size(ny, c);
+  const long ng = (long)gnx * gny;
+  std::vector<float> best(ng, 0.0f), angle(ng, 0.0f);
+  std::vector<unsigned int> index(ng, 0u), templ(ng, NO_TEMPLATE);
+  best_per_cell(in, nx, ny, c, gnx, best, angle, index, templ);
+  fclose(in);
+  suppress_neighbours(nx, c, gnx, gny, best, index);
+  for (long g = 0; g < ng; g++)
+    if (index[g] && best[g] < score_limit) index[g] = 0;
+  if (names_a_file(excluded_file) && access(excluded_file, R_OK) == 0)
+    drop_excluded(nx, c, scale, origin, excluded_file, index);
+
+  // Picks whose box lies inside the micrograph, in cell order.
+  std::vector<Pick> picks;
   const int hx = box_x / 2, hy = box_y / 2;
   for (long g = 0; g < ng; g++) {
-    if (!index[g] || templ[g] == none) continue;
+    if (!index[g] || templ[g] == NO_TEMPLATE) continue;
     const unsigned int px = index[g] % (unsigned int)nx, py = index[g] / (unsigned int)nx;
     const float sx = px * scale, sy = py * scale;
     if (!(hx < sx && sx < nx * scale - hx && hy < sy && sy < ny * scale - hy)) continue;
-    if (format == 1)
-      fprintf(out, "%-8d%-8d%-8.6f\t%-8d%-8.6f\n", (int)sx + origin.x, (int)sy + origin.y, angle[g], (int)templ[g],
-              best[g]);
-    else
-      fprintf(out, "%-8d%-8d%-8d%-8d%-8.6f\t%-8d%-8.6f\n", (int)(sx - hx) + origin.x, (int)(sy - hy) + origin.y,
-              box_x, box_y, best[g], (int)templ[g], angle[g]);
+    Pick p;
+    p.x = (int)sx + origin.x;
+    p.y = (int)sy + origin.y;
+    p.w = box_x;
+    p.h = box_y;
+    p.score = best[g];
+    p.cls = (int)templ[g];
+    p.psi = angle[g];
+    picks.push_back(p);
   }
-  const bool bad = ferror(out) != 0;
-  if (fclose(out) != 0 || bad) gvex_open_write_failed(out_file, "box_filter", "boxfile", __LINE__);
-  return 0;
+  return picks;
+}
+
+void write_merged_picks(const char* out_file, const std::vector<Pick>& picks, bool star) {
+  FILE* out = fopen(out_file, "w+");
+  if (!out) gvex_open_write_failed(out_file, "box_filter", "boxfile", __LINE__);
+  const bool ok = picks_write(out, picks, star);
+  if (fclose(out) != 0 || !ok) gvex_open_write_failed(out_file, "box_filter", "boxfile", __LINE__);
+}
+
+std::vector<Pick> box_filter(int nx, int ny, float min_dist, float score_limit, float scale, int box_x, int box_y,
+                             int2 origin, const char* in_file, const char* excluded_file, const char* out_file,
+                             int format) {
+  std::vector<Pick> picks =
+      merge_candidates(nx, ny, min_dist, score_limit, scale, box_x, box_y, origin, in_file, excluded_file);
+  write_merged_picks(out_file, picks, format == 1);
+  return picks;
 }

@@ -14,6 +14,7 @@
 #include "gpu/pool.h"
 #include "io/boxfile.h"
 #include "io/mrcfile.h"
+#include "match/write_image.h"
 #include "match/peaks.h"
 
 namespace {

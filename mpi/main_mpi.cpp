@@ -24,9 +24,8 @@
 #include "io/mrcfile.h"
 #include "mpi/progress.h"
 #include "picker/help.h"
-#include "picker/params.h"
-#include "picker/pipeline.h"
-#include "picker/run.h"
+#include "picker/session.h"
+#include "picker/startup.h"
 #include "picker/timer.h"
 
 namespace {
@@ -83,19 +82,29 @@ void usage(const char* prog) {
 }
 
 // Picks micrograph i and says how it went.
-Result pick_one(GVexRun& run, const MRC_HEAD& ref, int i, int rank) {
+Result pick_one(PickSession& session, const GVexMatch_Para& p, int i, int rank) {
   Result r;
   r.index = i;
   const double t0 = gvex_wall_seconds();
-  try {
+  PickResult picked;
+  {
     Quiet quiet(true);
-    r.outcome = gvexmatch_process_one(run, ref, i) ? OUTCOME_DONE : OUTCOME_SKIPPED;
-  } catch (const GvexFailure& f) {
-    r.outcome = OUTCOME_FAILED;
-    snprintf(r.reason, sizeof r.reason, "rank %d: %s", rank, gvex_failure_reason(f.text).c_str());
+    picked = session.pick(p.mic_files[i]);
   }
   r.seconds = gvex_wall_seconds() - t0;
-  if (r.outcome == OUTCOME_DONE) r.picks = gvex_count_picks(run.p->mic_files[i]);
+  switch (picked.outcome) {
+    case PickResult::Outcome::finished:
+      r.outcome = OUTCOME_DONE;
+      r.picks = (int)picked.picks.size();
+      break;
+    case PickResult::Outcome::skipped:
+      r.outcome = OUTCOME_SKIPPED;
+      break;
+    case PickResult::Outcome::failed:
+      r.outcome = OUTCOME_FAILED;
+      snprintf(r.reason, sizeof r.reason, "rank %d: %s", rank, gvex_failure_reason(picked.failure.text).c_str());
+      break;
+  }
   return r;
 }
 
@@ -119,14 +128,14 @@ void hand_out(int ranks, Progress& progress) {
   }
 }
 
-void work(GVexRun& run, const MRC_HEAD& ref, int rank) {
+void work(PickSession& session, const GVexMatch_Para& p, int rank) {
   Result r;
   for (;;) {
     MPI_Send(&r, sizeof r, MPI_BYTE, 0, TAG_RESULT, MPI_COMM_WORLD);
     int i = kStop;
     MPI_Recv(&i, 1, MPI_INT, 0, TAG_WORK, MPI_COMM_WORLD, MPI_STATUS_IGNORE);
     if (i == kStop) return;
-    r = pick_one(run, ref, i, rank);
+    r = pick_one(session, p, i, rank);
   }
 }
 
@@ -136,32 +145,28 @@ int run_mpi(int argc, char** argv, int rank, int ranks, int local_rank, int loca
     if (rank == 0) usage(prog);
     return argc < 2 ? 2 : 0;
   }
-  std::unique_ptr<GVexMatch_Para, void (*)(GVexMatch_Para*)> p(new GVexMatch_Para(), gvexmatch_delete_parameters);
-  Owned<MRC_HEAD> ref;
+  ParaPtr p(nullptr, gvexmatch_delete_parameters);
+  Reference ref;
   {
     // The option echo and the reference micrograph's warnings, once.
     Quiet quiet(rank != 0);
     gvex_timer_push();
-    gvexmatch_init_parameters(argc, p.get());
-    gvexmatch_get_parameters(argc, argv, p.get());
-    gvexmatch_fput_parameters(argc, argv, p.get(), stdout);
-    gvexmatch_check_values(p.get());
+    p = gvexmatch_start(argc, argv, [](int& gid) { return check_and_set_gid(gid) == 0; });
     const int gpus = gvex_device_count();
 #if defined(_OPENMP)
     if (gpus == 0) omp_set_num_threads(std::max(1, omp_get_num_procs() / local_ranks));
 #endif
     fputs(gvex_device_activate(gpus > 0 ? (p->gid + local_rank) % gpus : p->gid), stdout);
-    ref.reset(gvexmatch_reference(p.get(), prog));
+    ref = gvexmatch_reference(*p, prog);
   }
   Progress progress(p->mic_files, p->n_mic);
-  GVexRun run;
-  run.p = p.get();
+  PickSession session(derive(options_from_record(*p)));
   // The processes sharing this rank's memory: on the host every rank of the
   // node, on a GPU the ranks of the node that were given the same GPU.
-  run.store_sharers = local_ranks;
+  int sharers = local_ranks;
   if (gvex_on_gpu()) {
     const int gpus = gvex_device_count(), mine = local_rank % gpus;
-    run.store_sharers = (local_ranks - mine + gpus - 1) / gpus;
+    sharers = (local_ranks - mine + gpus - 1) / gpus;
   }
   // Every rank prepares, so that a refused template ends all of them with
   // the same lines; a rank that fails alone (a broken GPU) ends the others too.
@@ -169,8 +174,7 @@ int run_mpi(int argc, char** argv, int rank, int ranks, int local_rank, int loca
   GvexFailure failure;
   try {
     Quiet quiet(true);
-    gvexmatch_working_sizes(run, ref->nx, ref->ny);
-    gvexmatch_prepare_run(run);
+    session.prepare(ref.head, ref.name, sharers);
   } catch (const GvexFailure& f) {
     ok = 0;
     failure = f;
@@ -180,13 +184,13 @@ int run_mpi(int argc, char** argv, int rank, int ranks, int local_rank, int loca
   if (!all_ok) gvex_throw("Another rank could not prepare the run; its messages went to its own output.\n");
   if (ranks == 1) {
     for (int i = 0; i < p->n_mic; i++) {
-      const Result r = pick_one(run, *ref, i, rank);
+      const Result r = pick_one(session, *p, i, rank);
       progress.finished(i, r.outcome, r.picks, r.seconds, r.reason);
     }
   } else if (rank == 0) {
     hand_out(ranks, progress);
   } else {
-    work(run, *ref, rank);
+    work(session, *p, rank);
   }
   return rank == 0 ? progress.summary() : 0;
 }

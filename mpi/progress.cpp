@@ -61,12 +61,3 @@ std::string gvex_failure_reason(const std::string& text) {
   return out.size() > 480 ? out.substr(0, 477) + "..." : out;
 }
 
-int gvex_count_picks(const char* mic) {
-  char name[GVEX_NAME_LEN];
-  set_outname_by_suffix(name, mic, "_vexmatch.box");
-  std::ifstream in(name);
-  int n = 0;
-  for (std::string line; std::getline(in, line);)
-    if (line.find_first_not_of(" \t\r") != std::string::npos) n++;
-  return n;
-}

@@ -13,9 +13,9 @@
 #include "common/errors.h"
 #include "common/records.h"
 #include "common/strutil.h"
-#include "gpu/device.h"
 #include "picker/help.h"
 #include "picker/options.h"
+#include "picker/settings.h"
 
 // Module name in this unit's failure lines.
 static const char* const gvex_module = "vexmatch56";
@@ -29,22 +29,6 @@ int index_of(const OptionRow* r) {
 
 char* text_field(GVexMatch_Para* p, const OptionRow& o) {
   return *reinterpret_cast<char**>(reinterpret_cast<char*>(p) + o.field);
-}
-
-// (int) of a double that may not fit: NaN gives 0, out of range saturates.
-int trunc_to_int(double v) {
-  if (!(v == v)) return 0;
-  if (v >= 2147483647.0) return INT_MAX;
-  if (v <= -2147483648.0) return INT_MIN;
-  return (int)v;
-}
-
-void compute_derived_fields(GVexMatch_Para* p) {
-  const float s = (float)p->shrink;
-  p->min_dist_px = p->min_dist / (s * p->apixM);
-  p->template_r = p->template_r_scale * p->diameter / (s * 2 * p->apixM);
-  p->lsigma_r = p->lsigma_D / (s * 2 * p->apixM);
-  p->lave_r = p->lave_D / (s * 2 * p->apixM);
 }
 
 [[noreturn]] void unknown_option(const char* word) {
@@ -82,9 +66,8 @@ void gvexmatch_init_parameters(int argc, GVexMatch_Para* p) {
   p->auto_template = 1;
   p->ang_start = 0;
   p->ang_end = 359.0f;
-  p->first_mic = nullptr;
   p->min_dist_given = 0;
-  compute_derived_fields(p);
+  record_derived_values(p, derive(options_from_record(*p)));
 }
 
 void gvexmatch_speed2shrink(int& speed, int& shrink) {
@@ -94,7 +77,7 @@ void gvexmatch_speed2shrink(int& speed, int& shrink) {
   shrink = k_shrink[speed];
 }
 
-int gvexmatch_get_parameters(int argc, char** argv, GVexMatch_Para* p) {
+ParsedOptions gvexmatch_parse_options(int argc, char** argv, GVexMatch_Para* p) {
   int n_rows = 0;
   gvex_options(n_rows);
   std::vector<bool> seen_v(n_rows, false);
@@ -116,7 +99,7 @@ int gvexmatch_get_parameters(int argc, char** argv, GVexMatch_Para* p) {
     if (i + 1 >= argc) {
       char why[128];
       snprintf(why, sizeof why, "option --%s needs a value", o->name);
-      GVEX_FAIL(why);
+      gvex_fatal("gvexmatch_get_parameters", gvex_module, 119, why);
     }
     const char* value = argv[++i];
     if (o->kind == OPT_FLOAT) {
@@ -128,39 +111,45 @@ int gvexmatch_get_parameters(int argc, char** argv, GVexMatch_Para* p) {
     } else if (!str_copy_fits(text_field(p, *o), value, GVEX_NAME_LEN)) {
       char why[128];
       snprintf(why, sizeof why, "the value of option --%s is longer than %d characters", o->name, GVEX_NAME_LEN - 1);
-      GVEX_FAIL(why);
+      gvex_fatal("gvexmatch_get_parameters", gvex_module, 131, why);
     }
   }
 
   if (strcasecmp(p->T, "NULL") != 0 && strcasecmp(p->T, "NONE") != 0) p->auto_template = 0;
 
   // Defaults that follow the particle size, unless the user set them.
-  const double d = p->diameter;
-  p->min_dist_given = seen("min_dist") ? 1 : 0;
-  if (!seen("min_dist")) p->min_dist = (float)(0.8 * d);
-  if (!seen("boxsize")) p->boxsize = 2 * (trunc_to_int(d * 1.33 / (double)p->apixM) / 2);
-  if (!seen("lsigma_D")) p->lsigma_D = (float)(0.5 * d + 100);
-  if (!seen("lave_D")) p->lave_D = (float)(0.3 * d + 200);
-  compute_derived_fields(p);
+  PickOptions o = options_from_record(*p);
+  o.min_dist_given = seen("min_dist");
+  o.boxsize_given = seen("boxsize");
+  o.lsigma_D_given = seen("lsigma_D");
+  o.lave_D_given = seen("lave_D");
+  p->min_dist_given = o.min_dist_given ? 1 : 0;
+  record_derived_values(p, derive(o));
 
   if (p->n_mic == 0) gvexmatch_help_exit(argv[0], "No valid files to be processed.");
-  if (check_and_set_gid(p->gid) == -1) gvexmatch_help_exit(argv[0], "Failed to find any usable GPU device!");
+  ParsedOptions parsed;
+  parsed.diameter = seen("diameter");
+  parsed.T = seen("T");
+  parsed.apixM = seen("apixM");
+  parsed.apixT = seen("apixT");
+  return parsed;
+}
 
-  if (!seen("diameter"))
+void gvexmatch_advise(const ParsedOptions& seen, GVexMatch_Para* p) {
+  if (!seen.diameter)
     printf("Waring: You have not set the parameter '--diameter',  the default value 400Å will be used.\n");
-  if (!seen("T"))
+  if (!seen.T)
     printf("Waring: You have not set the parameter '--T',  the automatically generated Gaussian template will be "
            "used. This is fine for 'spherical particles' like virus or ribosome. Do use templates for "
            "non-spherical particles.\n");
-  if (!seen("apixM"))
+  if (!seen.apixM)
     printf("Waring: You have not set the parameter '--apixM', the pixel size of micrograph is assumed to be "
            "1.34Å by default.\n");
-  if (!seen("apixT")) {
+  if (!seen.apixT) {
     printf("Waring: You have not set the parameter '--apixT', the pixel size of templates is assumed to be the "
            "same as micrographs by default.\n");
     p->apixT = p->apixM;
   }
-  return 0;
 }
 
 // ---- echo ----
@@ -183,11 +172,7 @@ std::string gvexmatch_valid_options_text() {
 
 // ---- value checks ----
 
-int gvexmatch_grid_cell(const GVexMatch_Para* p) {
-  const float c = p->min_dist * 1.4142135f / (2 * p->shrink * p->apixM);
-  return trunc_to_int(c);
-}
-
+// The line numbers of these messages are fixed texts: scripts match them.
 [[noreturn]] static void bad_value(int line, const char* fmt, const char* option, double v) {
   char why[256];
   snprintf(why, sizeof why, fmt, option, v);
@@ -196,33 +181,33 @@ int gvexmatch_grid_cell(const GVexMatch_Para* p) {
 
 int gvexmatch_check_values(const GVexMatch_Para* p) {
   if (!(p->apixM > 0.0f) || p->apixM == (float)INFINITY)
-    bad_value(__LINE__, "option %s must be a positive pixel size, not %g", "--apixM", p->apixM);
+    bad_value(199, "option %s must be a positive pixel size, not %g", "--apixM", p->apixM);
   if (!(p->diameter > 0.0f))
-    bad_value(__LINE__, "option %s must be a positive particle diameter, not %g", "--diameter", p->diameter);
+    bad_value(201, "option %s must be a positive particle diameter, not %g", "--diameter", p->diameter);
   // min_dist either came from the user or follows the diameter.
   const bool own = p->min_dist_given != 0;
   const char* md_option = own ? "--min_dist" : "--diameter";
   const double md_value = own ? p->min_dist : p->diameter;
-  const int cell = gvexmatch_grid_cell(p);
+  const int cell = derive(options_from_record(*p)).cell;
   if (cell < 1)
-    bad_value(__LINE__, own ? "option %s %g leaves a picking grid cell below one working pixel"
+    bad_value(208, own ? "option %s %g leaves a picking grid cell below one working pixel"
                             : "option %s %g gives a minimum distance whose picking grid cell is below one working pixel",
               md_option, md_value);
   // No working image is wider than GVEX_MAX_CELL pixels (arrays stay below
   // 2^31 elements), and squared distances of such cells must fit 64 bits.
   if (cell > GVEX_MAX_CELL)
-    bad_value(__LINE__, "option %s %g gives a minimum distance larger than any micrograph", md_option, md_value);
+    bad_value(214, "option %s %g gives a minimum distance larger than any micrograph", md_option, md_value);
   if (!p->auto_template) {
     // With the synthetic template a single orientation is scanned, so the
     // step only matters for a template file.
     const float s = p->ang_step;
     if (!(s > 0.0f) || 359.0f + s == 359.0f || (double)(p->ang_end - p->ang_start) / s > 36000.0)
-      bad_value(__LINE__, "option %s %g must be a positive step that scans at most 36000 angles", "--ang_step", s);
+      bad_value(220, "option %s %g must be a positive step that scans at most 36000 angles", "--ang_step", s);
     if (!(p->apixT > 0.0f) || p->apixT == (float)INFINITY)
-      bad_value(__LINE__, "option %s must be a positive pixel size, not %g", "--apixT", p->apixT);
+      bad_value(222, "option %s must be a positive pixel size, not %g", "--apixT", p->apixT);
   }
   if (p->extract_raw && p->boxsize <= 0)
-    bad_value(__LINE__, "option %s must be positive to extract particles, not %g", "--boxsize", p->boxsize);
+    bad_value(225, "option %s must be positive to extract particles, not %g", "--boxsize", p->boxsize);
   return 0;
 }
 

@@ -65,7 +65,6 @@ struct GVexMatch_Para {
   float min_dist_px;           // derived: min_dist in shrunk px
   float lsigma_r;              // derived: lsigma_D radius in shrunk px
   float lave_r;                // derived: lave_D radius in shrunk px
-  char* first_mic = nullptr;   // first readable micrograph, set by the driver
   int min_dist_given;          // 1 when --min_dist was on the command line
 };
 
@@ -73,9 +72,18 @@ struct GVexMatch_Para {
 // default and the derived fields computed from them.
 void gvexmatch_init_parameters(int argc, GVexMatch_Para* p);
 
-// Scans argv into p, applies derived defaults, selects the GPU and prints
-// the advisory warnings. Returns 0 or ends the process.
-int gvexmatch_get_parameters(int argc, char** argv, GVexMatch_Para* p);
+// Which options left at their defaults deserve the advisory lines.
+struct ParsedOptions {
+  bool diameter = false, T = false, apixM = false, apixT = false;  // given on the command line
+};
+
+// Scans argv into p and applies the derived defaults; no micrograph name is
+// a help exit. Returns what the advice needs, or ends through the failure path.
+ParsedOptions gvexmatch_parse_options(int argc, char** argv, GVexMatch_Para* p);
+
+// The advisory "Waring:" lines for options left at their defaults; an
+// unset --apixT then takes --apixM.
+void gvexmatch_advise(const ParsedOptions& seen, GVexMatch_Para* p);
 
 // speed 0..4 -> shrink 1, 2, 4, 6, 8; any other speed is fatal.
 void gvexmatch_speed2shrink(int& speed, int& shrink);
@@ -90,10 +98,6 @@ std::string gvexmatch_valid_options_text();
 // option). Returns 0 when all is well.
 int gvexmatch_check_values(const GVexMatch_Para* p);
 
-// Exclusion-grid cell size in shrunk pixels:
-// (int)(min_dist * 1.4142135 / (2 * shrink * apixM)) in float arithmetic,
-// with values that do not fit an int (infinite, NaN, huge) giving 0 or INT_MAX.
-int gvexmatch_grid_cell(const GVexMatch_Para* p);
 // Largest grid cell accepted: the side of the largest square working image.
 constexpr int GVEX_MAX_CELL = 46340;
 // Largest working size: its mirror-padded double (band-passes, local

@@ -23,16 +23,16 @@ void MicPrefetch::wait() {
   if (thread_.joinable()) thread_.join();
 }
 
-void MicPrefetch::start(int index, const char* path) {
-  if (index == index_ && path_ == path) return;  // read or being read, not yet taken
+void MicPrefetch::start(const std::string& path) {
+  if (pending_ && path_ == path) return;  // read or being read, not yet taken
   wait();
-  index_ = index;
+  pending_ = true;
   ok_ = false;
   try {
     path_ = path;
     thread_ = std::thread(&MicPrefetch::read_now, this);
   } catch (const std::exception&) {  // no thread (or no memory): the run reads it itself
-    index_ = -1;
+    pending_ = false;
   }
 }
 
@@ -68,12 +68,13 @@ void MicPrefetch::read_now() {
   }
 }
 
-bool MicPrefetch::take(int index, FILE* fp, const MRC_HEAD& head, HostBuffer<float>& raw, HostBuffer<float>& shrunk) {
-  if (index_ != index) return false;  // another micrograph's read stays for its turn
+bool MicPrefetch::take(const std::string& path, FILE* fp, const MRC_HEAD& head, HostBuffer<float>& raw,
+                       HostBuffer<float>& shrunk) {
+  if (!pending_ || path_ != path) return false;  // another micrograph's read stays for its turn
   wait();
   const bool ok = ok_;
   ok_ = false;
-  index_ = -1;
+  pending_ = false;
   struct stat now;
   if (!ok || fstat(fileno(fp), &now) != 0 || !same_file(now, st_) || memcmp(&head, &head_, sizeof head) != 0)
     return false;

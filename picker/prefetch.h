@@ -24,18 +24,19 @@ class MicPrefetch {
   MicPrefetch(const MicPrefetch&) = delete;
   MicPrefetch& operator=(const MicPrefetch&) = delete;
 
-  // Starts reading plane 0 of path as micrograph index, once any earlier
-  // read has ended; nothing when that read was this one and is not yet
-  // taken. Without a thread to run it on, nothing is read.
-  void start(int index, const char* path);
+  // Starts reading plane 0 of path, once any earlier read has ended;
+  // nothing when that read was this one and is not yet taken. Without a
+  // thread to run it on, nothing is read.
+  void start(const std::string& path);
 
-  // For micrograph index, waits for its read (another micrograph's read
-  // is left alone, for that one's turn). True when there was one, it
+  // For micrograph path, waits for its read (another micrograph's read is
+  // left alone, for that one's turn). True when there was one, it
   // succeeded, and fp (open on that micrograph, its header in head) is still
   // the file that was read: same device, inode, size, modification and
   // change times, same header. raw and shrunk (nx*ny and ext*ext) then
   // trade places with the prefetched buffers. Each read is taken once.
-  bool take(int index, FILE* fp, const MRC_HEAD& head, HostBuffer<float>& raw, HostBuffer<float>& shrunk);
+  bool take(const std::string& path, FILE* fp, const MRC_HEAD& head, HostBuffer<float>& raw,
+            HostBuffer<float>& shrunk);
 
   // Returns once no read is in flight.
   void wait();
@@ -48,7 +49,7 @@ class MicPrefetch {
   HostBuffer<float> raw_, shrunk_;
   std::thread thread_;
   // Set before the thread starts or by the thread; read after the join.
-  int index_ = -1;
+  bool pending_ = false;  // a read of path_ not yet taken
   std::string path_;
   bool ok_ = false;
   MRC_HEAD head_;

@@ -45,7 +45,8 @@ double gvex_timer_pop(const char* stage) {
 
 int gvex_timer_depth() { return g_depth; }
 
-void gvex_timer_reset() {
-  g_depth = 0;
-  g_full_reported = false;
+void gvex_timer_truncate(int depth) {
+  if (depth < 0) depth = 0;
+  if (depth < g_depth) g_depth = depth;
+  if (g_depth == 0) g_full_reported = false;
 }

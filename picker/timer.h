@@ -17,6 +17,7 @@ void gvex_timer_push();
 // With nothing to pop it prints a warning instead and returns -1.
 double gvex_timer_pop(const char* stage);
 
-// Entries on the stack, and emptying it (both for tests).
+// Entries on the stack, and dropping those above depth without a line (a
+// failed micrograph's open stages; an emptied stack starts afresh).
 int gvex_timer_depth();
-void gvex_timer_reset();
+void gvex_timer_truncate(int depth);

@@ -37,10 +37,7 @@ const char* const kUsage =
     "                   keeping the picks at or above its cut-off\n"
     "  --help           this text\n";
 
-[[noreturn]] void usage_error(const std::string& why) {
-  fprintf(stderr, "gvexreport: %s\n%s", why.c_str(), kUsage);
-  exit(2);
-}
+[[noreturn]] void usage_error(const std::string& why) { gvex_throw("gvexreport: " + why + "\n" + kUsage, 2, true); }
 
 double number(const char* opt, const char* v) {
   char* end = nullptr;
@@ -63,7 +60,9 @@ std::string base_name(const std::string& p) {
 }
 
 int run(int argc, char** argv) {
-  Settings set;
+  const PickOptions defaults = pick_defaults();
+  double apix = defaults.apixM, diameter = defaults.diameter;
+  bool apix_given = false;
   std::string out, suffix = "_vexmatch.star";
   int boxsize = 0;
   bool apply = false;
@@ -80,10 +79,10 @@ int run(int argc, char** argv) {
     } else if (a == "--out") {
       out = value();
     } else if (a == "--apixM") {
-      set.apix = number("--apixM", value());
-      set.apix_given = true;
+      apix = number("--apixM", value());
+      apix_given = true;
     } else if (a == "--diameter") {
-      set.diameter = number("--diameter", value());
+      diameter = number("--diameter", value());
     } else if (a == "--suffix") {
       suffix = value();
     } else if (a == "--boxsize") {
@@ -99,7 +98,8 @@ int run(int argc, char** argv) {
   }
   if (out.empty()) usage_error("--out DIR is required");
   if (mics.empty()) usage_error("no micrographs given");
-  if (boxsize <= 0) boxsize = 2 * ((int)(set.diameter * 1.33 / set.apix) / 2);
+  const Settings set = report_settings(apix, diameter, apix_given);
+  if (boxsize <= 0) boxsize = set.pick.opt.boxsize;
   if (!make_dir(out)) {
     fprintf(stderr, "gvexreport: cannot make the report folder %s: %s\n", out.c_str(), strerror(errno));
     return 1;
@@ -114,8 +114,14 @@ int run(int argc, char** argv) {
       fprintf(stderr, "gvexreport: cannot read micrograph %s:\n%s", m.name.c_str(), f.text.c_str());
       return 1;
     }
-    m.picks_found = read_picks(beside(m.name, suffix), boxsize, m.picks);
-    m.rejected = read_rejected(beside(m.name, "_rejected.box"));
+    const std::string picks_path = beside(m.name, suffix), rejected_path = beside(m.name, "_rejected.box");
+    const PicksRead got = picks_read(picks_path, boxsize, m.picks);
+    m.picks_found = got.opened;
+    const PicksRead cells = rejected_read(rejected_path, m.rejected);
+    for (const auto& [read, path] : {std::make_pair(got, picks_path), std::make_pair(cells, rejected_path)})
+      if (read.refused > 0)
+        m.warnings.push_back(std::to_string(read.refused) + " damaged line(s) of " + path + " skipped (the first is line " +
+                             std::to_string(read.first_refused) + "): numbers not finite or out of range");
     double area = 0;
     for (const Cell& c : m.rejected) area += (double)c.w * c.h;
     m.masked = std::min(1.0, area / ((double)m.nx * m.ny));

@@ -36,37 +36,16 @@ void read_micrograph(Micrograph& m) {
   for (float v : m.pixels) m.nonfinite += !std::isfinite(v);
 }
 
-bool read_picks(const std::string& path, int box, std::vector<Pick>& picks) {
-  std::ifstream in(path);
-  if (!in) return false;
-  const bool star = path.size() > 5 && path.compare(path.size() - 5, 5, ".star") == 0;
-  for (std::string line; std::getline(in, line);) {
-    std::istringstream ws(line);
-    std::vector<double> v;
-    for (double d; ws >> d;) v.push_back(d);
-    Pick p;
-    if (star && v.size() >= 5) {  // x y psi class score
-      p.x = v[0], p.y = v[1], p.psi = v[2], p.cls = (int)v[3], p.score = v[4], p.w = p.h = box;
-    } else if (!star && v.size() >= 7) {  // corner x y, w h, score, class, psi
-      p.w = (int)v[2], p.h = (int)v[3];
-      p.x = v[0] + p.w / 2, p.y = v[1] + p.h / 2, p.score = v[4], p.cls = (int)v[5], p.psi = v[6];
-    } else {
-      continue;
-    }
-    picks.push_back(p);
-  }
-  return true;
-}
-
-std::vector<Cell> read_rejected(const std::string& path) {
-  std::vector<Cell> cells;
-  std::ifstream in(path);
-  for (Cell c; in >> c.x >> c.y >> c.w >> c.h;) {
-    cells.push_back(c);
-    std::string rest;
-    std::getline(in, rest);
-  }
-  return cells;
+Settings report_settings(double apix, double diameter, bool apix_given) {
+  Settings s;
+  s.apix = apix;
+  s.diameter = diameter;
+  s.apix_given = apix_given;
+  PickOptions o = pick_defaults();
+  o.apixM = (float)apix;
+  o.diameter = (float)diameter;
+  s.pick = derive(o);
+  return s;
 }
 
 namespace {
@@ -100,9 +79,9 @@ void add_warnings(Micrograph& m, const Settings& s) {
     w.push_back("no picks");
     return;
   }
-  // gvexmatch's grid: cells of 0.8 * diameter * sqrt(2) / 2 A; neighbouring
-  // cells never both hold a pick, so a quarter of them is the most there is.
-  const double cell = 0.8 * s.diameter * 1.4142135 / 2 / s.apix;
+  // gvexmatch's grid (at its default speed); neighbouring cells never both
+  // hold a pick, so a quarter of them is the most there is.
+  const double cell = (double)s.pick.cell * s.pick.shrink;
   const double room = std::ceil(m.nx / cell) * std::ceil(m.ny / cell) / 4;
   if (kept.size() > 0.8 * room)
     w.push_back("almost every grid cell holds a pick: the cut-off is too low or the picks are noise");
@@ -139,15 +118,10 @@ void add_warnings(Micrograph& m, const Settings& s) {
 }
 
 bool write_kept(const Micrograph& m, const std::string& box_path, const std::string& star_path) {
+  std::vector<Pick> kept;
+  for (const Pick& p : m.picks)
+    if (p.score >= m.cutoff) kept.push_back(p);
   PartFile box(box_path.c_str(), "w"), star(star_path.c_str(), "w");
   if (!box.fp() || !star.fp()) return false;
-  fprintf(star.fp(), "\ndata_\n\nloop_\n_rlnCoordinateX #1\n_rlnCoordinateY #2\n_rlnAnglePsi #3\n"
-                     "_rlnClassNumber #4\n_rlnAutopickFigureOfMerit #5\n");
-  for (const Pick& p : m.picks) {
-    if (p.score < m.cutoff) continue;
-    const int x = (int)std::lround(p.x), y = (int)std::lround(p.y);
-    fprintf(box.fp(), "%-8d%-8d%-8d%-8d%-8.6f\t%-8d%-8.6f\n", x - p.w / 2, y - p.h / 2, p.w, p.h, p.score, p.cls, p.psi);
-    fprintf(star.fp(), "%-8d%-8d%-8.6f\t%-8d%-8.6f\n", x, y, p.psi, p.cls, p.score);
-  }
-  return box.commit() && star.commit();
+  return picks_write(box.fp(), kept, false) && picks_write(star.fp(), kept, true) && box.commit() && star.commit();
 }

@@ -4,15 +4,8 @@
 #include <string>
 #include <vector>
 
-struct Pick {
-  double x = 0, y = 0;  // centre, micrograph pixels
-  double score = 0, psi = 0;
-  int cls = 1, w = 0, h = 0;
-};
-
-struct Cell {
-  int x = 0, y = 0, w = 0, h = 0;  // corner and size, micrograph pixels
-};
+#include "io/picks.h"
+#include "picker/settings.h"
 
 struct Micrograph {
   std::string name;                  // as given
@@ -35,17 +28,14 @@ std::string beside(const std::string& mic, const std::string& suffix);
 // GvexFailure with a message naming it.
 void read_micrograph(Micrograph& m);
 
-// Picks from a gvexmatch .star (centres) or .box (corners) file; false when
-// the file cannot be read. box is the box size given to STAR picks.
-bool read_picks(const std::string& path, int box, std::vector<Pick>& picks);
-
-// Cells of "_rejected.box"; none when the file is absent.
-std::vector<Cell> read_rejected(const std::string& path);
-
+// The report's view of the run: pixel size and diameter as gvexmatch took
+// them, and what gvexmatch derives from them.
 struct Settings {
   double apix = 1.34, diameter = 400;
   bool apix_given = false;
+  PickSettings pick;  // derive() of the two
 };
+Settings report_settings(double apix, double diameter, bool apix_given);
 
 // The warnings a user needs about this micrograph and its picks.
 void add_warnings(Micrograph& m, const Settings& s);

@@ -6,6 +6,7 @@
 #include <string>
 
 #include "common/atomic_file.h"
+#include "io/star_table.h"
 #include "report/png.h"
 
 namespace {
@@ -111,11 +112,16 @@ bool write_picture(const Micrograph& m, const Settings& s, const std::string& pa
     const uint8_t g = (uint8_t)std::lround(255 * std::min(1.0, std::max(0.0, v)));
     pic.rgb[3 * i] = pic.rgb[3 * i + 1] = pic.rgb[3 * i + 2] = g;
   }
-  for (const Cell& c : m.rejected)
-    for (int y = c.y / f; y < (c.y + c.h) / f; y++)
-      for (int x = c.x / f; x < (c.x + c.w) / f; x++) pic.blend(x, y, kRejected, 0.35);
+  // Only the part of a cell inside the picture is painted: the cost stays
+  // the picture's, whatever a damaged file claims.
+  for (const Cell& c : m.rejected) {
+    const long y0 = std::max(0L, c.y / f), y1 = std::min((long)h, (c.y + c.h) / f);
+    const long x0 = std::max(0L, c.x / f), x1 = std::min((long)w, (c.x + c.w) / f);
+    for (long y = y0; y < y1; y++)
+      for (long x = x0; x < x1; x++) pic.blend((int)x, (int)y, kRejected, 0.35);
+  }
   double top = m.cutoff;
-  for (const Pick& p : m.picks) top = std::max(top, p.score);
+  for (const Pick& p : m.picks) top = std::max(top, (double)p.score);
   const double r = s.diameter / 2 / s.apix / f;
   for (const Pick& p : m.picks) {
     uint8_t c[3];
@@ -192,18 +198,23 @@ bool write_page(const std::vector<Micrograph>& mics, const std::vector<std::stri
 }
 
 bool write_summary_star(const std::vector<Micrograph>& mics, const std::string& path) {
-  std::string s =
-      "# gvexreport: one row per micrograph\n\ndata_micrographs\n\nloop_\n_rlnMicrographName #1\n_gvexPickCount #2\n"
-      "_gvexKeptCount #3\n_gvexMeanScore #4\n_gvexMedianScore #5\n_gvexMaskedFraction #6\n_gvexSuggestedCutoff #7\n";
+  StarTable t;
+  t.name = "micrographs";
+  t.labels = {"rlnMicrographName", "gvexPickCount", "gvexKeptCount", "gvexMeanScore",
+              "gvexMedianScore", "gvexMaskedFraction", "gvexSuggestedCutoff"};
+  char num[64];
+  auto fmt = [&](const char* f, double v) {
+    snprintf(num, sizeof num, f, v);
+    return std::string(num);
+  };
   for (const Micrograph& m : mics) {
     const std::vector<double> v = scores_of(m);
     double mean = 0;
     long kept = 0;
     for (double x : v) mean += x / v.size(), kept += x >= m.cutoff;
-    char row[2048];
-    snprintf(row, sizeof row, "%s %zu %ld %.6f %.6f %.4f %.6f\n", m.name.c_str(), v.size(), kept, v.empty() ? 0.0 : mean,
-             v.empty() ? 0.0 : quantile(v, 0.5), m.masked, m.cutoff);
-    s += row;
+    t.rows.push_back({m.name, std::to_string(v.size()), std::to_string(kept), fmt("%.6f", v.empty() ? 0.0 : mean),
+                      fmt("%.6f", v.empty() ? 0.0 : quantile(v, 0.5)), fmt("%.4f", m.masked), fmt("%.6f", m.cutoff)});
   }
-  return write_text(path, s);
+  PartFile f(path.c_str(), "w");
+  return f.fp() && fputs("# gvexreport: one row per micrograph\n", f.fp()) >= 0 && star_write(f.fp(), t) && f.commit();
 }

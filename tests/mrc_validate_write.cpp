@@ -10,6 +10,7 @@
 #include "gpu/device.h"
 #include "io/extract.h"
 #include "io/mrcfile.h"
+#include "match/write_image.h"
 
 int main(int argc, char** argv) {
   if (argc != 2) return 2;

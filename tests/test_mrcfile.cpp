@@ -184,30 +184,30 @@ TEST(MrcRead, ReadAheadServesOnlyTheUnchangedFileItRead) {
   cpu_2d_meanshrink_extended_even_square(shrunk.data(), raw.data(), 12, 10, 2);
   MicPrefetch ahead(ref, 2, 6);
   HostBuffer<float> r(120), s(36);
-  auto take = [&](int i) {
+  auto take = [&](const std::string& name) {
     OwnedFile fp(fopen(a.c_str(), "r"));
     MRC_HEAD h;
     mrc_read_head(fp.get(), &h);
-    return ahead.take(i, fp.get(), h, r, s);
+    return ahead.take(name, fp.get(), h, r, s);
   };
   const std::string said = captured([&] {
-    ahead.start(0, a.c_str());
-    ASSERT_TRUE(take(0));
+    ahead.start(a);
+    ASSERT_TRUE(take(a));
     EXPECT_EQ(std::vector<float>(r.data(), r.data() + 120), raw);
     EXPECT_EQ(std::vector<float>(s.data(), s.data() + 36), shrunk);
-    EXPECT_FALSE(take(0));  // once
-    ahead.start(1, a.c_str());
-    EXPECT_FALSE(take(2));  // another micrograph's read, kept for its turn
-    EXPECT_TRUE(take(1));
+    EXPECT_FALSE(take(a));  // once
+    ahead.start(a);
+    EXPECT_FALSE(take(b));  // another micrograph's turn: the read is kept for a
+    EXPECT_TRUE(take(a));
     for (const char* bad : {"none.mrc", "short.mrc", "other.mrc"}) {
-      ahead.start(3, dir.file(bad).c_str());
-      EXPECT_FALSE(take(3)) << bad;
+      ahead.start(dir.file(bad));
+      EXPECT_FALSE(take(dir.file(bad))) << bad;
     }
-    ahead.start(4, a.c_str());
+    ahead.start(a);
     ahead.wait();
     write_mode(b, 12, 10, 1, 2, ramp(120, -3.0f));  // the same bytes in another file
     rename(b.c_str(), a.c_str());
-    EXPECT_FALSE(take(4));
+    EXPECT_FALSE(take(a));
   });
   EXPECT_EQ(said, "");  // failures included: they show here
 }

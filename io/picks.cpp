@@ -1,0 +1,107 @@
+// Readers and writers of the picker's final coordinate files.
+#include "io/picks.h"
+
+#include <cmath>
+#include <fstream>
+#include <sstream>
+
+#include "io/boxfile.h"
+
+bool picks_write(FILE* fp, const std::vector<Pick>& picks, bool star) {
+  if (star) output_starbox_head(fp);
+  for (const Pick& p : picks) {
+    const int x = (int)std::lround(p.x), y = (int)std::lround(p.y);
+    if (star)
+      fprintf(fp, "%-8d%-8d%-8.6f\t%-8d%-8.6f\n", x, y, p.psi, p.cls, p.score);
+    else
+      fprintf(fp, "%-8d%-8d%-8d%-8d%-8.6f\t%-8d%-8.6f\n", x - p.w / 2, y - p.h / 2, p.w, p.h, p.score, p.cls, p.psi);
+  }
+  return ferror(fp) == 0;
+}
+
+namespace {
+
+bool ends_with(const std::string& s, const char* end) {
+  const std::string e(end);
+  return s.size() >= e.size() && s.compare(s.size() - e.size(), e.size(), e) == 0;
+}
+
+// The numbers at the start of a line; false when the line does not start
+// with a number (a header or a blank line).
+bool leading_numbers(const std::string& line, std::vector<double>& v) {
+  v.clear();
+  std::istringstream ws(line);
+  for (std::string w; ws >> w;) {
+    char* end = nullptr;
+    const double d = strtod(w.c_str(), &end);
+    if (end == w.c_str() || *end) break;
+    v.push_back(d);
+  }
+  return !v.empty();
+}
+
+bool sane(double v, double limit) { return std::isfinite(v) && std::fabs(v) <= limit; }
+
+void refuse(PicksRead& r, long line_no) {
+  if (r.refused++ == 0) r.first_refused = line_no;
+}
+
+}  // namespace
+
+PicksRead picks_read(const std::string& path, int box, std::vector<Pick>& picks) {
+  PicksRead r;
+  std::ifstream in(path);
+  if (!in) return r;
+  r.opened = true;
+  const bool star = ends_with(path, ".star");
+  std::vector<double> v;
+  long line_no = 0;
+  for (std::string line; std::getline(in, line);) {
+    line_no++;
+    if (!leading_numbers(line, v)) continue;
+    Pick p;
+    if (star && v.size() >= 5) {  // x y psi class score
+      p.x = v[0], p.y = v[1], p.psi = (float)v[2], p.score = (float)v[4], p.w = p.h = box;
+      if (!sane(v[3], 1e9) || !sane(v[2], 1e6) || !std::isfinite(p.score) || !sane(p.x, PICKS_MAX_COORD) ||
+          !sane(p.y, PICKS_MAX_COORD)) {
+        refuse(r, line_no);
+        continue;
+      }
+      p.cls = (int)v[3];
+    } else if (!star && v.size() >= 7) {  // corner x y, w h, score, class, psi
+      if (!sane(v[0], PICKS_MAX_COORD) || !sane(v[1], PICKS_MAX_COORD) || !sane(v[2], PICKS_MAX_COORD) ||
+          !sane(v[3], PICKS_MAX_COORD) || v[2] < 0 || v[3] < 0 || !std::isfinite((float)v[4]) || !sane(v[5], 1e9) ||
+          !sane(v[6], 1e6)) {
+        refuse(r, line_no);
+        continue;
+      }
+      p.w = (int)v[2], p.h = (int)v[3];
+      p.x = v[0] + p.w / 2, p.y = v[1] + p.h / 2, p.score = (float)v[4], p.cls = (int)v[5], p.psi = (float)v[6];
+    } else {
+      refuse(r, line_no);
+      continue;
+    }
+    picks.push_back(p);
+  }
+  return r;
+}
+
+PicksRead rejected_read(const std::string& path, std::vector<Cell>& cells) {
+  PicksRead r;
+  std::ifstream in(path);
+  if (!in) return r;
+  r.opened = true;
+  std::vector<double> v;
+  long line_no = 0;
+  for (std::string line; std::getline(in, line);) {
+    line_no++;
+    if (!leading_numbers(line, v)) continue;
+    if (v.size() < 4 || !sane(v[0], PICKS_MAX_COORD) || !sane(v[1], PICKS_MAX_COORD) || !(v[2] >= 0) ||
+        !(v[3] >= 0) || v[2] > PICKS_MAX_COORD || v[3] > PICKS_MAX_COORD) {
+      refuse(r, line_no);
+      continue;
+    }
+    cells.push_back(Cell{(long)v[0], (long)v[1], (long)v[2], (long)v[3]});
+  }
+  return r;
+}

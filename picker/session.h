@@ -1,0 +1,70 @@
+// A picking session: the settings of one run, the reference micrograph that
+// fixes its sizes, the templates and buffers prepared from it, and the
+// micrographs picked one at a time. Every program that picks goes through
+// it; what it prints and writes beside each micrograph is gvexmatch's.
+//
+//   PickSession s(derive(options));           // settings never change after
+//   s.prepare(reference_header, sharers);      // templates, buffers, store
+//   PickResult r = s.pick(name, next_name);    // one micrograph, any order
+//
+// A micrograph's failure does not end the session: its result says
+// failed, with the lines gvexmatch would print and the status it would
+// exit with, and the next micrograph can be picked.
+#pragma once
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "common/errors.h"
+#include "io/mrcfile.h"
+#include "io/picks.h"
+#include "picker/settings.h"
+
+struct StageTimes {
+  double reading = 0, normalization = 0, picking = 0;  // seconds
+};
+
+struct PickResult {
+  enum class Outcome { finished, skipped, failed };
+  Outcome outcome = Outcome::failed;
+  std::vector<Pick> picks;     // the final picks, micrograph pixels, as written
+  long candidates = 0;         // grid maxima of all templates (the "_nonunique.box" lines)
+  long rejected_cells = 0;     // exclusion-grid cells masked (ice, carbon, exclusions)
+  double masked_fraction = 0;  // share of the working image the mask leaves out
+  StageTimes times;
+  GvexFailure failure;  // failed: the lines gvexmatch prints and its status
+};
+
+class PickSession {
+ public:
+  explicit PickSession(const PickSettings& settings);
+  ~PickSession();
+  PickSession(const PickSession&) = delete;
+  PickSession& operator=(const PickSession&) = delete;
+
+  const PickSettings& settings() const;
+
+  // Sizes from the reference header (every micrograph must match it; the
+  // first micrograph's name is only for messages), the templates, the
+  // per-run buffers and the read-ahead, which starts reading first (when
+  // named) while the templates are made. sharers: the processes sharing
+  // this machine's memory (or GPU). A refusal ends through the failure path.
+  void prepare(const MRC_HEAD& reference, const std::string& reference_name, int sharers = 1,
+               const std::string& first = "");
+
+  // Picks one micrograph: every stage from the ruler to "File %s
+  // finished." (or the --do_unfinished skip line). next names the
+  // micrograph to be picked after this one (empty: none), which is read
+  // ahead meanwhile.
+  PickResult pick(const std::string& mic, const std::string& next = "");
+
+  // Whether --do_unfinished will skip mic, as far as can be told now.
+  bool looks_finished(const std::string& mic) const;
+
+  // The working size: the square, even image every map of a micrograph has.
+  int working_size() const;
+
+ private:
+  struct Impl;
+  std::unique_ptr<Impl> d_;
+};

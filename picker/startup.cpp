@@ -1,0 +1,58 @@
+// Start-up shared by gvexmatch and its companions. The line numbers in its
+// messages are those of earlier releases: users' scripts match them.
+#include "picker/startup.h"
+
+#include <unistd.h>
+
+#include <cstdio>
+
+#include "common/errors.h"
+#include "common/owned.h"
+#include "common/records.h"
+#include "picker/help.h"
+
+// Module name in this unit's failure lines.
+static const char* const gvex_module = "gvexmatch56";
+
+ParaPtr gvexmatch_start(int argc, char** argv, bool (*choose_gpu)(int& gid)) {
+  ParaPtr p(new GVexMatch_Para(), gvexmatch_delete_parameters);
+  gvexmatch_init_parameters(argc, p.get());
+  const ParsedOptions seen = gvexmatch_parse_options(argc, argv, p.get());
+  if (!choose_gpu(p->gid)) gvexmatch_help_exit(argv[0], "Failed to find any usable GPU device!");
+  gvexmatch_advise(seen, p.get());
+  gvexmatch_fput_parameters(argc, argv, p.get(), stdout);
+  gvexmatch_check_values(p.get());
+  return p;
+}
+
+Reference gvexmatch_reference(const GVexMatch_Para& p, const char* prog) {
+  for (int i = 0; i < p.n_mic; i++) {
+    const char* name = p.mic_files[i];
+    if (access(name, F_OK) != 0) {
+      printf(GVEX_CRIT_ON "Warning in function %s(), file %s on line %d: the micrograph %s does NOT exsit! "
+                          "Automatically ignored!" GVEX_CRIT_OFF "\n\n",
+             "check_access_openf_1st", "gvexmatch56", 46, name);
+      continue;
+    }
+    if (access(name, R_OK) != 0) {
+      printf(GVEX_CRIT_ON "Warning in function %s(), file %s on line %d: the micrograph %s are NOT readable! "
+                          "Automatically ignored!" GVEX_CRIT_OFF "\n\n",
+             "check_access_openf_1st", "gvexmatch56", 52, name);
+      continue;
+    }
+    printf("Opening %s for initial test and preperation .......\n", name);
+    OwnedFile fp(fopen(name, "r"));
+    if (!fp) gvex_open_read_failed(name, "check_access_openf_1st", "gvexmatch56", 57);
+    Reference ref;
+    ref.name = name;
+    mrc_read_head(fp.get(), &ref.head);
+    if (!mrc_mode_is_readable(ref.head.mode)) {
+      char why[GVEX_NAME_LEN + 128];
+      snprintf(why, sizeof why, "the pixels of %s are of mode %d (%s), which cannot be read; modes 0, 1, 2 and 6 can",
+               name, ref.head.mode, mrc_get_head_mode(&ref.head));
+      gvex_fatal("gvexmatch_reference", gvex_module, 72, why);
+    }
+    return ref;
+  }
+  gvexmatch_help_exit(prog, "No valid files to be processed.");
+}
