@@ -92,7 +92,7 @@ int main(int argc, char** argv) {
   float* t = create_template_data(tnx, tny, tnz, R, 0.05f);
   DeviceArray<float> T((unsigned long)tnx * tny);
   hcuda_upload_templates(T.get(), t, tnx, tny, 1, 1, R, 0.05f, 0);
-  destroy_template_data(t);
+  free(t);
   const int angles = (int)get_rotation_angles(0.0f, 359.0f, 5.0f).size();
 
   FftPlan2d& plan = gvex_fft_plan(N, N);
@@ -148,7 +148,6 @@ int main(int argc, char** argv) {
 
   printf("working image %d x %d, template %d x %d, %d angles, best of %d, %d host thread(s)\n", N, N, tnx, tny,
          angles, repeats, gvex_host_threads());
-  printf("spectrum store: %d spectra, %.1f MiB\n", ws.cached_spectra(), ws.spectrum_bytes() / 1048576.0);
   printf("%-34s %12s %12s\n", "", "wall ms", "cpu ms");
   printf("%-34s %12.2f %12.2f\n", "72 x c2r (bare)", t_c2r.wall * 1e3, t_c2r.cpu * 1e3);
   printf("%-34s %12.2f %12.2f\n", "72 x (r2c + c2r) (bare)", t_pair.wall * 1e3, t_pair.cpu * 1e3);

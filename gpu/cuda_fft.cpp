@@ -252,11 +252,6 @@ FftPlanBatch::~FftPlanBatch() {
 #endif
 }
 
-int FftPlanBatch::span(int count) const {
-  if (gvex_on_gpu()) return (count + quantum_ - 1) / quantum_ * quantum_;
-  return count;
-}
-
 void FftPlanBatch::r2c(const float* d_in, float2* d_out, int count) {
   const unsigned long nr = (unsigned long)nx_ * ny_, nc = (unsigned long)(nx_ / 2 + 1) * ny_;
 #if defined(GVEX_WITH_CUDA)

@@ -99,10 +99,6 @@ class FftPlanBatch {
   FftPlanBatch& operator=(const FftPlanBatch&) = delete;
   void r2c(const float* d_in, float2* d_out, int count);
   void c2r(float2* d_in, float* d_out, int count);
-  int quantum() const { return quantum_; }
-  // Images a batch of count touches: count rounded up to whole quanta on
-  // the GPU, count itself on the host.
-  int span(int count) const;
 
  private:
   int nx_, ny_, quantum_;

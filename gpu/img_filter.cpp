@@ -97,10 +97,6 @@ void hcuda_2d_bandpass_softR_mpad_inplace(float* d_p, int n, float apix, float r
   bandpass_mpad(d_p, d_p, n, apix, r1, r2, w, 0);
 }
 
-void hcuda_2d_bandpass_guas_mpad(const float* d_in, float* d_out, int n, float apix, float r1, float r2) {
-  bandpass_mpad(d_in, d_out, n, apix, r1, r2, 0.0f, 1);
-}
-
 void hcuda_2d_bandpass_guas_mpad_inplace(float* d_p, int n, float apix, float r1, float r2) {
   bandpass_mpad(d_p, d_p, n, apix, r1, r2, 0.0f, 1);
 }

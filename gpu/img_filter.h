@@ -17,7 +17,6 @@ void hcuda_2d_mirror_pad_inv(float* d_out, const float* d_in, int nx, int ny);
 
 void hcuda_2d_bandpass_softR_mpad_inplace(float* d_p, int n, float apix, float r1, float r2, float w);
 // Band [R_lo, R_hi] weighted by a low-pass and a high-pass Gaussian.
-void hcuda_2d_bandpass_guas_mpad(const float* d_in, float* d_out, int n, float apix, float r1, float r2);
 void hcuda_2d_bandpass_guas_mpad_inplace(float* d_p, int n, float apix, float r1, float r2);
 
 // The filter passes alone, on the half spectrum of an N x N image

@@ -144,10 +144,6 @@ void hcuda_2d_bg_mpad(float* d_out, const float* d_in, int nx, int ny, float r, 
   local_mean_from_product(plan, A, d.sum, d_out, nx, ny);
 }
 
-void hcuda_2d_local_ave_softR_mpad(float* d_out, const float* d_in, int nx, int ny, float r, float w) {
-  hcuda_2d_bg_mpad(d_out, d_in, nx, ny, r, w);
-}
-
 // sigma = sqrt(mean(in^2) - mean^2), with mean(in) already in d_mean (overwritten).
 static void local_sigma_from_mean(float* d_out, float* d_mean, const float* d_in, int nx, int ny, float r, float w) {
   const unsigned long n = (unsigned long)nx * ny;
@@ -156,13 +152,6 @@ static void local_sigma_from_mean(float* d_out, float* d_mean, const float* d_in
   hcuda_2d_bg_mpad(d_out, d_out, nx, ny, r, w);
   hcuda_x1d_sub_inplace(d_out, d_mean, n);
   hcuda_sqrtf_inplace(d_out, n);
-}
-
-void hcuda_2d_local_sigma_softR_mpad(float* d_out, const float* d_in, int nx, int ny, float r, float w) {
-  if (nx <= 0 || ny <= 0) return;
-  PooledArray<float> t((unsigned long)nx * ny);
-  hcuda_2d_bg_mpad(t.get(), d_in, nx, ny, r, w);
-  local_sigma_from_mean(d_out, t.get(), d_in, nx, ny, r, w);
 }
 
 void hcuda_2d_local_ave_sigma_softR_mpad(float* d_ave, float* d_sigma, const float* d_in, int nx, int ny,

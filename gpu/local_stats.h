@@ -17,12 +17,11 @@ void cpu_2d_generate_rmask_soft(float* mask, int nx, int ny, float cx, float cy,
 // ((2nx-1)/2, (2ny-1)/2), half a pixel before the zero shift, so the window
 // of output pixel (X, Y) is centred at (X - 0.5, Y - 0.5). out may equal in.
 void hcuda_2d_bg_mpad(float* d_out, const float* d_in, int nx, int ny, float r, float w);
-void hcuda_2d_local_ave_softR_mpad(float* d_out, const float* d_in, int nx, int ny, float r, float w);
-// sqrt(local mean of in^2 - (local mean of in)^2), unclamped: rounding may
-// make it NaN where the deviation is (nearly) zero.
-void hcuda_2d_local_sigma_softR_mpad(float* d_out, const float* d_in, int nx, int ny, float r, float w);
-// Both of the above, the same bits, from one transform of the padded image.
-// d_ave and d_sigma must differ; either may be d_in.
+// The local mean over a disc of radius r_ave (the bits of hcuda_2d_bg_mpad)
+// and the local deviation over one of radius r_sigma, sqrt(local mean of
+// in^2 - (local mean of in)^2), unclamped: rounding may make it NaN where
+// the deviation is (nearly) zero. Both from one transform of the padded
+// image. d_ave and d_sigma must differ; either may be d_in.
 void hcuda_2d_local_ave_sigma_softR_mpad(float* d_ave, float* d_sigma, const float* d_in, int nx, int ny,
                                          float r_ave, float r_sigma, float w);
 

@@ -101,23 +101,10 @@ static float submean_sumsqr(const float* d_p, const float* d_w, unsigned long n,
   return hcuda_fast_sum_inplace(t.get(), n);
 }
 
-float hcuda_mean_withmask(const float* d_p, const float* d_w, unsigned long n) {
-  return masked_mean(d_p, d_w, n, hcuda_fast_sum(d_w, n));
-}
-
 float hcuda_fast_sumsqr_withmask(const float* d_p, const float* d_w, unsigned long n) {
   PooledArray<float> t(n);
   hcuda_sqr_withmask(t.get(), d_p, d_w, n);
   return hcuda_fast_sum_inplace(t.get(), n);
-}
-
-float hcuda_fast_submean_sumsqr_withmask(const float* d_p, const float* d_w, unsigned long n) {
-  return submean_sumsqr(d_p, d_w, n, hcuda_mean_withmask(d_p, d_w, n));
-}
-
-float hcuda_stdv_withmask(const float* d_p, const float* d_w, unsigned long n) {
-  const float W = hcuda_fast_sum(d_w, n);
-  return sqrtf(submean_sumsqr(d_p, d_w, n, masked_mean(d_p, d_w, n, W)) / W);
 }
 
 // ---- normalisations ----

@@ -11,10 +11,7 @@
 float hcuda_fast_mean(const float* d_p, unsigned long n);
 float hcuda_fast_sumsqr(const float* d_p, unsigned long n);
 float hcuda_fast_sum_withmask(const float* d_p, const float* d_w, unsigned long n);
-float hcuda_mean_withmask(const float* d_p, const float* d_w, unsigned long n);
 float hcuda_fast_sumsqr_withmask(const float* d_p, const float* d_w, unsigned long n);
-float hcuda_fast_submean_sumsqr_withmask(const float* d_p, const float* d_w, unsigned long n);
-float hcuda_stdv_withmask(const float* d_p, const float* d_w, unsigned long n);
 
 // ---- normalisations (in place) ----
 // Zero mean, deviation scale, plus offset: p = fmaf(p - m, scale/s, offset).

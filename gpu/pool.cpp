@@ -43,9 +43,3 @@ void gvex_pool_clear() {
     for (void* p : size_blocks.second) hcuda_free(p);
   idle().clear();
 }
-
-unsigned long gvex_pool_idle_blocks() {
-  unsigned long n = 0;
-  for (const auto& size_blocks : idle()) n += size_blocks.second.size();
-  return n;
-}

@@ -21,8 +21,6 @@ void* gvex_pool_take(unsigned long bytes);
 void gvex_pool_give(void* p, unsigned long bytes);
 // Frees every idle block on the active back end.
 void gvex_pool_clear();
-// Idle blocks held now (tests).
-unsigned long gvex_pool_idle_blocks();
 
 // Owns one pooled device array for a scope; device pointers start d_.
 template <class T>

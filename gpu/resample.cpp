@@ -163,20 +163,6 @@ void hcuda_2d_rotate(const float* d_in, float* d_out, int nx, int ny, float angl
             GVEX_LAMBDA(int x, int y) { out[(long)y * nx + x] = hd_2d_rotated(in, nx, ny, c, s, x, y); });
 }
 
-void hcuda_x2d_cp_small_to_large_center(float* d_large, float* d_small, int NX, int NY, int nx, int ny) {
-  if (nx > NX || ny > NY) {
-    char why[160];
-    snprintf(why, sizeof why, "Image of %d x %d pixels does not fit into the centre of %d x %d", nx, ny, NX, NY);
-    GVEX_FAIL(why);
-  }
-  const int ox = (NX - nx) / 2, oy = (NY - ny) / 2;
-  float* large = d_large;
-  const float* small = d_small;
-  launch_2d(GVEX_SITE, nx, ny, GVEX_LAMBDA(int x, int y) {
-    large[((long)y + oy) * NX + x + ox] = small[(long)y * nx + x];
-  });
-}
-
 void cpu_x2d_extract_small_from_large(float* small, int nx, int ny, const float* large, int NX, int NY, int x0,
                                       int y0) {
   for (long y = 0; y < ny; y++) {
@@ -192,13 +178,6 @@ void cpu_x2d_extract_small_from_large(float* small, int nx, int ny, const float*
       row[x] = (xl >= 0 && xl < NX) ? src[xl] : 0.0f;
     }
   }
-}
-
-void hcuda_2d_empty(float* d_p, int nx, int ny) { hcuda_2d_memset(d_p, 0.0f, nx, ny); }
-
-void hcuda_2d_memset(float* d_p, float value, int nx, int ny) {
-  float* p = d_p;
-  launch_2d(GVEX_SITE, nx, ny, GVEX_LAMBDA(int x, int y) { p[(long)y * nx + x] = value; });
 }
 
 void hcuda_2d_divide_inplace(float* d_p, int nx, int ny, float s) {

@@ -61,12 +61,9 @@ void hcuda_2d_rotate(const float* d_in, float* d_out, int nx, int ny, float angl
 // ---- paste and cut ----
 // large[(y + (NY-ny)/2)*NX + x + (NX-nx)/2] = small[y*nx + x]; nothing else
 // of large is written. A small image larger than the large one is fatal.
-void hcuda_x2d_cp_small_to_large_center(float* d_large, float* d_small, int NX, int NY, int nx, int ny);
 // Host window with top-left corner (x0, y0) of large; zeros outside large.
 void cpu_x2d_extract_small_from_large(float* small, int nx, int ny, const float* large, int NX, int NY, int x0,
                                       int y0);
 
 // ---- whole-image fills (device) ----
-void hcuda_2d_empty(float* d_p, int nx, int ny);
-void hcuda_2d_memset(float* d_p, float value, int nx, int ny);
 void hcuda_2d_divide_inplace(float* d_p, int nx, int ny, float s);  // true division

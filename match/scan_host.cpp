@@ -62,16 +62,6 @@ bool scan_host_multconj(const float2* M, const float2* F, float2* P, long n, flo
   chunks(n, [=](long b, long e) { multconj_avx2(M, F, P, b, e, s); });
   return true;
 }
-bool scan_host_update(float* m, const float* c, long n) {
-  if (!simd_ok()) return false;
-  chunks(n, [=](long b, long e) { update_avx2(m, c, b, e); });
-  return true;
-}
-bool scan_host_update_psi(float* m, const float* c, float* a, float ang, long n) {
-  if (!simd_ok()) return false;
-  chunks(n, [=](long b, long e) { update_psi_avx2(m, c, a, ang, b, e); });
-  return true;
-}
 void scan_host_multconj_serial(const float2* M, const float2* F, float2* P, long n, float s) {
   if (simd_ok()) return multconj_avx2(M, F, P, 0, n, s);
   for (long i = 0; i < n; i++) P[i] = cuda_multconj_norm(M[i], F[i], s);
@@ -82,8 +72,6 @@ void scan_host_fold_serial(float* m, const float* c, float* a, float ang, long n
 }
 #else
 bool scan_host_multconj(const float2*, const float2*, float2*, long, float) { return false; }
-bool scan_host_update(float*, const float*, long) { return false; }
-bool scan_host_update_psi(float*, const float*, float*, float, long) { return false; }
 void scan_host_multconj_serial(const float2* M, const float2* F, float2* P, long n, float s) {
   for (long i = 0; i < n; i++) P[i] = cuda_multconj_norm(M[i], F[i], s);
 }

@@ -22,8 +22,6 @@ GVEX_HD inline void cuda_update_ccmax_psi(float* m, const float* c, float* a, fl
 // nothing, when the processor or the build has no AVX2; the caller then
 // runs the generic launches (the same bits).
 bool scan_host_multconj(const float2* M, const float2* F, float2* P, long n, float s);
-bool scan_host_update(float* m, const float* c, long n);
-bool scan_host_update_psi(float* m, const float* c, float* a, float ang, long n);
 
 // The same on the calling thread alone (inside a caller's parallel loop),
 // falling back to the generic bodies without AVX2. a may be null.

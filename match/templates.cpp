@@ -123,7 +123,6 @@ float* get_or_create_template_data(int& nx, int& ny, int& nz, char* path, float 
   return data;
 }
 
-void destroy_template_data(float* data) { free(data); }
 
 int rmask_subtract_background(float* data, float R, int nx, int ny) {
   const float cx = (float)(nx - 1) / 2.0f, cy = (float)(ny - 1) / 2.0f;

@@ -7,7 +7,7 @@
 // Reads every slice of the MRC stack at path (slice z at z*nx*ny); nx, ny, nz
 // from its header. Unreadable files, unreadable pixel modes and sizes that
 // do not fit the file end the process with a line naming the file. Release
-// with destroy_template_data.
+// with free().
 float* get_template_data(int& nx, int& ny, int& nz, char* path);
 
 // A soft disc of outer radius R: flat core of radius R*c, Gaussian edge of
@@ -22,7 +22,6 @@ float* create_template_data(int& nx, int& ny, int& nz, float R, float c);
 float* get_or_create_template_data(int& nx, int& ny, int& nz, char* path, float R, float apixT, float apixM,
                                    int shrink, float c);
 
-void destroy_template_data(float* data);
 
 // Normalisation type 2 of one slice, in place: pixels outside the disc of
 // radius R about the centre are zeroed, then the in-disc sum divided by the

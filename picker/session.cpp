@@ -15,7 +15,10 @@
 #include "common/stop_point.h"
 #include "common/strutil.h"
 #include "gpu/device.h"
+#include "gpu/cuda_fft.h"
 #include "gpu/img_filter.h"
+#include "gpu/local_stats.h"
+#include "gpu/pool.h"
 #include "gpu/math_utils.h"
 #include "gpu/reduce.h"
 #include "gpu/resample.h"
@@ -95,10 +98,15 @@ struct PickSession::Impl {
 };
 
 PickSession::PickSession(const PickSettings& settings) : d_(new Impl(settings)) {}
-PickSession::~PickSession() = default;
-
-const PickSettings& PickSession::settings() const { return d_->s; }
-int PickSession::working_size() const { return d_->ext; }
+PickSession::~PickSession() {
+  d_.reset();
+  // The plans, disc spectra and pooled blocks were made for this session's
+  // sizes: a program that goes on (another session, a long-lived job) gets
+  // their memory back.
+  gvex_fft_plan_cache_clear();
+  gvex_local_stats_cache_clear();
+  gvex_pool_clear();
+}
 
 void PickSession::Impl::working_sizes() {
   const int big = nx > ny ? nx : ny;

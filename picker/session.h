@@ -42,8 +42,6 @@ class PickSession {
   PickSession(const PickSession&) = delete;
   PickSession& operator=(const PickSession&) = delete;
 
-  const PickSettings& settings() const;
-
   // Sizes from the reference header (every micrograph must match it; the
   // first micrograph's name is only for messages), the templates, the
   // per-run buffers and the read-ahead, which starts reading first (when
@@ -60,9 +58,6 @@ class PickSession {
 
   // Whether --do_unfinished will skip mic, as far as can be told now.
   bool looks_finished(const std::string& mic) const;
-
-  // The working size: the square, even image every map of a micrograph has.
-  int working_size() const;
 
  private:
   struct Impl;

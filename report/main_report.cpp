@@ -59,14 +59,19 @@ std::string base_name(const std::string& p) {
   return s == std::string::npos ? p : p.substr(s + 1);
 }
 
-int run(int argc, char** argv) {
-  const PickOptions defaults = pick_defaults();
-  double apix = defaults.apixM, diameter = defaults.diameter;
-  bool apix_given = false;
+struct ReportOptions {
+  double apix = 0, diameter = 0;
+  bool apix_given = false, apply = false, help = false;
   std::string out, suffix = "_vexmatch.star";
   int boxsize = 0;
-  bool apply = false;
-  std::vector<Micrograph> mics;
+  std::vector<std::string> mics;
+};
+
+ReportOptions parse(int argc, char** argv) {
+  ReportOptions o;
+  const PickOptions defaults = pick_defaults();
+  o.apix = defaults.apixM;
+  o.diameter = defaults.diameter;
   for (int i = 1; i < argc; i++) {
     const std::string a = argv[i];
     auto value = [&]() -> const char* {
@@ -74,90 +79,104 @@ int run(int argc, char** argv) {
       return argv[++i];
     };
     if (a == "--help" || a == "-h") {
-      fputs(kUsage, stdout);
-      return 0;
+      o.help = true;
+      return o;
     } else if (a == "--out") {
-      out = value();
+      o.out = value();
     } else if (a == "--apixM") {
-      apix = number("--apixM", value());
-      apix_given = true;
+      o.apix = number("--apixM", value());
+      o.apix_given = true;
     } else if (a == "--diameter") {
-      diameter = number("--diameter", value());
+      o.diameter = number("--diameter", value());
     } else if (a == "--suffix") {
-      suffix = value();
+      o.suffix = value();
     } else if (a == "--boxsize") {
-      boxsize = (int)number("--boxsize", value());
+      o.boxsize = (int)number("--boxsize", value());
     } else if (a == "--apply") {
-      apply = true;
+      o.apply = true;
     } else if (a.size() > 1 && a[0] == '-') {
       usage_error("unknown option " + a);
     } else {
-      mics.emplace_back();
-      mics.back().name = a;
+      o.mics.push_back(a);
     }
   }
-  if (out.empty()) usage_error("--out DIR is required");
-  if (mics.empty()) usage_error("no micrographs given");
-  const Settings set = report_settings(apix, diameter, apix_given);
-  if (boxsize <= 0) boxsize = set.pick.opt.boxsize;
-  if (!make_dir(out)) {
-    fprintf(stderr, "gvexreport: cannot make the report folder %s: %s\n", out.c_str(), strerror(errno));
-    return 1;
-  }
+  if (o.out.empty()) usage_error("--out DIR is required");
+  if (o.mics.empty()) usage_error("no micrographs given");
+  return o;
+}
 
-  std::vector<double> pooled_scores;
-  for (Micrograph& m : mics) {
-    try {
-      read_micrograph(m);
-    } catch (const GvexFailure& f) {
-      // The reader's own lines name the file; say which program stopped.
-      fprintf(stderr, "gvexreport: cannot read micrograph %s:\n%s", m.name.c_str(), f.text.c_str());
-      return 1;
-    }
-    const std::string picks_path = beside(m.name, suffix), rejected_path = beside(m.name, "_rejected.box");
-    const PicksRead got = picks_read(picks_path, boxsize, m.picks);
-    m.picks_found = got.opened;
-    const PicksRead cells = rejected_read(rejected_path, m.rejected);
-    for (const auto& [read, path] : {std::make_pair(got, picks_path), std::make_pair(cells, rejected_path)})
-      if (read.refused > 0)
-        m.warnings.push_back(std::to_string(read.refused) + " damaged line(s) of " + path + " skipped (the first is line " +
-                             std::to_string(read.first_refused) + "): numbers not finite or out of range");
-    double area = 0;
-    for (const Cell& c : m.rejected) area += (double)c.w * c.h;
-    m.masked = std::min(1.0, area / ((double)m.nx * m.ny));
-    for (const Pick& p : m.picks) pooled_scores.push_back(p.score);
+// A micrograph, the picks beside it and its rejected cells; a micrograph
+// that cannot be read ends the report (its reader's lines name the file).
+void read_inputs(Micrograph& m, const ReportOptions& o, int boxsize) {
+  try {
+    read_micrograph(m);
+  } catch (const GvexFailure& f) {
+    gvex_throw("gvexreport: cannot read micrograph " + m.name + ":\n" + f.text, 1, true);
   }
-  const Cutoff pooled = pooled_cutoff(pooled_scores);
+  const std::string picks_path = beside(m.name, o.suffix), rejected_path = beside(m.name, "_rejected.box");
+  const PicksRead got = picks_read(picks_path, boxsize, m.picks);
+  m.picks_found = got.opened;
+  const PicksRead cells = rejected_read(rejected_path, m.rejected);
+  for (const auto& [read, path] : {std::make_pair(got, picks_path), std::make_pair(cells, rejected_path)})
+    if (read.refused > 0)
+      m.warnings.push_back(std::to_string(read.refused) + " damaged line(s) of " + path + " skipped (the first is line " +
+                           std::to_string(read.first_refused) + "): numbers not finite or out of range");
+  double area = 0;
+  for (const Cell& c : m.rejected) area += (double)c.w * c.h;
+  m.masked = std::min(1.0, area / ((double)m.nx * m.ny));
+}
+
+// Each micrograph's cut-off and warnings, printed, and with --apply its
+// kept picks written.
+void choose_cutoffs(std::vector<Micrograph>& mics, const Settings& set, const ReportOptions& o, double pooled) {
   for (Micrograph& m : mics) {
     std::vector<double> s;
     for (const Pick& p : m.picks) s.push_back(p.score);
-    m.cutoff = choose_cutoff(s, pooled.value).value;
+    m.cutoff = choose_cutoff(s, pooled).value;
     add_warnings(m, set);
     long kept = 0;
     for (const Pick& p : m.picks) kept += p.score >= m.cutoff;
     printf("%s: %zu picks, cut-off %.4f keeps %ld\n", m.name.c_str(), m.picks.size(), m.cutoff, kept);
     for (const std::string& w : m.warnings) printf("warning: %s: %s\n", m.name.c_str(), w.c_str());
-    if (apply && m.picks_found &&
-        !write_kept(m, beside(m.name, "_vexmatch_auto.box"), beside(m.name, "_vexmatch_auto.star"))) {
-      fprintf(stderr, "gvexreport: cannot write %s\n", beside(m.name, "_vexmatch_auto.box").c_str());
-      return 1;
-    }
+    if (o.apply && m.picks_found &&
+        !write_kept(m, beside(m.name, "_vexmatch_auto.box"), beside(m.name, "_vexmatch_auto.star")))
+      gvex_throw("gvexreport: cannot write " + beside(m.name, "_vexmatch_auto.box") + "\n", 1, true);
   }
+}
+
+void write_report(const std::vector<Micrograph>& mics, const Settings& set, const std::string& out, double pooled) {
   std::vector<std::string> pictures;
   for (size_t k = 0; k < mics.size(); k++) {
     pictures.push_back(std::to_string(k + 1) + "_" + base_name(beside(mics[k].name, ".png")));
-    if (!write_picture(mics[k], set, out + "/" + pictures.back())) {
-      fprintf(stderr, "gvexreport: cannot write %s/%s\n", out.c_str(), pictures.back().c_str());
-      return 1;
-    }
+    if (!write_picture(mics[k], set, out + "/" + pictures.back()))
+      gvex_throw("gvexreport: cannot write " + out + "/" + pictures.back() + "\n", 1, true);
   }
-  if (!write_page(mics, pictures, pooled.value, out + "/index.html") ||
-      !write_summary_star(mics, out + "/summary.star")) {
-    fprintf(stderr, "gvexreport: cannot write the report into %s\n", out.c_str());
-    return 1;
+  if (!write_page(mics, pictures, pooled, out + "/index.html") || !write_summary_star(mics, out + "/summary.star"))
+    gvex_throw("gvexreport: cannot write the report into " + out + "\n", 1, true);
+}
+
+int run(int argc, char** argv) {
+  const ReportOptions o = parse(argc, argv);
+  if (o.help) {
+    fputs(kUsage, stdout);
+    return 0;
   }
+  const Settings set = report_settings(o.apix, o.diameter, o.apix_given);
+  const int boxsize = o.boxsize > 0 ? o.boxsize : set.pick.opt.boxsize;
+  if (!make_dir(o.out))
+    gvex_throw("gvexreport: cannot make the report folder " + o.out + ": " + strerror(errno) + "\n", 1, true);
+  std::vector<Micrograph> mics(o.mics.size());
+  std::vector<double> pooled_scores;
+  for (size_t k = 0; k < mics.size(); k++) {
+    mics[k].name = o.mics[k];
+    read_inputs(mics[k], o, boxsize);
+    for (const Pick& p : mics[k].picks) pooled_scores.push_back(p.score);
+  }
+  const Cutoff pooled = pooled_cutoff(pooled_scores);
+  choose_cutoffs(mics, set, o, pooled.value);
+  write_report(mics, set, o.out, pooled.value);
   printf("suggested --cc_cutoff %.4f\n", pooled.value);
-  printf("report: %s/index.html\n", out.c_str());
+  printf("report: %s/index.html\n", o.out.c_str());
   return 0;
 }
 

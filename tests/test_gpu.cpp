@@ -16,6 +16,7 @@
 #include "gpu/device.h"
 #include "gpu/launch.h"
 #include "match/scan.h"
+#include "match/scan_state.h"
 #include "support/capture.h"
 #include "support/e2e.h"
 #include "support/match_fixtures.h"
@@ -99,12 +100,12 @@ TEST(LaunchLimits, ShapesPastTheLauncherEndTheRunInsteadOfRunningInPart) {
 TEST(ScanBatch, SizeIsWholeQuantaWithinMemoryAndTheLauncher) {
   const unsigned long spec1024 = 513UL * 1024 * 8, img1024 = 1024UL * 1024 * 4;
   const unsigned long per_angle = 2 * img1024 + 4 * spec1024;
-  EXPECT_EQ(gvex_scan_quantum(1024, 1024, 72), 8);
-  EXPECT_EQ(gvex_scan_quantum(1024, 1024, 5), 5);
-  EXPECT_EQ(gvex_scan_quantum(1024, 1024, 1), 1);
+  EXPECT_EQ(scan_quantum(1024, 1024, 72), 8);
+  EXPECT_EQ(scan_quantum(1024, 1024, 5), 5);
+  EXPECT_EQ(scan_quantum(1024, 1024, 1), 1);
   // At odd sizes every quantum still starts where cuFFT takes it.
-  EXPECT_EQ(gvex_scan_quantum(99, 99, 15), 8);
-  EXPECT_EQ(gvex_scan_quantum(33, 31, 3), 4);
+  EXPECT_EQ(scan_quantum(99, 99, 15), 8);
+  EXPECT_EQ(scan_quantum(33, 31, 3), 4);
   EXPECT_EQ(gvex_scan_batch(1024, 1024, 72, 100 * per_angle), 32);  // at most 32
   EXPECT_EQ(gvex_scan_batch(1024, 1024, 72, 20 * per_angle), 16);   // whole quanta of 8
   EXPECT_EQ(gvex_scan_batch(1024, 1024, 72, 3 * per_angle), 8);     // never below one quantum
@@ -114,8 +115,8 @@ TEST(ScanBatch, SizeIsWholeQuantaWithinMemoryAndTheLauncher) {
   const int big = 23170;
   const int b = gvex_scan_batch(big, big, 360, ~0UL);
   EXPECT_LE((unsigned long)b * (big / 2 + 1) * big, GVEX_LAUNCH_MAX_1D);
-  EXPECT_EQ(b % gvex_scan_quantum(big, big, 360), 0);
-  EXPECT_EQ(gvex_scan_quantum(big, big, 360), 7);
+  EXPECT_EQ(b % scan_quantum(big, big, 360), 0);
+  EXPECT_EQ(scan_quantum(big, big, 360), 7);
 }
 
 // ---- start-up check ----
@@ -191,7 +192,6 @@ TEST(GpuBatchFft, MatchesTheSinglePlanAndRoundTrips) {
     const Out o = on(true, [&] {
       Dev<float> in(img), a(nc * 16, true), b(nc * 16, true), r(nr * 8, true);
       FftPlanBatch plan(nx, ny, q);
-      EXPECT_EQ(plan.span(count), 8);
       plan.r2c(in.get(), (float2*)a.get(), count);
       FftPlan2d& one = gvex_fft_plan(nx, ny);
       // Images at odd offsets, which the single plan stages to meet cuFFT's alignment.

@@ -68,17 +68,16 @@ TEST(LocalStats, MeanAndSigmaMatchTheDirectWindowSums) {
     const Vec img = uniform(n, c.nx * 13 + c.ny, 0.0f, 2.0f);
     Vec sq(n);
     for (int i = 0; i < n; i++) sq[i] = img[i] * img[i];
-    DevVec d_img(img), d_mean(n), d_sigma(n);
+    DevVec d_img(img), d_mean(n), d_wide(n), d_both_ave(n), d_sigma(n);
     hcuda_2d_bg_mpad(d_mean.get(), d_img.get(), c.nx, c.ny, c.r, c.w);
-    hcuda_2d_local_sigma_softR_mpad(d_sigma.get(), d_img.get(), c.nx, c.ny, c.r, c.w);
-    const Vec mean = download(d_mean.get(), n), sigma = download(d_sigma.get(), n);
-    // Both at once, from one transform of the padded image: the same bits.
-    DevVec d_wide(n), d_both_ave(n), d_both_sigma(n);
+    const Vec mean = download(d_mean.get(), n);
+    // The mean and the deviation at once, from one transform of the padded
+    // image: the mean has the bits of the plain local mean.
     hcuda_2d_bg_mpad(d_wide.get(), d_img.get(), c.nx, c.ny, c.r + 1.0f, c.w);
-    hcuda_2d_local_ave_sigma_softR_mpad(d_both_ave.get(), d_both_sigma.get(), d_img.get(), c.nx, c.ny, c.r + 1.0f,
-                                        c.r, c.w);
+    hcuda_2d_local_ave_sigma_softR_mpad(d_both_ave.get(), d_sigma.get(), d_img.get(), c.nx, c.ny, c.r + 1.0f, c.r,
+                                        c.w);
     EXPECT_TRUE(same_bits(download(d_both_ave.get(), n).data(), download(d_wide.get(), n).data(), n * 4));
-    EXPECT_TRUE(same_bits(download(d_both_sigma.get(), n).data(), sigma.data(), n * 4));
+    const Vec sigma = download(d_sigma.get(), n);
     const std::vector<double> m = direct_local_mean(img, c.nx, c.ny, c.r, c.w);
     const std::vector<double> m2 = direct_local_mean(sq, c.nx, c.ny, c.r, c.w);
     for (int i = 0; i < n; i++) {

@@ -112,17 +112,6 @@ TEST(Rotate, ZeroIsExactAndNinetyTurnsClockwiseOnScreen) {
   for (int i = 0; i < 25; i++) EXPECT_NEAR(got[i], want[i], 1e-5) << i;  // cos(90 deg) in float is not 0
 }
 
-TEST(Paste, SmallLandsInTheCentreAndNothingElseChanges) {
-  const Vec small = {1, 2, 3, 4, 5, 6};  // 3 x 2 into 8 x 5: offsets 2 and 1
-  DevVec dl(Vec(40, -1.0f)), ds(small);
-  hcuda_x2d_cp_small_to_large_center(dl.get(), ds.get(), 8, 5, 3, 2);
-  Vec want(40, -1.0f);
-  for (int i = 0; i < 6; i++) want[(1 + i / 3) * 8 + 2 + i % 3] = small[i];
-  EXPECT_EQ(download(dl.get(), 40), want);
-  EXPECT_FAILS(hcuda_x2d_cp_small_to_large_center(dl.get(), ds.get(), 8, 5, 10, 2),
-               "hcuda_x2d_cp_small_to_large_center.*10 x 2.*8 x 5.*Exit now!");
-}
-
 TEST(WindowCut, ZerosOutsideAtEveryBorderWithoutOverflow) {
   const int NX = 6, NY = 4;
   const Vec large = image(NX, NY);

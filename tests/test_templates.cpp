@@ -17,7 +17,7 @@ namespace {
 
 TEST(SyntheticTemplate, SizeIsFourTimesTheTruncatedRadiusAndTheEdgeIsSoft) {
   int nx = -1, ny = -1, nz = -1;
-  destroy_template_data(create_template_data(nx, ny, nz, 0.9f, 0.05f));
+  free(create_template_data(nx, ny, nz, 0.9f, 0.05f));
   EXPECT_EQ(nx, 0);
   EXPECT_EQ(ny, 0);
   float* t = create_template_data(nx, ny, nz, 30.7f, 0.05f);
@@ -31,10 +31,10 @@ TEST(SyntheticTemplate, SizeIsFourTimesTheTruncatedRadiusAndTheEdgeIsSoft) {
   EXPECT_NEAR(t[59 * 120 + 80], std::exp(-d * d / (2 * sigma * sigma)), 1e-6);
   EXPECT_EQ(t[80 * 120 + 59], t[59 * 120 + 80]);
   EXPECT_EQ(t[59 * 120 + 91], 0.0f);  // 31.5 px out
-  destroy_template_data(t);
+  free(t);
   for (const char* name : {"NULL", "NoNe"}) {
     std::vector<char> p = cstr(name);
-    destroy_template_data(get_or_create_template_data(nx, ny, nz, p.data(), 10.2f, 1.0f, 2.0f, 4, 0.05f));
+    free(get_or_create_template_data(nx, ny, nz, p.data(), 10.2f, 1.0f, 2.0f, 4, 0.05f));
     EXPECT_EQ(nx, 40) << name;
   }
 }
@@ -52,14 +52,14 @@ TEST(TemplateFile, ResampledOnlyWhenPixelSizesDifferAMissingFileIsFatal) {
   ASSERT_EQ(ny * nz, 12 * 2);
   for (int i = 0; i < 144; i++) ASSERT_EQ(t[i], 3.0f) << i;
   EXPECT_LT(t[144 + 6 * 12 + 2], t[144 + 6 * 12 + 9]);
-  destroy_template_data(t);
+  free(t);
   t = get_or_create_template_data(nx, ny, nz, path.data(), 10.0f, 1.34f, 1.34f, 1, 0.05f);
   ASSERT_EQ(nx, 100);
   ASSERT_EQ(ny * nz, 200);
   EXPECT_EQ(memcmp(t, data.data(), data.size() * sizeof(float)), 0);
-  destroy_template_data(t);
+  free(t);
   // A last-bit difference in the pixel size resamples: 100 * k truncates to 99.
-  destroy_template_data(get_or_create_template_data(nx, ny, nz, path.data(), 10.0f, 1.34f, 1.3400001f, 1, 0.05f));
+  free(get_or_create_template_data(nx, ny, nz, path.data(), 10.0f, 1.34f, 1.3400001f, 1, 0.05f));
   EXPECT_EQ(nx, 99);
 
   std::vector<char> missing = cstr(dir.file("missing.mrcs"));

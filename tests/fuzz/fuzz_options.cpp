@@ -5,7 +5,8 @@
 #include <vector>
 
 #include "fuzz_support.h"
-#include "picker/params.h"
+#include "gpu/device.h"
+#include "picker/startup.h"
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
   fuzz::quiet_stdout();
@@ -25,12 +26,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   for (std::string& w : words) argv.push_back(&w[0]);
   argv.push_back(nullptr);
   const int argc = (int)words.size();
-  std::unique_ptr<GVexMatch_Para, void (*)(GVexMatch_Para*)> p(new GVexMatch_Para(), gvexmatch_delete_parameters);
   fuzz::refused_or_done([&] {
-    gvexmatch_init_parameters(argc, p.get());
-    gvexmatch_get_parameters(argc, argv.data(), p.get());
-    gvexmatch_fput_parameters(argc, argv.data(), p.get(), stdout);
-    gvexmatch_check_values(p.get());
+    gvexmatch_start(argc, argv.data(), [](int& gid) { return check_and_set_gid(gid) == 0; });
   });
   return 0;
 }
