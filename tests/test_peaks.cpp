@@ -66,6 +66,23 @@ TEST(PeakFind, BestPixelPerCellItsAngleAndTheCutoff) {
   for (int g : {0, 2, 3, 5, 7, 8, 10}) EXPECT_EQ(p.angle[g], 0.0f) << g;  // no better pixel: never written
 }
 
+// An interior cell reads exactly its own rows and columns: its maximum on
+// its last row or column is found, and a larger value just past it (the
+// next cell's first row or column) is not taken for it.
+TEST(PeakFind, InteriorCellBoundsAreExact) {
+  const int nx = 50, ny = 50, c = 10, gnx = 5;
+  std::vector<float> cc(nx * ny, 0.0f), psi(nx * ny, 0.0f);
+  cc[at(23, 29, nx)] = 0.5f;  // cell (2,2): its last row
+  cc[at(24, 30, nx)] = 0.9f;  // cell (2,3): its first row, just below
+  cc[at(19, 13, nx)] = 0.5f;  // cell (1,1): its last column
+  cc[at(20, 14, nx)] = 0.9f;  // cell (2,1): its first column, just right
+  const Picks p = run_peaks(cc, psi, nx, ny, c, 0.1f);
+  EXPECT_EQ(p.score[2 * gnx + 2], 0.5f);
+  EXPECT_EQ(p.score[1 * gnx + 1], 0.5f);
+  EXPECT_EQ(p.score[3 * gnx + 2], 0.9f);
+  EXPECT_EQ(p.score[1 * gnx + 2], 0.9f);
+}
+
 TEST(PeakFilter, NeighbourSuppressionIsStrictAndOrderFree) {
   const int nx = 60, ny = 20, c = 10;  // 6 x 2 cells, conflict below 2*c*c = 200
   std::vector<float> cc(nx * ny, 0.0f), psi(nx * ny, 0.0f);
@@ -156,6 +173,16 @@ TEST_F(BoxFilter, BoxAndStarLinesExact) {
             "_rlnAutopickFigureOfMerit #5\n"
             "211     205     20.000000\t2       0.700000\n"
             "455     405     40.000000\t3       0.400000\n");
+}
+
+// Diagonal neighbours closer than the cell's diagonal conflict: (50,50)
+// and (63,59) lie 250 squared pixels apart, between c^2 = 196 and 2c^2 =
+// 392 with merge cells of 14 pixels; the weaker one falls.
+TEST_F(BoxFilter, NeighboursWithinTheCellDiagonalConflict) {
+  const std::string two =
+      "42      42      16      16      0.500000\t1       \t10.000  \n"   // centre (50,50), cell (3,3)
+      "55      51      16      16      0.400000\t1       \t20.000  \n";  // centre (63,59), cell (4,4)
+  EXPECT_EQ(merge(two, 2), "171     173     64      64      0.500000\t1       10.000000\n");
 }
 
 TEST_F(BoxFilter, ExcludedFileRemovesNearbyPicks) {

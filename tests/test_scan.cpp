@@ -46,11 +46,13 @@ TEST(RunningMaximum, StrictNaNNeitherEntersNorLeavesOnShortAndLongRuns) {
         if (c[i] > m[i]) want_m[i] = c[i], want_a[i] = 45.0f;
     }
     // The host's fold, with and without angles, and the shared element body.
-    std::vector<float> hm = m, ha(n, 7.0f), em = m, ea(n, 7.0f), hm2 = m;
+    std::vector<float> hm = m, ha(n, 7.0f), em = m, ea(n, 7.0f), hm2 = m, em2 = m;
     scan_host_fold_serial(hm.data(), c.data(), ha.data(), 45.0f, n);
     scan_host_fold_serial(hm2.data(), c.data(), nullptr, 45.0f, n);
     for (int i = 0; i < n; i++) cuda_update_ccmax_psi(em.data(), c.data(), ea.data(), 45.0f, i);
-    for (const auto& [got, want] : {std::make_pair(hm, want_m), {ha, want_a}, {hm2, want_m}, {em, want_m}, {ea, want_a}})
+    for (int i = 0; i < n; i++) cuda_update_ccmax(em2.data(), c.data(), i);
+    for (const auto& [got, want] :
+         {std::make_pair(hm, want_m), {ha, want_a}, {hm2, want_m}, {em, want_m}, {ea, want_a}, {em2, want_m}})
       EXPECT_TRUE(same_bits(got, want)) << n;
   }
 }
