@@ -51,7 +51,10 @@ def main():
     archive = os.path.join(build, 'libgvex.a')
     if not os.path.exists(archive):
         sys.exit(f'api_check: no library at {archive}')
-    library = {n for n in functions(archive, 'T') if not SKIP.search(n)}
+    library = set()
+    for lib in (archive, os.path.join(build, 'report', 'libgvex_report.a')):
+        if os.path.exists(lib):
+            library |= {n for n in functions(lib, 'T') if not SKIP.search(n)}
     reached, tested = set(), set()
     for prog in PROGRAMS:
         path = os.path.join(build, prog)
