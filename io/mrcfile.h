@@ -83,6 +83,8 @@ int mrc_read_head(FILE* fp, MRC_HEAD* head);
 int mrc_check_fsize(FILE* fp, const MRC_HEAD* head);
 // One plane along axis 'x', 'y' or 'z' (either case); n is the plane number.
 int mrc_read_slice(FILE* fp, const MRC_HEAD* head, int n, char axis, float* out);
+// Every z plane at once, converted as the slice reader converts them.
+int mrc_read_stack(FILE* fp, const MRC_HEAD* head, float* out);
 
 // ---- reading by file name (open failures are fatal) ----
 MRC_HEAD* get_mrcf_head(const char* name);

@@ -11,6 +11,7 @@
 #include <cstring>
 #include <vector>
 
+#include "common/atomic_file.h"
 #include "common/errors.h"
 #include "common/records.h"
 #include "io/boxfile.h"
@@ -179,7 +180,7 @@ static std::vector<Pick> merge_candidates(int nx, int ny, float min_dist, float 
 }
 
 void write_merged_picks(const char* out_file, const std::vector<Pick>& picks, bool star) {
-  FILE* out = fopen(out_file, "w+");
+  FILE* out = gvex_create_new(out_file, "w+");
   if (!out) gvex_open_write_failed(out_file, "box_filter", "boxfile", __LINE__);
   const bool ok = picks_write(out, picks, star);
   if (fclose(out) != 0 || !ok) gvex_open_write_failed(out_file, "box_filter", "boxfile", __LINE__);

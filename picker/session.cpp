@@ -12,6 +12,7 @@
 
 #include "common/atomic_file.h"
 #include "common/owned.h"
+#include "common/regular_file.h"
 #include "common/stop_point.h"
 #include "common/strutil.h"
 #include "gpu/device.h"
@@ -44,7 +45,7 @@ namespace {
 struct PartialFiles {
   std::vector<std::string> names;
   ~PartialFiles() {
-    for (const std::string& n : names) remove(n.c_str());
+    for (const std::string& n : names) unlink(n.c_str());  // a folder of that name is not ours
   }
 };
 
@@ -194,10 +195,16 @@ void PickSession::prepare(const MRC_HEAD& reference, const std::string& referenc
   d.working_sizes();
   // On a GPU the host cores are idle but for the read-ahead: half of them shrink.
   const int read_threads = gvex_on_gpu() ? (gvex_host_threads() + 1) / 2 : 1;
-  d.ahead.reset(new MicPrefetch(reference, d.s.shrink, d.ext, read_threads));
-  if (!first.empty()) d.ahead->start(first);
-  d.prepare_templates();
-  d.prepare_buffers(sharers);
+  try {
+    d.ahead.reset(new MicPrefetch(reference, d.s.shrink, d.ext, read_threads));
+    if (!first.empty()) d.ahead->start(first);
+    d.prepare_templates();
+    d.prepare_buffers(sharers);
+  } catch (const std::bad_alloc&) {
+    throw gvex_out_of_memory("gvexmatch_prepare_run", gvex_module, __LINE__,
+                             "preparing for micrographs of " + std::to_string(d.nx) + " x " + std::to_string(d.ny) +
+                                 " pixels like " + reference_name);
+  }
 }
 
 bool PickSession::looks_finished(const std::string& mic) const {
@@ -218,16 +225,19 @@ PickResult PickSession::pick(const std::string& mic, const std::string& next) {
   } catch (const GvexFailure& f) {
     r.outcome = PickResult::Outcome::failed;
     r.failure = f;
-    // The stages this micrograph left open are closed without a line.
-    gvex_timer_truncate(depth);
+  } catch (const std::bad_alloc&) {
+    r.outcome = PickResult::Outcome::failed;
+    r.failure = gvex_out_of_memory("gvexmatch_pick_micrograph", gvex_module, __LINE__, "while picking " + mic);
   }
+  // The stages a failed micrograph left open are closed without a line.
+  if (r.outcome == PickResult::Outcome::failed) gvex_timer_truncate(depth);
   return r;
 }
 
 // The names of one micrograph's files, derived (and refused when too long)
 // before anything is touched.
 struct MicNames {
-  std::string box, star, nonunique, excluded, commit;
+  std::string box, star, nonunique, excluded, commit, particles;
 };
 
 static MicNames mic_names(const PickSettings& s, const std::string& mic) {
@@ -238,14 +248,26 @@ static MicNames mic_names(const PickSettings& s, const std::string& mic) {
   set_name_shrinked_box(nonunique, mic.c_str(), s.shrink);
   n.nonunique = nonunique;
   n.excluded = s.opt.exclusive_picking ? outname(mic, s.opt.excluded_suffix.c_str()) : "NULL";
-  n.commit = outname(mic, "_vexmatch.commit");
+  // Derived as the others but without their length bound, so that any name
+  // whose coordinate files fit also gets its marker.
+  n.commit = n.box.substr(0, n.box.size() - strlen("_vexmatch.box")) + "_vexmatch.commit";
+  if (s.opt.extract_raw) n.particles = outname(mic, "_particles.mrcs");
   return n;
+}
+
+// What an unfinished commit of this micrograph would leave.
+static std::vector<std::string> committed(const MicNames& n) {
+  std::vector<std::string> files = {n.box, n.star};
+  if (!n.particles.empty()) files.push_back(n.particles);
+  return files;
 }
 
 // The micrograph's pixels into h_raw (and h_shrunk when read ahead), the
 // next micrograph's read started, and the user's exclusions.
 void PickSession::Impl::read(const std::string& mic, const std::string& next, MicNames& names) {
-  OwnedFile fmic(fopen(mic.c_str(), "r"));
+  const char* kind = "";
+  OwnedFile fmic(gvex_open_regular(mic.c_str(), &kind));
+  if (!fmic && *kind) gvex_not_a_file("micrograph", mic.c_str(), kind, "main", "gvexmatch56", 187);
   if (!fmic) gvex_open_read_failed(mic.c_str(), "main", "gvexmatch56", 187);
   MRC_HEAD head;
   mrc_read_head(fmic.get(), &head);
@@ -269,9 +291,16 @@ void PickSession::Impl::pick(const std::string& mic, const std::string& next, Pi
   gvex_timer_push();
   printf("\n");
   ruler('-', 129);
+  // A line break in a name would make every file of ours beside it
+  // ambiguous to the tools that read lists of names.
+  if (mic.find('\n') != std::string::npos || mic.find('\r') != std::string::npos)
+    gvex_fatal("gvexmatch_pick_micrograph", gvex_module, __LINE__,
+               "the micrograph name holds a line break, which the names of its output files cannot carry");
   MicNames names = mic_names(s, mic);
+  // Another run picking this micrograph finishes it first.
+  const InputLock lock(mic.c_str());
   // What a killed run left of an unfinished commit is undone first.
-  gvex_undo_commit(names.commit);
+  gvex_undo_commit(names.commit, committed(names));
   gvex_test_stop_point("micrograph");
   if (s.opt.do_unfinished && (file_readable(names.box.c_str()) || file_readable(names.star.c_str()))) {
     printf("Micrograph %s has already been processed. Automatically skipped.\n", mic.c_str());
@@ -279,7 +308,9 @@ void PickSession::Impl::pick(const std::string& mic, const std::string& next, Pi
     r.outcome = PickResult::Outcome::skipped;
     return;
   }
-  OwnedFile fnon(fopen(names.nonunique.c_str(), "w+"));
+  // Made at once, under its own name (the merge reads it back), but new:
+  // never through a link left at that name.
+  OwnedFile fnon(gvex_create_new(names.nonunique.c_str(), "w+"));
   if (!fnon) gvex_open_write_failed(names.nonunique.c_str(), "main", "gvexmatch56", 185);
   read(mic, next, names);
   r.times.reading = gvex_timer_pop("READING");
@@ -405,6 +436,14 @@ void PickSession::Impl::merge_and_commit(const std::string& mic, const MicNames&
   if (!failed.empty()) io_write_failed(failed.c_str(), "gvexmatch_pick_micrograph", gvex_module, __LINE__);
   partial.names.clear();
   gvex_test_stop_point("committed");
-  if (o.extract_raw) mrcf_x2d_extract_ptcls_from_micrograph(mic.c_str(), names.box.c_str(), o.boxsize, 0);
+  if (o.extract_raw) {
+    // A refused extraction leaves the micrograph unpicked, as a kill would.
+    try {
+      mrcf_x2d_extract_ptcls_from_micrograph(mic.c_str(), names.box.c_str(), o.boxsize, 0);
+    } catch (const GvexFailure&) {
+      gvex_undo_commit(names.commit, committed(names));
+      throw;
+    }
+  }
   gvex_end_commit(names.commit);
 }

@@ -8,6 +8,7 @@
 
 #include "common/errors.h"
 #include "common/owned.h"
+#include "common/regular_file.h"
 #include "common/records.h"
 #include "picker/help.h"
 
@@ -25,7 +26,7 @@ ParaPtr gvexmatch_start(int argc, char** argv, bool (*choose_gpu)(int& gid)) {
   return p;
 }
 
-Reference gvexmatch_reference(const GVexMatch_Para& p, const char* prog) {
+Reference gvexmatch_reference(const GVexMatch_Para& p, const char* prog, bool skip_damaged) {
   for (int i = 0; i < p.n_mic; i++) {
     const char* name = p.mic_files[i];
     if (access(name, F_OK) != 0) {
@@ -41,11 +42,18 @@ Reference gvexmatch_reference(const GVexMatch_Para& p, const char* prog) {
       continue;
     }
     printf("Opening %s for initial test and preperation .......\n", name);
-    OwnedFile fp(fopen(name, "r"));
+    const char* kind = "";
+    OwnedFile fp(gvex_open_regular(name, &kind));
+    if (!fp && *kind) gvex_not_a_file("micrograph", name, kind, "check_access_openf_1st", "gvexmatch56", 57);
     if (!fp) gvex_open_read_failed(name, "check_access_openf_1st", "gvexmatch56", 57);
     Reference ref;
     ref.name = name;
-    mrc_read_head(fp.get(), &ref.head);
+    try {
+      mrc_read_head(fp.get(), &ref.head);
+    } catch (const GvexFailure&) {
+      if (skip_damaged) continue;
+      throw;
+    }
     if (!mrc_mode_is_readable(ref.head.mode)) {
       char why[GVEX_NAME_LEN + 128];
       snprintf(why, sizeof why, "the pixels of %s are of mode %d (%s), which cannot be read; modes 0, 1, 2 and 6 can",

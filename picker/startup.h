@@ -18,9 +18,11 @@ ParaPtr gvexmatch_start(int argc, char** argv, bool (*choose_gpu)(int& gid));
 
 // The first readable micrograph of the record's list (warnings for the
 // names before it); its header fixes the sizes of the run. None readable
-// is a help exit naming prog; a mode that cannot be read is fatal.
+// is a help exit naming prog; a mode that cannot be read is fatal. With
+// skip_damaged, a micrograph whose header cannot be read is passed over
+// (its own turn reports it) and the next one is tried.
 struct Reference {
   MRC_HEAD head{};
   std::string name;
 };
-Reference gvexmatch_reference(const GVexMatch_Para& p, const char* prog);
+Reference gvexmatch_reference(const GVexMatch_Para& p, const char* prog, bool skip_damaged = false);

@@ -2,7 +2,8 @@
 # gvexmatch_mpi against one-process gvexmatch on generated micrographs:
 # identical files with 2 and 3 ranks; a corrupt and a wrong-size micrograph
 # in the middle are reported and skipped (status 1); a job killed part-way
-# and resumed with --do_unfinished ends with the files of an uninterrupted run.
+# and resumed with --do_unfinished ends with the files of an uninterrupted run;
+# a damaged first micrograph and a name listed twice.
 # Usage: mpi_check.sh GVEXMATCH GVEXMATCH_MPI MAKEMIC SCRATCH
 set -eu
 gvex=$1 mpi=$2 makemic=$3 work=$4
@@ -41,4 +42,14 @@ if GVEX_TEST_STOP_AT=micrograph:2 $run -x GVEX_TEST_STOP_AT -n 2 "$mpi" $opts m1
 $run -n 3 "$mpi" $opts --do_unfinished 1 m1.mrc m2.mrc m3.mrc m4.mrc m5.mrc >../resume.log 2>&1 || fail "resume failed"
 grep -q "skipped (finished before)" ../resume.log || fail "resume: nothing skipped"
 same resume
+# A damaged first micrograph is reported at its turn and the next one fixes
+# the sizes; a name listed twice is picked once.
+fresh first && cp ../mics/broken.mrc .
+if $run -n 3 "$mpi" $opts broken.mrc m1.mrc m2.mrc m1.mrc m3.mrc m4.mrc m5.mrc >../first.log 2>&1; then
+  fail "first: status 0"
+fi
+grep -q "^    broken.mrc: rank [12]: .*broken.mrc" ../first.log || fail "first: broken.mrc not named"
+grep -q "m1.mrc skipped (listed before)" ../first.log || fail "first: the second m1.mrc was not skipped"
+grep -q "^Summary: 7 micrographs, 5 picked, 1 skipped, 1 failed" ../first.log || fail "first: summary"
+rm broken.mrc broken_nonunique.box && same first
 echo "mpi_check: all cases passed"

@@ -14,7 +14,7 @@ cd "$wt"
 cmake -S . -B build -DCMAKE_BUILD_TYPE=Release -DGVEX_CUDA=OFF -DGVEX_BENCH=OFF >/dev/null || exit 1
 cmake --build build -j2 >/dev/null || { echo "the unmodified tree does not build"; exit 1; }
 missed=0
-while IFS=$'\t' read -r file from to what; do
+while IFS=$'\t' read -r -u 3 file from to what; do
   case $file in '#'* | '') continue ;; esac
   cp "$file" "$file.orig"
   if ! python3 - "$file" "$from" "$to" <<'PY'
@@ -42,7 +42,7 @@ PY
     fi
   fi
   mv "$file.orig" "$file"
-done <"$repo/tools/mutants/faults.txt"
+done 3<"$repo/tools/mutants/faults.txt"
 cmake --build build -j2 >/dev/null 2>&1
 echo "mutants: $missed not caught"
 exit $((missed > 0))
