@@ -66,10 +66,9 @@ static void check_scaled_sizes(const char* path, int nx, int ny, float k, int sh
   }
 }
 
-static float* read_template_stack(int& nx, int& ny, int& nz, char* path, float k, int shrink);
-
-float* get_template_data(int& nx, int& ny, int& nz, char* path) { return read_template_stack(nx, ny, nz, path, 1.0f, 1); }
-
+// The stack's pixels, sized from its header (refused, naming the file,
+// when unreadable, of a mode that cannot be read or of sizes that do not fit
+// the file or what k and shrink make of them). Release with free().
 static float* read_template_stack(int& nx, int& ny, int& nz, char* path, float k, int shrink) {
   const char* kind = "";
   OwnedFile file(gvex_open_regular(path, &kind));
