@@ -74,7 +74,9 @@ void usage(const char* prog) {
          "Picks the micrographs with the options and outputs of gvexmatch, spread over K MPI ranks: rank 0\n"
          "hands out micrographs, the other ranks pick them (with K = 1 rank 0 picks alone). Each rank uses\n"
          "GPU (--gid + local rank) mod (GPUs on its node), or the host with its share of the node's cores.\n"
-         "A micrograph that cannot be picked is reported and skipped; the run then ends with status 1.\n\n"
+         "A micrograph that cannot be picked is reported and skipped; the run then ends with status 1.\n"
+         "On the host, FFT plans come from the FFTW wisdom of --fftw_wisdom FILE (written by gvexmatch_tune),\n"
+         "else of the file GVEX_FFTW_WISDOM names (none: estimated plans), else FFTW's system wisdom.\n\n"
          "gvexmatch's options:\n",
          prog);
   Quiet off(false);
@@ -146,6 +148,7 @@ void work(PickSession& session, const GVexMatch_Para& p, int rank) {
 
 int run_mpi(int argc, char** argv, int rank, int ranks, int local_rank, int local_ranks) {
   const char* prog = argv[0];
+  const std::string wisdom = gvex_take_wisdom_option(argc, argv);
   if (argc < 2 || is_keywd_help(argv[1])) {
     if (rank == 0) usage(prog);
     return argc < 2 ? 2 : 0;
@@ -162,6 +165,7 @@ int run_mpi(int argc, char** argv, int rank, int ranks, int local_rank, int loca
     if (gpus == 0) omp_set_num_threads(std::max(1, omp_get_num_procs() / local_ranks));
 #endif
     fputs(gvex_device_activate(gpus > 0 ? (p->gid + local_rank) % gpus : p->gid), stdout);
+    if (!gvex_on_gpu()) fputs(gvex_companion_wisdom(wisdom).c_str(), stdout);
     // A damaged micrograph is reported at its turn; the next one serves.
     ref = gvexmatch_reference(*p, prog, true);
   }

@@ -9,6 +9,7 @@
 #include "common/errors.h"
 #include "common/owned.h"
 #include "common/regular_file.h"
+#include "gpu/cuda_fft.h"
 #include "common/records.h"
 #include "picker/help.h"
 
@@ -24,6 +25,32 @@ ParaPtr gvexmatch_start(int argc, char** argv, bool (*choose_gpu)(int& gid)) {
   gvexmatch_fput_parameters(argc, argv, p.get(), stdout);
   gvexmatch_check_values(p.get());
   return p;
+}
+
+std::string gvex_companion_wisdom(const std::string& option) {
+  const char* env = getenv("GVEX_FFTW_WISDOM");
+  const std::string named = !option.empty() ? option : env && *env ? env : "";
+  std::string why;
+  if (named == "none") return "FFT plans: estimated (GVEX_FFTW_WISDOM=none)\n";
+  if (named.empty())
+    return "FFT plans: " + (gvex_fft_plans_from_wisdom("", why) ? gvex_fft_plans_text() : "estimated, " + why) + "\n";
+  if (!gvex_fft_plans_from_wisdom(named, why)) gvex_fatal("gvex_companion_wisdom", gvex_module, __LINE__, why.c_str());
+  return "FFT plans: " + gvex_fft_plans_text() + "\n";
+}
+
+std::string gvex_take_wisdom_option(int& argc, char** argv) {
+  std::string file;
+  int out = 1;
+  for (int i = 1; i < argc; i++) {
+    if (std::string(argv[i]) == "--fftw_wisdom" && i + 1 < argc) {
+      file = argv[++i];
+      continue;
+    }
+    argv[out++] = argv[i];
+  }
+  argc = out;
+  argv[argc] = nullptr;
+  return file;
 }
 
 Reference gvexmatch_reference(const GVexMatch_Para& p, const char* prog, bool skip_damaged) {
