@@ -18,8 +18,7 @@
 #include "common/regular_file.h"
 #include "common/errors.h"
 #include "common/records.h"
-#include "gpu/hm_math.h"
-#include "gpu/resample.h"
+#include "common/hm_math.h"
 #include "io/io_messages.h"
 
 namespace {

@@ -6,13 +6,14 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "common/host_image.h"
 #include "common/errors.h"
 #include "common/owned.h"
 #include "common/regular_file.h"
 #include "common/records.h"
 #include "common/strutil.h"
 #include "gpu/device.h"
-#include "gpu/hm_math.h"
+#include "common/hm_math.h"
 #include "gpu/local_stats.h"
 #include "gpu/math_utils.h"
 #include "gpu/resample.h"

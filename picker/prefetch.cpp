@@ -7,6 +7,7 @@
 #include <omp.h>
 #endif
 
+#include "common/host_image.h"
 #include "common/owned.h"
 #include "common/regular_file.h"
 #include "gpu/resample.h"

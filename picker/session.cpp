@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "common/host_image.h"
 #include "common/atomic_file.h"
 #include "common/owned.h"
 #include "common/regular_file.h"

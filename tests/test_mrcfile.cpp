@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "common/host_image.h"
 #include "common/owned.h"
 #include "common/records.h"
 #include "gpu/resample.h"
