@@ -88,12 +88,13 @@ DecoyCutoff null_model_cutoff(const std::vector<double>& real_scores, const std:
   DecoyCutoff c;
   if (real_scores.empty()) return c;
   const std::vector<Tally> t = tally(real_scores, decoy_scores);
-  const Tally* half = nullptr;
-  for (const Tally& x : t)
-    if (x.decoys <= kDecoyHalf * x.picks) {
-      half = &x;
-      break;
-    }
+  // The lowest cut with at most `ratio` decoys per pick above it.
+  auto lowest = [&](double ratio) -> const Tally* {
+    for (const Tally& x : t)
+      if (x.decoys <= ratio * x.picks) return &x;
+    return nullptr;
+  };
+  const Tally* half = lowest(kDecoyHalf);
   if (half) {
     const double particles = (double)(half->picks - half->decoys);
     c.crowding = capacity > 0 ? particles / capacity : std::numeric_limits<double>::infinity();
@@ -117,5 +118,7 @@ DecoyCutoff null_model_cutoff(const std::vector<double>& real_scores, const std:
     const double f1 = 2.0 * (double)std::max(0L, x.picks - x.decoys) / (double)(x.picks + most);
     if (f1 > best) best = f1, c.value = x.score;
   }
+  const Tally* floor = lowest(kDecoyFloor);
+  c.value = floor ? std::max(c.value, floor->score) : above_all(real_scores);
   return c;
 }

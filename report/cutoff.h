@@ -45,10 +45,14 @@ Cutoff pooled_cutoff(const std::vector<double>& all_scores);
 //    picks many times over, and the half-decoy cut is taken;
 //  - sparse: decoys count false picks about one for one, and the cut that
 //    maximises F1 estimated with them is taken: 2 (N(s) - D(s)) / (N(s) + P),
-//    P the largest N(s) - D(s) (the particles among the picks). None are
-//    kept unless at some cut the excess of picks over decoys is beyond
-//    chance: N - D >= kExcess sqrt(N + D).
+//    P the largest N(s) - D(s) (the particles among the picks), but no lower
+//    than where decoys are at most kDecoyFloor of the picks: large dark
+//    contamination lifts the real run's noise maxima above the decoys', and
+//    an empty micrograph must not read as a sparse one. None are kept
+//    unless at some cut the excess of picks over decoys is beyond chance:
+//    N - D >= kExcess sqrt(N + D).
 constexpr double kDecoyHalf = 0.5;
+constexpr double kDecoyFloor = 0.4;
 constexpr double kCrowded = 0.10;
 constexpr double kExcess = 3.0;
 

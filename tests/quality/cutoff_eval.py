@@ -109,17 +109,25 @@ def tally(real, decoys):
     return out
 
 
+def lowest(t, ratio):
+    """Lowest cut with at most ratio decoys per pick above it."""
+    return next((x for x in t if x[2] <= ratio * x[1]), None)
+
+
 def half_decoy(t):
-    return next((x for x in t if x[2] <= 0.5 * x[1]), None)
+    return lowest(t, 0.5)
 
 
-def est_f1(t):
-    """Cut maximising F1 with decoys as the false picks; NONE without evidence."""
+def est_f1(t, floor=0.4):
+    """Cut maximising F1 with decoys as the false picks, no lower than the
+    floor's ratio cut; NONE without evidence."""
     most = max([0] + [n - d for _, n, d in t])
     excess = max([0] + [(n - d) / math.sqrt(n + d) for _, n, d in t])
     if most <= 0 or excess < 3:
         return NONE
-    return max(t, key=lambda x: (2 * max(0, x[1] - x[2]) / (x[1] + most), -x[0]))[0]
+    best = max(t, key=lambda x: (2 * max(0, x[1] - x[2]) / (x[1] + most), -x[0]))[0]
+    low = lowest(t, floor) if floor else (best,)
+    return max(best, low[0]) if low else NONE
 
 
 def decoy_rule(m):
@@ -134,7 +142,7 @@ def decoy_rule(m):
 
 RULES = {
     "ratio0.5": lambda m: (half_decoy(tally(m.scores, m.decoys)) or (NONE,))[0],
-    "estF1": lambda m: est_f1(tally(m.scores, m.decoys)),
+    "estF1": lambda m: est_f1(tally(m.scores, m.decoys), None),
     "decoy": decoy_rule,
 }
 
