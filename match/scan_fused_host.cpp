@@ -180,7 +180,8 @@ struct FusedScanHost::Impl {
 
   // Column stage of either kind, then the row stage, each block of rows
   // folded into the running maximum as it comes out.
-  void fold(const float2* M, const float2* F, float2* F_out, float s, float* ccmax, float* psi, float ang) {
+  void fold(const float2* M, const float2* F, float2* F_out, float s, float* ccmax, float* psi, float ang,
+            float* decoy) {
     grow();
     if (F) {
       columns_stored(M, F, s);
@@ -194,7 +195,9 @@ struct FusedScanHost::Impl {
     for (int r = 0; r < nr; r++) {
       const int y0 = r * ROWS, h = ny - y0 < ROWS ? ny - y0 : ROWS;
       const long i = (long)y0 * nx;
-      scan_host_fold_serial(ccmax + i, inverse_rows(y0), psi ? psi + i : nullptr, ang, (long)h * nx);
+      const float* rows = inverse_rows(y0);
+      scan_host_fold_serial(ccmax + i, rows, psi ? psi + i : nullptr, ang, (long)h * nx);
+      if (decoy) scan_host_fold_decoy_serial(decoy + i, rows, (long)h * nx);
     }
   }
 };
@@ -227,6 +230,6 @@ void FusedScanHost::paste(const float* t, int tnx, int tny, int px, int py) {
 }
 
 void FusedScanHost::fold(const float2* M, const float2* F, float2* F_out, float s, float* ccmax, float* psi,
-                         float ang) {
-  d_->fold(M, F, F_out, s, ccmax, psi, ang);
+                         float ang, float* decoy) {
+  d_->fold(M, F, F_out, s, ccmax, psi, ang, decoy);
 }

@@ -79,7 +79,8 @@ struct PickSession::Impl {
   // Host staging, page-locked on a GPU.
   HostBuffer<float> h_raw, h_shrunk, h_ccmax;
   bool shrunk_ready = false;  // h_shrunk already holds h_raw shrunk (read ahead)
-  std::unique_ptr<DeviceArray<float>> d_T, d_mic, d_mask, d_ccmax, d_psi;
+  std::unique_ptr<DeviceArray<float>> d_T, d_mic, d_mask, d_ccmax, d_psi, d_decoy;
+  std::string decoy_candidates;  // the decoys' "_nonunique.box" lines, kept in memory
   std::unique_ptr<DeviceArray<unsigned int>> d_grid;
   std::vector<PTCL_BOX> excluded;  // gx * gy records
   int n_excluded = 0;
@@ -94,6 +95,7 @@ struct PickSession::Impl {
   void read(const std::string& mic, const std::string& next, struct MicNames& names);
   void normalise(const std::string& mic, PickResult& r);
   void scan_templates(FILE* nonunique, PickResult& r);
+  void decoy_peaks(int t, float* decoy);
   void merge_and_commit(const std::string& mic, const struct MicNames& names, PickResult& r);
   void pick(const std::string& mic, const std::string& next, PickResult& r);
   void write_working_image(const std::string& mic, const char* suffix, const float* d_img, int nz);
@@ -164,6 +166,7 @@ void PickSession::Impl::prepare_buffers(int sharers) {
   d_mask.reset(new DeviceArray<float>(n2, true));
   d_ccmax.reset(new DeviceArray<float>(n2, true));
   d_psi.reset(new DeviceArray<float>(n2, true));
+  if (s.opt.decoys) d_decoy.reset(new DeviceArray<float>(n2, true));
   const unsigned long cells = (unsigned long)gx * gy;
   d_grid.reset(new DeviceArray<unsigned int>(cells, true));
   excluded.assign(cells, PTCL_BOX{});
@@ -289,6 +292,7 @@ void PickSession::Impl::read(const std::string& mic, const std::string& next, Mi
 }
 
 void PickSession::Impl::pick(const std::string& mic, const std::string& next, PickResult& r) {
+  decoy_candidates.clear();  // what a failed micrograph left
   gvex_timer_push();
   printf("\n");
   ruler('-', 129);
@@ -389,6 +393,7 @@ void PickSession::Impl::normalise(const std::string& mic, PickResult& r) {
   r.rejected_cells = 0;
   for (unsigned int c : cells) r.rejected_cells += c != 0;
   r.masked_fraction = 1.0 - (double)hcuda_fast_sum(d_mask->get(), n2) / (double)n2;
+  r.usable_pixels = (double)nx * ny * (1.0 - r.masked_fraction);
 }
 
 // Every template's scan and peaks; the candidates go to the
@@ -400,16 +405,37 @@ void PickSession::Impl::scan_templates(FILE* nonunique, PickResult& r) {
   for (int t = 0; t < tnz; t++) {
     printf("Template %03d\n", t + 1);
     float* d_t = d_T->get() + (unsigned long)t * tnx * tny;
+    float* decoy = d_decoy ? d_decoy->get() : nullptr;
     vexmatch_ccmax_psi_by_one_template(d_mic->get(), d_mask->get(), d_ccmax->get(), d_psi->get(), 1, ext, ext, d_t,
-                                       tnx, tny, s.template_r, (float)o.ang_start, o.ang_end, s.scan_step, ws.get());
+                                       tnx, tny, s.template_r, (float)o.ang_start, o.ang_end, s.scan_step, ws.get(),
+                                       decoy);
     gpu_find_filter_ccmax_psi_grids_exclusive(d_ccmax->get(), d_psi->get(), peak_index.data(), peak_score.data(),
                                               peak_angle.data(), o.cc_cutoff, ext, ext, s.cell, d_grid->get(),
                                               (unsigned int)cells);
     r.candidates += output_vexmatch_coord_one_temp(nonunique, peak_index.data(), peak_score.data(),
                                                    peak_angle.data(), t + 1, (int)cells, ext, ext, box);
+    if (decoy) decoy_peaks(t, decoy);
     if (o.write_ccmax_mic)
       gvex_check_copy(memcpy_D2H(h_ccmax.data() + n2 * t, d_ccmax->get(), n2 * sizeof(float)), __FILE__, __LINE__);
   }
+}
+
+// The decoy map's grid maxima, found and filtered as the real ones, as
+// candidate lines in memory (their angles mean nothing).
+void PickSession::Impl::decoy_peaks(int t, float* decoy) {
+  const unsigned long cells = (unsigned long)gx * gy;
+  gpu_find_filter_ccmax_psi_grids_exclusive(decoy, d_psi->get(), peak_index.data(), peak_score.data(),
+                                            peak_angle.data(), s.opt.cc_cutoff, ext, ext, s.cell, d_grid->get(),
+                                            (unsigned int)cells);
+  char* text = nullptr;
+  size_t len = 0;
+  FILE* fp = open_memstream(&text, &len);
+  if (!fp) throw std::bad_alloc();
+  output_vexmatch_coord_one_temp(fp, peak_index.data(), peak_score.data(), peak_angle.data(), t + 1, (int)cells, ext,
+                                 ext, s.opt.boxsize / s.shrink);
+  fclose(fp);
+  decoy_candidates.append(text, len);
+  free(text);
 }
 
 // Merge all templates' candidates into the final picks, in micrograph
@@ -428,6 +454,11 @@ void PickSession::Impl::merge_and_commit(const std::string& mic, const MicNames&
   std::vector<std::string> finals{names.box};
   r.picks = box_filter(mx, my, s.min_dist_px, o.cc_cutoff, (float)s.shrink, o.boxsize, o.boxsize, int2{0, 0},
                        names.nonunique.c_str(), names.excluded.c_str(), box_tmp.c_str(), 2);
+  if (d_decoy) {
+    r.decoys = merge_candidate_text(decoy_candidates, mx, my, s.min_dist_px, o.cc_cutoff, (float)s.shrink, o.boxsize,
+                                    o.boxsize, int2{0, 0}, names.excluded.c_str());
+    decoy_candidates.clear();
+  }
   if (o.write_star) {
     write_merged_picks(star_tmp.c_str(), r.picks, true);
     finals.push_back(names.star);

@@ -122,3 +122,8 @@ DecoyCutoff null_model_cutoff(const std::vector<double>& real_scores, const std:
   c.value = floor ? std::max(c.value, floor->score) : above_all(real_scores);
   return c;
 }
+
+double disc_capacity(double usable_pixels, double diameter, double apix) {
+  const double r = diameter / 2 / apix;
+  return r > 0 ? usable_pixels / (3.14159265358979 * r * r) : 0.0;
+}

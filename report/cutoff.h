@@ -65,5 +65,8 @@ struct DecoyCutoff {
 
 // capacity: how many particle discs fit the usable area, i.e. the
 // micrograph's area less its rejected cells over pi (diameter / 2 / apix)^2.
+// Particle discs of the diameter (A) that fit usable_pixels pixels of apix A.
+double disc_capacity(double usable_pixels, double diameter, double apix);
+
 DecoyCutoff null_model_cutoff(const std::vector<double>& real_scores, const std::vector<double>& decoy_scores,
                               double capacity);
