@@ -2,24 +2,16 @@
 #include "io/picks.h"
 
 #include <cmath>
+#include <cstdlib>
+#include <cstring>
 #include <fstream>
 #include <sstream>
 
 #include "io/boxfile.h"
 
-bool picks_write(FILE* fp, const std::vector<Pick>& picks, bool star) {
-  if (star) output_starbox_head(fp);
-  for (const Pick& p : picks) {
-    const int x = (int)std::lround(p.x), y = (int)std::lround(p.y);
-    if (star)
-      fprintf(fp, "%-8d%-8d%-8.6f\t%-8d%-8.6f\n", x, y, p.psi, p.cls, p.score);
-    else
-      fprintf(fp, "%-8d%-8d%-8d%-8d%-8.6f\t%-8d%-8.6f\n", x - p.w / 2, y - p.h / 2, p.w, p.h, p.score, p.cls, p.psi);
-  }
-  return ferror(fp) == 0;
-}
-
 namespace {
+
+const char* const kCutRecord = "# cut-off ";
 
 bool ends_with(const std::string& s, const char* end) {
   const std::string e(end);
@@ -48,6 +40,30 @@ void refuse(PicksRead& r, long line_no) {
 
 }  // namespace
 
+std::string cut_text(double cut) {
+  const float want = (float)cut;
+  char b[64];
+  for (const char* f : {"%.4f", "%.6f", "%.9g"}) {
+    snprintf(b, sizeof b, f, (double)want);
+    if ((float)strtod(b, nullptr) == want) break;
+  }
+  return b;
+}
+
+bool picks_write(FILE* fp, const std::vector<Pick>& picks, bool star, double cut) {
+  if (star) output_starbox_head(fp);
+  if (star && std::isfinite(cut)) fprintf(fp, "%s%s: picks scoring below it were left out\n", kCutRecord, cut_text(cut).c_str());
+  for (const Pick& p : picks) {
+    const int x = (int)std::lround(p.x), y = (int)std::lround(p.y);
+    if (star)
+      fprintf(fp, "%-8d%-8d%-8.6f\t%-8d%-8.6f\n", x, y, p.psi, p.cls, p.score);
+    else
+      fprintf(fp, "%-8d%-8d%-8d%-8d%-8.6f\t%-8d%-8.6f\n", x - p.w / 2, y - p.h / 2, p.w, p.h, p.score, p.cls, p.psi);
+  }
+  return ferror(fp) == 0;
+}
+
+
 PicksRead picks_read(const std::string& path, int box, std::vector<Pick>& picks) {
   PicksRead r;
   std::ifstream in(path);
@@ -58,6 +74,12 @@ PicksRead picks_read(const std::string& path, int box, std::vector<Pick>& picks)
   long line_no = 0;
   for (std::string line; std::getline(in, line);) {
     line_no++;
+    if (star && line.compare(0, strlen(kCutRecord), kCutRecord) == 0) {
+      char* end = nullptr;
+      const double cut = strtod(line.c_str() + strlen(kCutRecord), &end);
+      if (end != line.c_str() + strlen(kCutRecord) && sane(cut, PICKS_MAX_SCORE)) r.cut = cut;
+      continue;
+    }
     if (!leading_numbers(line, v)) continue;
     Pick p;
     if (star && v.size() >= 5) {  // x y psi class score

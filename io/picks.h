@@ -3,6 +3,7 @@
 // columns) and "_vexmatch.star" (RELION centre form), and the rejected-cell
 // lists beside them.
 #pragma once
+#include <cmath>
 #include <cstdio>
 #include <string>
 #include <vector>
@@ -25,15 +26,25 @@ struct Cell {
 // Writes the picks in the ".box" form ("%-8d%-8d%-8d%-8d%-8.6f\t%-8d%-8.6f":
 // corner x y, box w h, score, template, angle) or, with star, the header
 // and ".star" lines ("%-8d%-8d%-8.6f\t%-8d%-8.6f": centre x y, angle,
-// template, score). Centres are rounded to whole pixels. False when a write
-// failed.
-bool picks_write(FILE* fp, const std::vector<Pick>& picks, bool star);
+// template, score). Centres are rounded to whole pixels. A finite cut (STAR
+// only: RELION skips '#' lines there, but not in ".box" files) is recorded
+// as the line "# cut-off X: ..." before the rows, X the picks were cut at.
+// False when a write failed.
+bool picks_write(FILE* fp, const std::vector<Pick>& picks, bool star, double cut = NAN);
+
+// A pick is kept at a cut-off when its score is at least the cut-off as a
+// score (a float, as the score read from its text is), so that the score
+// written as a cut-off keeps its own pick.
+inline bool pick_kept(const Pick& p, double cut) { return p.score >= (float)cut; }
+// The shortest of "%.4f", "%.6f", "%.9g" that reads back to the same score.
+std::string cut_text(double cut);
 
 // What a reader made of a file.
 struct PicksRead {
   bool opened = false;   // the file could be read at all
   long refused = 0;      // lines of numbers refused: not finite, or out of range
   long first_refused = 0;  // 1-based line number of the first refused line
+  double cut = NAN;      // the cut-off a "# cut-off X" line records; NaN when none does
 };
 
 // Coordinates beyond this many pixels, in either direction, are refused:
