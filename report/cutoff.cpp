@@ -77,6 +77,16 @@ std::vector<Tally> tally(std::vector<double> real, std::vector<double> decoy) {
   return t;
 }
 
+// The most a's at or above any score exceed b's, and that excess in sd of
+// chance (sqrt of the two counts).
+void excess(const std::vector<double>& a, const std::vector<double>& b, long& most, double& sd) {
+  most = 0, sd = 0;
+  for (const Tally& x : tally(a, b)) {
+    most = std::max(most, x.picks - x.decoys);
+    sd = std::max(sd, (x.picks - x.decoys) / std::sqrt((double)(x.picks + x.decoys)));
+  }
+}
+
 double above_all(const std::vector<double>& s) {
   return std::nextafter(*std::max_element(s.begin(), s.end()), std::numeric_limits<double>::infinity());
 }
@@ -105,14 +115,11 @@ DecoyCutoff null_model_cutoff(const std::vector<double>& real_scores, const std:
     return c;
   }
   long most = 0;
-  double excess = 0;
-  for (const Tally& x : t) {
-    most = std::max(most, x.picks - x.decoys);
-    excess = std::max(excess, (x.picks - x.decoys) / std::sqrt((double)(x.picks + x.decoys)));
-  }
+  double beyond = 0;
+  excess(real_scores, decoy_scores, most, beyond);
   c.particles = (double)most;
   c.value = above_all(real_scores);
-  if (most <= 0 || excess < kExcess) return c;
+  if (most <= 0 || beyond < kExcess) return c;
   double best = -1;
   for (const Tally& x : t) {
     const double f1 = 2.0 * (double)std::max(0L, x.picks - x.decoys) / (double)(x.picks + most);
@@ -126,4 +133,18 @@ DecoyCutoff null_model_cutoff(const std::vector<double>& real_scores, const std:
 double disc_capacity(double usable_pixels, double diameter, double apix) {
   const double r = diameter / 2 / apix;
   return r > 0 ? usable_pixels / (3.14159265358979 * r * r) : 0.0;
+}
+
+double cut_shown_by_scores(const std::vector<double>& scores) {
+  if (scores.size() < kCutShownPicks) return NAN;
+  const double lowest = *std::min_element(scores.begin(), scores.end());
+  return lowest >= kCutShown ? lowest : NAN;
+}
+
+bool decoys_outscore(const std::vector<double>& real_scores, const std::vector<double>& decoy_scores) {
+  long real_most = 0, decoy_most = 0;
+  double real_sd = 0, decoy_sd = 0;
+  excess(real_scores, decoy_scores, real_most, real_sd);
+  excess(decoy_scores, real_scores, decoy_most, decoy_sd);
+  return decoy_sd >= kExcess && (real_sd < kExcess || decoy_most > 2 * real_most);
 }

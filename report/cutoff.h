@@ -8,6 +8,7 @@
 // particle peaks when their 90th percentile reaches the run's pooled cut-off
 // (a crowded micrograph: keep every pick), noise when not (keep none).
 #pragma once
+#include <cstddef>
 #include <vector>
 
 constexpr double kBimodal = 0.62;
@@ -70,3 +71,19 @@ double disc_capacity(double usable_pixels, double diameter, double apix);
 
 DecoyCutoff null_model_cutoff(const std::vector<double>& real_scores, const std::vector<double>& decoy_scores,
                               double capacity);
+
+// Picks already cut: a run that keeps every grid maximum (--cc_cutoff 0)
+// has noise maxima down to a few thousandths, so a lowest score of at least
+// kCutShown among kCutShownPicks picks or more shows a cut at or below it
+// (or a micrograph whose every maximum is a particle). Returns that lowest
+// score, or NaN when the scores show no cut.
+constexpr double kCutShown = 0.05;
+constexpr size_t kCutShownPicks = 20;
+double cut_shown_by_scores(const std::vector<double>& scores);
+
+// Templates of the wrong contrast: the decoys then play the particles. Their
+// excess over the picks (the most decoys less picks at or above any score)
+// is beyond chance (kExcess sd), and the picks' excess over them is not, or
+// is less than half of theirs. Between crowded particles decoys answer in
+// the gaps beyond chance, but far less than the particles do.
+bool decoys_outscore(const std::vector<double>& real_scores, const std::vector<double>& decoy_scores);

@@ -1,6 +1,8 @@
-// gvexreport: pictures of the picks over every micrograph, score histograms,
-// warnings and an automatic cut-off, as one self-contained web page.
+// gvexreport: a cut-off per micrograph, from decoys when it picks the
+// micrographs itself, with pictures of the picks over every micrograph,
+// score histograms and warnings, as one self-contained web page.
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <csignal>
 
@@ -15,6 +17,13 @@
 
 #include "common/atomic_file.h"
 #include "common/errors.h"
+#include "common/owned.h"
+#include "gpu/device.h"
+#include "picker/options.h"
+#include "picker/params.h"
+#include "picker/session.h"
+#include "picker/startup.h"
+#include "picker/timer.h"
 #include "report/cutoff.h"
 #include "report/micrograph.h"
 #include "report/page.h"
@@ -22,31 +31,48 @@
 namespace {
 
 const char* const kUsage =
-    "Usage: gvexreport --out DIR [options] MICROGRAPH.mrc...\n"
+    "Usage: gvexreport --out DIR [--apply] [--cutoff X] [options] MICROGRAPH.mrc...\n"
+    "       gvexreport --out DIR --pick [--apply] [--cutoff X] [gvexmatch options] MICROGRAPH.mrc...\n"
     "\n"
-    "Reads each micrograph and the picks gvexmatch wrote beside it (run gvexmatch with --cc_cutoff 0\n"
-    "to keep every grid maximum), chooses a cross-correlation cut-off per micrograph and for the\n"
-    "whole run, and writes DIR/index.html (one page: table, histograms, pictures), one PNG per\n"
-    "micrograph and DIR/summary.star. Prints the warnings and 'suggested --cc_cutoff X'.\n"
+    "Chooses a cross-correlation cut-off per micrograph and writes DIR/index.html (one page: a table,\n"
+    "histograms, and per micrograph why its cut-off was chosen, pictures and a cut-off slider), the\n"
+    "pictures and DIR/summary.star. Prints each micrograph's cut-off and why, the warnings and\n"
+    "'suggested --cc_cutoff X' for the whole run.\n"
+    "\n"
+    "With --pick, gvexreport picks the micrographs itself with gvexmatch's options and --cc_cutoff 0,\n"
+    "writing gvexmatch's files beside each micrograph (its transcript goes to DIR/pick.log). The same\n"
+    "scan gives decoys: the picks of the same templates with their contrast inverted, which match no\n"
+    "particle and show how noise and the specimen's edges score on each micrograph; the cut-off comes\n"
+    "from them. Without --pick it reads the picks gvexmatch wrote beside each micrograph (run it with\n"
+    "--cc_cutoff 0 to keep every grid maximum); without decoys the cut-off is less reliable. Picks\n"
+    "already cut (the STAR files gvexreport writes record their cut-off) are kept as cut.\n"
     "\n"
     "Options:\n"
-    "  --out DIR        folder for the report (made when missing)\n"
+    "  --out DIR        folder for the report (made when missing); may be left out with --apply\n"
+    "  --pick           pick first, with decoys; words gvexreport does not know go to gvexmatch\n"
+    "                   (gvexmatch --help lists them; --cc_cutoff is always 0)\n"
+    "  --apply          also write NAME_vexmatch_auto.box and .star beside each micrograph, keeping\n"
+    "                   the picks at or above its cut-off (the STAR file records the cut-off)\n"
+    "  --cutoff X       one fixed cut-off for every micrograph instead of the automatic ones (the\n"
+    "                   page's slider prints the command for the cut-off it is set to)\n"
     "  --apixM A        micrograph pixel size, A (default 1.34; compared with the header's)\n"
     "  --diameter D     particle diameter, A (default 400, as gvexmatch)\n"
-    "  --suffix S       picks file beside each micrograph (default _vexmatch.star; .box works too)\n"
+    "  --suffix S       picks file beside each micrograph (default _vexmatch.star; .box works too);\n"
+    "                   not with --pick\n"
     "  --boxsize B      box of the written .box picks from STAR picks (default from the diameter)\n"
-    "  --apply          also write NAME_vexmatch_auto.box and .star beside each micrograph,\n"
-    "                   keeping the picks at or above its cut-off\n"
-    "  --help           this text\n";
+    "  --help           this text\n"
+    "\n"
+    "Exit status: 0 on success; 1 when a micrograph cannot be read or picked or a file cannot be\n"
+    "written; 2 for a wrong command line.\n";
 
 [[noreturn]] void usage_error(const std::string& why) { gvex_throw("gvexreport: " + why + "\n" + kUsage, 2, true); }
 
-double number(const char* opt, const char* v) {
+double number(const char* opt, const char* v, bool positive = true) {
   char* end = nullptr;
   errno = 0;
   const double d = strtod(v, &end);
-  if (end == v || *end || errno || !(d > 0) || !std::isfinite(d))
-    usage_error(std::string(opt) + " needs a positive number, not '" + v + "'");
+  if (end == v || *end || errno || !std::isfinite(d) || (positive && !(d > 0)))
+    usage_error(std::string(opt) + " needs a " + (positive ? "positive " : "") + "number, not '" + v + "'");
   return d;
 }
 
@@ -69,11 +95,12 @@ std::string picture_name(size_t k, const std::string& mic) {
 }
 
 struct ReportOptions {
-  double apix = 0, diameter = 0;
-  bool apix_given = false, apply = false, help = false;
+  double apix = 0, diameter = 0, fixed = NAN;
+  bool apix_given = false, apply = false, help = false, pick = false;
   std::string out, suffix = "_vexmatch.star";
   int boxsize = 0;
   std::vector<std::string> mics;
+  std::vector<std::string> picker_words;  // --pick: gvexmatch's options and the micrographs
 };
 
 ReportOptions parse(int argc, char** argv) {
@@ -81,6 +108,8 @@ ReportOptions parse(int argc, char** argv) {
   const PickOptions defaults = pick_defaults();
   o.apix = defaults.apixM;
   o.diameter = defaults.diameter;
+  for (int i = 1; i < argc; i++) o.pick = o.pick || std::string(argv[i]) == "--pick";
+  bool suffix_given = false;
   for (int i = 1; i < argc; i++) {
     const std::string a = argv[i];
     auto value = [&]() -> const char* {
@@ -92,17 +121,30 @@ ReportOptions parse(int argc, char** argv) {
       return o;
     } else if (a == "--out") {
       o.out = value();
+    } else if (a == "--pick") {
+    } else if (a == "--apply") {
+      o.apply = true;
+    } else if (a == "--cutoff") {
+      o.fixed = number("--cutoff", value(), false);
+    } else if (a == "--suffix") {
+      o.suffix = value();
+      suffix_given = true;
+    } else if (o.pick) {
+      const OptionRow* row = gvex_find_option(a.c_str());
+      if (row && std::string(row->name) == "cc_cutoff")
+        usage_error("--pick keeps every grid maximum (--cc_cutoff 0) and chooses the cut-off itself; "
+                    "--cutoff X fixes one");
+      if (row && std::string(row->name) == "apixM") o.apix_given = true;
+      if (a.find_first_of("\n\r") != std::string::npos)
+        usage_error("a micrograph name holds a line break, which the summary cannot carry");
+      o.picker_words.push_back(a);
     } else if (a == "--apixM") {
       o.apix = number("--apixM", value());
       o.apix_given = true;
     } else if (a == "--diameter") {
       o.diameter = number("--diameter", value());
-    } else if (a == "--suffix") {
-      o.suffix = value();
     } else if (a == "--boxsize") {
       o.boxsize = (int)number("--boxsize", value());
-    } else if (a == "--apply") {
-      o.apply = true;
     } else if (a.size() > 1 && a[0] == '-') {
       usage_error("unknown option " + a);
     } else if (a.find_first_of("\n\r") != std::string::npos) {
@@ -111,43 +153,190 @@ ReportOptions parse(int argc, char** argv) {
       o.mics.push_back(a);
     }
   }
-  if (o.out.empty()) usage_error("--out DIR is required");
-  if (o.mics.empty()) usage_error("no micrographs given");
+  if (o.pick && suffix_given) usage_error("--suffix reads picks made before; --pick makes its own");
+  if (o.out.empty() && (o.pick || !o.apply)) usage_error("--out DIR is required" + std::string(o.pick ? " with --pick" : ""));
+  if (!o.pick && o.mics.empty()) usage_error("no micrographs given");
+  if (o.pick && o.picker_words.empty()) usage_error("no micrographs given");
   return o;
 }
 
-// A micrograph, the picks beside it and its rejected cells; a micrograph
-// that cannot be read ends the report (its reader's lines name the file).
-void read_inputs(Micrograph& m, const ReportOptions& o, int boxsize) {
+// Standard output goes to the picking transcript while it lives: the
+// session prints gvexmatch's lines, which belong in the log, not among ours.
+class OutputTo {
+ public:
+  explicit OutputTo(FILE* log) {
+    fflush(stdout);
+    saved_ = dup(1);
+    dup2(fileno(log), 1);
+  }
+  ~OutputTo() {
+    fflush(stdout);
+    dup2(saved_, 1);
+    close(saved_);
+  }
+  OutputTo(const OutputTo&) = delete;
+  OutputTo& operator=(const OutputTo&) = delete;
+
+ private:
+  int saved_ = -1;
+};
+
+void read_pixels(Micrograph& m) {
   try {
     read_micrograph(m);
   } catch (const GvexFailure& f) {
     gvex_throw("gvexreport: cannot read micrograph " + m.name + ":\n" + f.text, 1, true);
   }
-  const std::string picks_path = beside(m.name, o.suffix), rejected_path = beside(m.name, "_rejected.box");
-  const PicksRead got = picks_read(picks_path, boxsize, m.picks);
-  m.picks_found = got.opened;
-  const PicksRead cells = rejected_read(rejected_path, m.rejected);
-  for (const auto& [read, path] : {std::make_pair(got, picks_path), std::make_pair(cells, rejected_path)})
-    if (read.refused > 0)
-      m.warnings.push_back(std::to_string(read.refused) + " damaged line(s) of " + path + " skipped (the first is line " +
-                           std::to_string(read.first_refused) + "): numbers not finite or out of range");
+}
+
+void damaged_lines(Micrograph& m, const PicksRead& read, const std::string& path) {
+  if (read.refused > 0)
+    m.warnings.push_back(std::to_string(read.refused) + " damaged line(s) of " + path + " skipped (the first is line " +
+                         std::to_string(read.first_refused) + "): numbers not finite or out of range");
+}
+
+void read_rejected(Micrograph& m) {
+  const std::string path = beside(m.name, "_rejected.box");
+  damaged_lines(m, rejected_read(path, m.rejected), path);
   double area = 0;
   for (const Cell& c : m.rejected) area += (double)c.w * c.h;
   m.masked = std::min(1.0, area / ((double)m.nx * m.ny));
+  m.usable_pixels = (double)m.nx * m.ny * (1 - m.masked);
+}
+
+// A micrograph, the picks beside it and its rejected cells; a micrograph
+// that cannot be read ends the report (its reader's lines name the file).
+void read_inputs(Micrograph& m, const std::string& suffix, int boxsize) {
+  read_pixels(m);
+  const std::string path = beside(m.name, suffix);
+  damaged_lines(m, read_picks(m, path, boxsize), path);
+  read_rejected(m);
+}
+
+// Picks as their files hold them (centres in whole pixels, scores to six
+// decimals), so that the report and a later --apply on the files agree.
+std::vector<Pick> as_written(std::vector<Pick> picks) {
+  char text[64];
+  for (Pick& p : picks) {
+    p.x = std::lround(p.x), p.y = std::lround(p.y);
+    snprintf(text, sizeof text, "%.6f", p.score);
+    p.score = (float)strtod(text, nullptr);
+  }
+  return picks;
+}
+
+// The picture files, written as soon as a micrograph is read, and its
+// pixels then let go: a long run holds one micrograph's pixels at a time.
+void picture(Micrograph& m, size_t k, const Settings& set, const std::string& out, std::vector<std::string>& pictures) {
+  pictures.push_back(picture_name(k, m.name));
+  if (!out.empty() && !write_picture(m, set, out + "/" + pictures.back()))
+    gvex_throw("gvexreport: cannot write " + out + "/" + pictures.back() + " (or the crop beside it)\n", 1, true);
+  std::vector<float>().swap(m.pixels);
+}
+
+struct Run {
+  Settings set;
+  int boxsize = 0;
+  std::string suffix;  // the picks files a later --apply reads
+  std::vector<Micrograph> mics;
+  std::vector<std::string> pictures;
+};
+
+void read_run(const ReportOptions& o, Run& run) {
+  run.set = report_settings(o.apix, o.diameter, o.apix_given);
+  run.boxsize = o.boxsize > 0 ? o.boxsize : run.set.pick.opt.boxsize;
+  run.suffix = o.suffix;
+  run.mics.resize(o.mics.size());
+  for (size_t k = 0; k < o.mics.size(); k++) {
+    run.mics[k].name = o.mics[k];
+    read_inputs(run.mics[k], o.suffix, run.boxsize);
+    picture(run.mics[k], k, run.set, o.out, run.pictures);
+  }
+}
+
+// --pick: one picking session over the micrographs, gvexmatch's lines in
+// DIR/pick.log, ours on standard output.
+void pick_run(const ReportOptions& o, const char* prog, Run& run) {
+  const std::string log_path = o.out + "/pick.log";
+  OwnedFile log(gvex_create_new(log_path.c_str(), "w"));
+  if (!log) gvex_throw("gvexreport: cannot write " + log_path + ": " + strerror(errno) + "\n", 1, true);
+  std::vector<std::string> words = {prog, "--cc_cutoff", "0"};
+  words.insert(words.end(), o.picker_words.begin(), o.picker_words.end());
+  std::vector<char*> argv;
+  for (std::string& w : words) argv.push_back(&w[0]);
+  argv.push_back(nullptr);
+  ParaPtr p(nullptr, gvexmatch_delete_parameters);
+  Reference ref;
+  PickOptions opt;
+  try {
+    OutputTo to_log(log.get());
+    gvex_timer_push();
+    p = gvexmatch_start((int)words.size(), argv.data(), [](int& gid) { return check_and_set_gid(gid) == 0; });
+    fputs(gvex_device_activate(p->gid), stdout);
+    ref = gvexmatch_reference(*p, prog);
+    opt = options_from_record(*p);
+  } catch (const GvexFailure& f) {
+    // gvexmatch calls an unknown option no error (status 0); here it is one.
+    gvex_throw("gvexreport: picking could not start (gvexmatch's lines are in " + log_path + "):\n" + f.text,
+               f.status == 0 ? 2 : f.status, true);
+  }
+  opt.decoys = true;
+  const PickSettings settings = derive(opt);
+  run.set = report_settings(opt.apixM, opt.diameter, o.apix_given);
+  run.set.pick = settings;
+  run.boxsize = settings.opt.boxsize;
+  run.suffix = opt.write_star ? "_vexmatch.star" : "_vexmatch.box";
+  PickSession session(settings);
+  try {
+    OutputTo to_log(log.get());
+    session.prepare(ref.head, ref.name, 1, p->mic_files[0]);
+  } catch (const GvexFailure& f) {
+    gvex_throw("gvexreport: cannot prepare the picking (gvexmatch's lines are in " + log_path + "):\n" + f.text,
+               f.status, true);
+  }
+  run.mics.resize(p->n_mic);
+  for (int i = 0; i < p->n_mic; i++) {
+    Micrograph& m = run.mics[i];
+    m.name = p->mic_files[i];
+    PickResult r;
+    const double t0 = gvex_wall_seconds();
+    {
+      OutputTo to_log(log.get());
+      r = session.pick(m.name, i + 1 < p->n_mic ? p->mic_files[i + 1] : "");
+    }
+    if (r.outcome == PickResult::Outcome::failed)
+      gvex_throw("gvexreport: cannot pick " + m.name + " (gvexmatch's lines are in " + log_path + "):\n" +
+                     r.failure.text,
+                 r.failure.status == 0 ? 1 : r.failure.status, true);
+    if (r.outcome == PickResult::Outcome::skipped) {
+      read_inputs(m, run.suffix, run.boxsize);
+      printf("%s: picked before (--do_unfinished): its picks file is read, without decoys\n", m.name.c_str());
+    } else {
+      read_pixels(m);
+      read_rejected(m);
+      m.picks_found = true;
+      m.picks = as_written(r.picks);
+      m.decoys_found = true;
+      m.decoys = as_written(r.decoys);
+      m.usable_pixels = r.usable_pixels;
+      printf("%s: picked, %zu picks and %zu decoys (%.1f s)\n", m.name.c_str(), m.picks.size(), m.decoys.size(),
+             gvex_wall_seconds() - t0);
+    }
+    fflush(stdout);
+    picture(m, (size_t)i, run.set, o.out, run.pictures);
+  }
 }
 
 // Each micrograph's cut-off and warnings, printed, and with --apply its
 // kept picks written.
-void choose_cutoffs(std::vector<Micrograph>& mics, const Settings& set, const ReportOptions& o, double pooled) {
-  for (Micrograph& m : mics) {
-    std::vector<double> s;
-    for (const Pick& p : m.picks) s.push_back(p.score);
-    m.cutoff = choose_cutoff(s, pooled).value;
-    add_warnings(m, set);
-    long kept = 0;
-    for (const Pick& p : m.picks) kept += p.score >= m.cutoff;
-    printf("%s: %zu picks, cut-off %.4f keeps %ld\n", m.name.c_str(), m.picks.size(), m.cutoff, kept);
+void choose_cutoffs(Run& run, const ReportOptions& o, double pooled) {
+  for (Micrograph& m : run.mics) {
+    decide_cutoff(m, run.set, pooled, o.fixed);
+    add_warnings(m, run.set);
+    std::string decoys;
+    if (m.choice.decoys_above >= 0) decoys = ", " + std::to_string(m.choice.decoys_above) + " decoys above it";
+    printf("%s: %zu picks, cut-off %.4f keeps %ld%s; %s\n", m.name.c_str(), m.picks.size(), m.cutoff,
+           count_kept(m.picks, m.cutoff), decoys.c_str(), m.choice.why.c_str());
     for (const std::string& w : m.warnings) printf("warning: %s: %s\n", m.name.c_str(), w.c_str());
     if (o.apply && m.picks_found) {
       const std::string failed = write_kept(m, beside(m.name, "_vexmatch_auto.box"), beside(m.name, "_vexmatch_auto.star"));
@@ -156,39 +345,39 @@ void choose_cutoffs(std::vector<Micrograph>& mics, const Settings& set, const Re
   }
 }
 
-void write_report(const std::vector<Micrograph>& mics, const Settings& set, const std::string& out, double pooled) {
-  std::vector<std::string> pictures;
-  for (size_t k = 0; k < mics.size(); k++) {
-    pictures.push_back(picture_name(k, mics[k].name));
-    if (!write_picture(mics[k], set, out + "/" + pictures.back()))
-      gvex_throw("gvexreport: cannot write " + out + "/" + pictures.back() + "\n", 1, true);
-  }
-  if (!write_page(mics, pictures, pooled, out + "/index.html") || !write_summary_star(mics, out + "/summary.star"))
-    gvex_throw("gvexreport: cannot write the report into " + out + "\n", 1, true);
-}
-
 int run(int argc, char** argv) {
   const ReportOptions o = parse(argc, argv);
   if (o.help) {
     fputs(kUsage, stdout);
     return 0;
   }
-  const Settings set = report_settings(o.apix, o.diameter, o.apix_given);
-  const int boxsize = o.boxsize > 0 ? o.boxsize : set.pick.opt.boxsize;
-  if (!make_dir(o.out))
+  if (!o.out.empty() && !make_dir(o.out))
     gvex_throw("gvexreport: cannot make the report folder " + o.out + ": " + strerror(errno) + "\n", 1, true);
-  std::vector<Micrograph> mics(o.mics.size());
-  std::vector<double> pooled_scores;
-  for (size_t k = 0; k < mics.size(); k++) {
-    mics[k].name = o.mics[k];
-    read_inputs(mics[k], o, boxsize);
-    for (const Pick& p : mics[k].picks) pooled_scores.push_back(p.score);
+  Run run;
+  if (o.pick)
+    pick_run(o, argv[0], run);
+  else
+    read_run(o, run);
+  const bool decoys = std::all_of(run.mics.begin(), run.mics.end(), [](const Micrograph& m) { return m.decoys_found; });
+  if (!decoys && !std::isfinite(o.fixed))
+    printf("note: without decoys these cut-offs come from the scores alone and are less reliable; gvexreport --pick "
+           "picks with decoys (the same templates with their contrast inverted, from the same scan) and chooses "
+           "from them\n");
+  const double pooled = run_cutoff(run.mics, run.set);
+  choose_cutoffs(run, o, pooled);
+  if (!o.out.empty()) {
+    // What the page's slider adds to the command it prints, to read these
+    // picks files again as they were read (or written) here.
+    char words[256];
+    snprintf(words, sizeof words, "--apixM %g --diameter %g --boxsize %d", run.set.apix, run.set.diameter, run.boxsize);
+    std::string apply_words = words;
+    if (run.suffix != "_vexmatch.star") apply_words += " --suffix " + shell_word(run.suffix);
+    if (!write_page(run.mics, run.pictures, run.set, pooled, o.out + "/index.html", apply_words) ||
+        !write_summary_star(run.mics, o.out + "/summary.star"))
+      gvex_throw("gvexreport: cannot write the report into " + o.out + "\n", 1, true);
   }
-  const Cutoff pooled = pooled_cutoff(pooled_scores);
-  choose_cutoffs(mics, set, o, pooled.value);
-  write_report(mics, set, o.out, pooled.value);
-  printf("suggested --cc_cutoff %.4f\n", pooled.value);
-  printf("report: %s/index.html\n", o.out.c_str());
+  printf("suggested --cc_cutoff %.4f\n", pooled);
+  if (!o.out.empty()) printf("report: %s/index.html\n", o.out.c_str());
   return 0;
 }
 

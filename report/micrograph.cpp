@@ -13,6 +13,7 @@
 #include "common/owned.h"
 #include "common/regular_file.h"
 #include "io/mrcfile.h"
+#include "report/cutoff.h"
 
 std::string beside(const std::string& mic, const std::string& suffix) {
   for (const char* end : {".mrcs", ".mrc"}) {
@@ -39,6 +40,21 @@ void read_micrograph(Micrograph& m) {
   m.pixels.assign((size_t)h.nx * h.ny, 0.0f);
   mrc_read_slice(fp.get(), &h, 0, 'z', m.pixels.data());
   for (float v : m.pixels) m.nonfinite += !std::isfinite(v);
+}
+
+PicksRead read_picks(Micrograph& m, const std::string& path, int boxsize) {
+  const PicksRead got = picks_read(path, boxsize, m.picks);
+  m.picks_found = got.opened;
+  double recorded = got.cut;
+  // A ".box" file cannot carry the record; the STAR file written with it does.
+  const std::string box = ".box";
+  if (path.size() > box.size() && path.compare(path.size() - box.size(), box.size(), box) == 0) {
+    std::vector<Pick> twin;
+    recorded = picks_read(path.substr(0, path.size() - box.size()) + ".star", boxsize, twin).cut;
+  }
+  m.cut_recorded = std::isfinite(recorded);
+  m.cut_before = m.cut_recorded ? recorded : cut_shown_by_scores(scores_of(m.picks));
+  return got;
 }
 
 Settings report_settings(double apix, double diameter, bool apix_given) {
@@ -77,9 +93,12 @@ void add_warnings(Micrograph& m, const Settings& s) {
     w.push_back("no picks file");
     return;
   }
+  if (m.decoys_found && decoys_outscore(scores_of(m.picks), scores_of(m.decoys)))
+    w.push_back("the decoys (these templates with their contrast inverted) outscore the picks: templates of the "
+                "wrong contrast? (--dont_invertT)");
   std::vector<const Pick*> kept;
   for (const Pick& p : m.picks)
-    if (p.score >= m.cutoff) kept.push_back(&p);
+    if (pick_kept(p, m.cutoff)) kept.push_back(&p);
   if (kept.empty()) {
     w.push_back("no picks");
     return;
@@ -101,51 +120,17 @@ void add_warnings(Micrograph& m, const Settings& s) {
     w.push_back(fmt("%.0f%% of the picks lie within a particle diameter of the edge", 100.0 * edge / kept.size()));
   if (masked >= 3 && masked > 0.1 * kept.size())
     w.push_back(fmt("%.0f%% of the picks lie on rejected areas", 100.0 * masked / kept.size()));
-  // Particles are dark (templates are inverted to match): picks on areas
-  // brighter than the micrograph point to templates of the wrong contrast.
-  // The mean under each pick is a window of a summed-area table, so the
-  // cost does not grow with the particle's size.
-  std::vector<double> sat((size_t)(m.nx + 1) * (m.ny + 1), 0.0), cnt(sat.size(), 0.0);
-  double sum = 0, sum2 = 0;
-  long n = 0;
-  for (int y = 0; y < m.ny; y++)
-    for (int x = 0; x < m.nx; x++) {
-      const float v = m.pixels[(size_t)y * m.nx + x];
-      const bool ok = std::isfinite(v);
-      if (ok) sum += v, sum2 += (double)v * v, n++;
-      const size_t i = (size_t)(y + 1) * (m.nx + 1) + x + 1, up = i - (m.nx + 1);
-      sat[i] = (ok ? v : 0.0) + sat[i - 1] + sat[up] - sat[up - 1];
-      cnt[i] = (ok ? 1.0 : 0.0) + cnt[i - 1] + cnt[up] - cnt[up - 1];
-    }
-  auto window = [&](const std::vector<double>& t, long x0, long y0, long x1, long y1) {  // [x0,x1) x [y0,y1)
-    const long W = m.nx + 1;
-    return t[y1 * W + x1] - t[y0 * W + x1] - t[y1 * W + x0] + t[y0 * W + x0];
-  };
-  const double r = 0.4 * s.diameter / s.apix / std::sqrt(2.0);  // the square inside the disc
-  double under = 0, n_under = 0;
-  for (const Pick* p : kept) {
-    const long x0 = std::max(0L, (long)(p->x - r)), x1 = std::min((long)m.nx, (long)(p->x + r) + 1);
-    const long y0 = std::max(0L, (long)(p->y - r)), y1 = std::min((long)m.ny, (long)(p->y + r) + 1);
-    if (x0 >= x1 || y0 >= y1) continue;
-    under += window(sat, x0, y0, x1, y1);
-    n_under += window(cnt, x0, y0, x1, y1);
-  }
-  if (n > 1 && n_under > 0 && kept.size() >= 5) {
-    const double mean = sum / n, sd = std::sqrt(std::max(0.0, sum2 / n - mean * mean));
-    if (sd > 0 && (under / n_under - mean) / sd > 0.02)
-      w.push_back("the picks lie on areas brighter than the micrograph: templates of the wrong contrast? (--dont_invertT)");
-  }
 }
 
 std::string write_kept(const Micrograph& m, const std::string& box_path, const std::string& star_path) {
   std::vector<Pick> kept;
   for (const Pick& p : m.picks)
-    if (p.score >= m.cutoff) kept.push_back(p);
+    if (pick_kept(p, m.cutoff)) kept.push_back(p);
   // Both written whole under their partial names, then renamed as one
   // commit, as gvexmatch commits its pair.
   for (const std::string* path : {&box_path, &star_path}) {
     FILE* fp = gvex_create_new(gvex_part_name(path->c_str()).c_str(), "w");
-    const bool ok = fp && picks_write(fp, kept, path == &star_path);
+    const bool ok = fp && picks_write(fp, kept, path == &star_path, m.cutoff);
     if (!fp || fclose(fp) != 0 || !ok) {
       unlink(gvex_part_name(box_path.c_str()).c_str());
       unlink(gvex_part_name(star_path.c_str()).c_str());

@@ -1,11 +1,25 @@
 // What gvexreport knows of one micrograph: its header and pixels, the picks
-// gvexmatch wrote beside it, the rejected cells, and what it warns about.
+// gvexmatch wrote beside it (or the session gave, with their decoys), the
+// rejected cells, how its cut-off was chosen, and what it warns about.
 #pragma once
+#include <cmath>
 #include <string>
 #include <vector>
 
 #include "io/picks.h"
 #include "picker/settings.h"
+
+// How a micrograph's cut-off was chosen, in words and figures for the page
+// and the output.
+struct CutoffChoice {
+  // One word: fixed, crowded, sparse, no-excess (decoys); already-cut,
+  // kept-whole, split, all-kept, none-kept (scores alone); no-picks.
+  std::string rule;
+  std::string why;          // one sentence
+  double crowding = 0;      // share of the usable area under particles (decoy rules)
+  double particles = 0;     // particles among the picks, as the decoys estimate them
+  long decoys_above = -1;   // decoys at or above the cut-off (-1: no decoys)
+};
 
 struct Micrograph {
   std::string name;                  // as given
@@ -17,7 +31,16 @@ struct Micrograph {
   std::vector<Pick> picks;
   std::vector<Cell> rejected;
   double masked = 0;                 // fraction of the micrograph in rejected cells
+  // The picks of the same templates with their contrast inverted, from the
+  // same scan (gvexreport --pick): they match no particle, so they show how
+  // noise and the specimen's edges score on this micrograph.
+  bool decoys_found = false;
+  std::vector<Pick> decoys;
+  double usable_pixels = 0;          // area the mask leaves in, micrograph pixels
+  double cut_before = NAN;           // the picks were already cut at this score
+  bool cut_recorded = false;         // ... as the picks file records (else its lowest score shows it)
   double cutoff = 0;                 // suggested cut-off of this micrograph
+  CutoffChoice choice;               // how it was chosen
   std::vector<std::string> warnings;
 };
 
@@ -28,6 +51,11 @@ std::string beside(const std::string& mic, const std::string& suffix);
 // GvexFailure with a message naming it.
 void read_micrograph(Micrograph& m);
 
+// The picks of path into m (boxsize: the box of STAR picks), and the cut
+// they already had: the one the file records (for a ".box" file, the STAR
+// file of the same name), else the one their scores show.
+PicksRead read_picks(Micrograph& m, const std::string& path, int boxsize);
+
 // The report's view of the run: pixel size and diameter as gvexmatch took
 // them, and what gvexmatch derives from them.
 struct Settings {
@@ -37,10 +65,25 @@ struct Settings {
 };
 Settings report_settings(double apix, double diameter, bool apix_given);
 
+// Chooses m's cut-off: fixed (finite) when given; else with decoys the null
+// model (null_model_cutoff); else, for picks already cut, that cut; else
+// the split of the scores against the run's pooled cut-off (choose_cutoff).
+void decide_cutoff(Micrograph& m, const Settings& s, double pooled, double fixed = NAN);
+
+// The run's cut-off for a fixed --cc_cutoff: the null model over all
+// micrographs' picks and decoys when every micrograph has decoys, else the
+// pooled split, never below a cut the picks already had.
+double run_cutoff(const std::vector<Micrograph>& mics, const Settings& s);
+
+// The scores of picks (or decoys), as doubles.
+std::vector<double> scores_of(const std::vector<Pick>& picks);
+long count_kept(const std::vector<Pick>& picks, double cut);
+
 // The warnings a user needs about this micrograph and its picks.
 void add_warnings(Micrograph& m, const Settings& s);
 
 // The picks at or above the cut-off as gvexmatch writes them: "_vexmatch.box"
 // and "_vexmatch.star" forms, committed together (neither is replaced
-// unless both are). "" on success, else the name that could not be written.
+// unless both are); the STAR file records the cut-off. "" on success, else
+// the name that could not be written.
 std::string write_kept(const Micrograph& m, const std::string& box_path, const std::string& star_path);

@@ -7,9 +7,11 @@
 #   - the extracted pixels with our own "_particles.mrcs" for every particle
 #     whose box lies inside the micrograph (equal pixels mean both programs
 #     put the box centre on the same micrograph pixel).
-# The micrograph is not square, so that swapped axes cannot pass.
+# The micrograph is not square, so that swapped axes cannot pass. With
+# GVEXREPORT, RELION also reads the picks gvexreport --apply keeps, whose
+# STAR file records their cut-off in a comment line.
 #
-# usage: relion_check.sh GVEXMATCH GVEX_MAKEMIC WORKDIR
+# usage: relion_check.sh GVEXMATCH GVEX_MAKEMIC WORKDIR [GVEXREPORT]
 # Exit status 77 (a skip for CTest) when relion_preprocess is not installed.
 set -eu
 
@@ -17,6 +19,7 @@ abspath() { case $1 in /*) echo "$1" ;; *) echo "$(pwd)/$1" ;; esac; }
 GVEX=$(abspath "$1")
 MAKEMIC=$(abspath "$2")
 WORK=$(abspath "$3")
+REPORT=${4:+$(abspath "$4")}
 
 if ! command -v relion_preprocess >/dev/null 2>&1; then
   echo "relion_preprocess is not installed: test skipped"
@@ -122,3 +125,17 @@ done <ours.txt
 [ $compared -ge 5 ] || fail "only $compared particles lie inside the micrograph"
 
 echo "RELION extracted $n_relion particles at our coordinates; $compared compared pixel by pixel"
+
+[ -n "$REPORT" ] || exit 0
+# The median score: about half the picks kept.
+cut=$(sort -g -k5 ours.txt | awk -v n="$n_ours" 'NR == int((n + 1) / 2) { print $5 }')
+"$REPORT" --apply --cutoff "$cut" --apixM $APIX --diameter 120 --boxsize $BOX Micrographs/m1.mrc >report.log ||
+  fail "gvexreport --apply failed, see $WORK/report.log"
+grep -q "^# cut-off $cut:" Micrographs/m1_vexmatch_auto.star || fail "the kept picks do not record the cut-off $cut"
+kept=$(awk -v c="$cut" '$5 >= c' ours.txt | wc -l)
+relion_preprocess --i mics.star --coord_suffix _vexmatch_auto.star --coord_dir ./ --part_dir Kept/ \
+  --part_star kept.star --extract --extract_size $BOX >relion_kept.log 2>&1 ||
+  fail "relion_preprocess failed on the kept picks, see $WORK/relion_kept.log"
+n_kept=$(grep -c 'Micrographs/m1.mrc' kept.star)
+[ "$n_kept" -eq "$kept" ] || fail "RELION read $n_kept of the $kept picks gvexreport kept"
+echo "RELION read the $kept picks gvexreport kept at $cut, past the comment that records it"

@@ -2,8 +2,10 @@
 # gvexreport on generated sets from easy to very hard, sparse and crowded,
 # each with contamination: per set, the automatic cut-off reaches 0.95 of the
 # best F1 any single cut-off reaches and is never worse than the default 0.15
-# by more than 0.02. Then the refusals: missing picks, unreadable micrograph,
-# no micrographs, a report folder that cannot be made.
+# by more than 0.02. Picks cut before are kept as cut. Then the refusals:
+# missing picks, unreadable micrograph, no micrographs, a report folder that
+# cannot be made, and --pick's: gvexmatch's options refused, a micrograph
+# that cannot be picked.
 # Usage: report_check.sh GVEXMATCH GVEXREPORT MAKEMIC SCRATCH
 set -eu
 gvex=$1 report=$2 makemic=$3 work=$4
@@ -30,6 +32,13 @@ for s in $sets; do
 done
 cmp -s n4_d0.3_1_vexmatch_auto.star n4_d0.3_1_vexmatch.star && fail "the sparse set kept every pick"
 [ "$(grep -c '^n.*\.mrc ' rep/summary.star)" = 16 ] || fail "summary.star rows"
+# The kept picks record their cut, and a second report keeps them as cut.
+"$report" --out rep1 --apixM 1.34 --diameter 120 --suffix _vexmatch_auto.star n16_d0.3_1.mrc >again.log ||
+  fail "gvexreport on its own picks failed"
+grep -q '^n16_d0.3_1.mrc: [0-9]* picks, cut-off [0-9.]* keeps \([0-9]*\); already cut at .*, as its picks file records' \
+  again.log || fail "the recorded cut is not kept: $(cat again.log)"
+kept=$(awk '$1 ~ /^[0-9]/' n16_d0.3_1_vexmatch_auto.star | wc -l)
+grep -q "picks, cut-off [0-9.]* keeps $kept;" again.log || fail "the picks cut before were cut again"
 
 # Refusals and warnings.
 cp n4_d0.3_1.mrc lonely.mrc
@@ -43,4 +52,17 @@ status=0; "$report" --out rep4 2>/dev/null || status=$?; [ $status = 2 ] || fail
 touch blocker
 if "$report" --out blocker/rep n4_d0.3_1.mrc 2>err.log; then fail "an impossible folder was accepted"; fi
 grep -q 'blocker/rep' err.log || fail "the folder is not named"
+refused() {  # status, a word of the message, the command's words
+  want=$1 word=$2 && shift 2 && status=0
+  "$report" "$@" >/dev/null 2>err.log || status=$?
+  [ $status = "$want" ] && grep -q -- "$word" err.log || fail "gvexreport $*: status $status, $(cat err.log)"
+}
+refused 2 "cc_cutoff 0" --out rep5 --pick --cc_cutoff 0.2 n4_d0.3_1.mrc
+refused 2 "Failed to recognize option" --out rep5 --pick --no_such_option n4_d0.3_1.mrc
+refused 2 "out DIR is required with --pick" --pick --apply n4_d0.3_1.mrc
+refused 2 "suffix" --out rep5 --pick --suffix _x.star n4_d0.3_1.mrc
+refused 2 "cutoff needs a number" --apply --cutoff high n4_d0.3_1.mrc
+refused 1 "cannot pick cut.mrc" --out rep6 --pick --diameter 120 n4_d0.3_1.mrc cut.mrc
+grep -q 'gvexmatch.*rep6/pick.log' err.log || fail "the picking transcript is not named"
+[ ! -e rep6/index.html ] || fail "a page was written for a failed --pick"
 echo "report_check: all cases passed"

@@ -156,3 +156,41 @@ TEST(NullModelCutoff, EdgeCases) {
   // No usable area: the picks are taken as crowded.
   EXPECT_TRUE(null_model_cutoff(real, {0.1}, 0).crowded);
 }
+
+// A run that keeps every grid maximum has noise maxima down to a few
+// thousandths; a set whose lowest score is far above shows a cut.
+TEST(CutShown, LowestScoreFarAboveZeroShowsACut) {
+  Draws d(30);
+  std::vector<double> cut;
+  for (double s : d.normal(400, 0.12, 0.06))
+    if (s >= 0.15) cut.push_back(s);
+  EXPECT_EQ(cut_shown_by_scores(cut), *std::min_element(cut.begin(), cut.end()));
+  std::vector<double> uncut;
+  for (double s : d.normal(400, 0.12, 0.06))
+    if (s >= 0) uncut.push_back(s);
+  EXPECT_TRUE(std::isnan(cut_shown_by_scores(uncut)));
+  // Too few picks to tell.
+  EXPECT_TRUE(std::isnan(cut_shown_by_scores(std::vector<double>(kCutShownPicks - 1, 0.5))));
+  EXPECT_EQ(cut_shown_by_scores(std::vector<double>(kCutShownPicks, 0.5)), 0.5);
+}
+
+TEST(DecoysOutscore, WrongContrastOnlyWhenDecoysHoldTheParticles) {
+  Draws d(31);
+  const std::vector<double> noise = d.normal(300, 0.1, 0.04), particles = d.normal(40, 0.45, 0.05);
+  // Templates the wrong way round: the decoys find the particles.
+  EXPECT_TRUE(decoys_outscore(d.normal(300, 0.1, 0.04), join(noise, particles)));
+  EXPECT_FALSE(decoys_outscore(join(noise, particles), d.normal(300, 0.1, 0.04)));
+  // A sparse micrograph inverted: the decoys' excess is beyond chance, the
+  // picks' (a lucky tail of their noise) is not, however large it looks.
+  const std::vector<double> lucky = join(d.normal(300, 0.1, 0.04), d.normal(12, 0.3, 0.03));
+  EXPECT_TRUE(decoys_outscore(lucky, join(d.normal(300, 0.1, 0.04), d.normal(20, 0.45, 0.05))));
+  // Crowded and right: decoys in the gaps exceed the few noise picks beyond
+  // chance, but by far less than the particles exceed them.
+  const std::vector<double> crowd = join(d.normal(400, 0.3, 0.08), d.normal(10, 0.1, 0.04));
+  EXPECT_FALSE(decoys_outscore(crowd, join(d.normal(250, 0.15, 0.07), d.normal(30, 0.35, 0.05))));
+  // Noise alone, either way: no excess beyond chance.
+  for (uint64_t seed = 32; seed < 37; seed++) {
+    Draws e(seed);
+    EXPECT_FALSE(decoys_outscore(e.normal(300, 0.1, 0.05), e.normal(300, 0.1, 0.05))) << "seed " << seed;
+  }
+}

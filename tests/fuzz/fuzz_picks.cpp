@@ -1,13 +1,13 @@
-// gvexreport's inputs: the pick file (as .box and as .star) and the
-// rejected cells beside a small micrograph, through the readers, the
-// warnings, the cut-off and the picture.
+// gvexreport's inputs: the pick file (as .box and as .star, with its
+// recorded cut-off) and the rejected cells beside a small micrograph,
+// through the readers, the cut-off with and without the picks as decoys,
+// the warnings and the pictures.
 #include <unistd.h>
 
 #include <vector>
 
 #include "fuzz_support.h"
 #include "io/picks.h"
-#include "report/cutoff.h"
 #include "report/micrograph.h"
 #include "report/page.h"
 
@@ -23,11 +23,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     m.name = "fuzz.mrc";
     m.nx = 96, m.ny = 80;
     m.pixels.assign((size_t)m.nx * m.ny, 1.0f);
-    m.picks_found = picks_read(fuzz::write_scratch(data, size, ending), 40, m.picks).opened;
+    read_picks(m, fuzz::write_scratch(data, size, ending), 40);
     rejected_read(fuzz::write_scratch(data, size, "_rejected.box"), m.rejected);
-    std::vector<double> scores;
-    for (const Pick& p : m.picks) scores.push_back(p.score);
-    m.cutoff = choose_cutoff(scores, pooled_cutoff(scores).value).value;
+    m.usable_pixels = (double)m.nx * m.ny;
+    decide_cutoff(m, set, run_cutoff({m}, set));
+    m.decoys_found = true;
+    m.decoys = m.picks;
+    decide_cutoff(m, set, 0.0);
     add_warnings(m, set);
     const std::string png = fuzz::scratch(".png");
     fuzz::refused_or_done([&] { write_picture(m, set, png); });

@@ -1,0 +1,133 @@
+// Each micrograph's cut-off and the reasons for it, and the run's.
+#include <algorithm>
+#include <cmath>
+#include <cstdio>
+
+#include "report/cutoff.h"
+#include "report/micrograph.h"
+
+namespace {
+
+std::string fmt(const char* f, double a, double b = 0) {
+  char buf[512];
+  snprintf(buf, sizeof buf, f, a, b);
+  return buf;
+}
+
+// The lowest float score at or above a chosen cut (one above the highest
+// score is no float), so that picks compared as floats are kept as chosen.
+double as_score(double cut) {
+  float f = (float)cut;
+  if ((double)f < cut) f = std::nextafter(f, INFINITY);
+  return f;
+}
+
+double capacity_of(const Micrograph& m, const Settings& s) {
+  return disc_capacity(m.usable_pixels, s.diameter, s.apix);
+}
+
+void with_decoys(Micrograph& m, const Settings& s) {
+  CutoffChoice& c = m.choice;
+  const DecoyCutoff d = null_model_cutoff(scores_of(m.picks), scores_of(m.decoys), capacity_of(m, s));
+  m.cutoff = as_score(d.value);
+  c.crowding = d.crowding;
+  c.particles = d.particles;
+  if (d.crowded) {
+    c.rule = "crowded";
+    c.why = fmt("crowded: particles cover about %.0f%% of the usable area, so decoys also answer in the gaps between "
+                "them and overcount the false picks; the cut-off is the lowest score with at most half as many "
+                "decoys as picks above it",
+                100 * d.crowding);
+  } else if (d.particles <= 0 || count_kept(m.picks, m.cutoff) == 0) {
+    c.rule = "no-excess";
+    c.why = "the picks never outnumber the decoys beyond chance: no particles found, none kept";
+  } else {
+    c.rule = "sparse";
+    c.why = fmt("sparse: particles cover about %.0f%% of the usable area and decoys count the false picks about one "
+                "for one; the cut-off maximises the F1 estimated with them (about %.0f particles among the picks), "
+                "no lower than where decoys are 0.4 of the picks",
+                100 * d.crowding, d.particles);
+  }
+}
+
+void without_decoys(Micrograph& m, double pooled) {
+  CutoffChoice& c = m.choice;
+  // Without the picks below a cut the scores split wrongly (a cut noise
+  // tail looks like a group of its own): picks already cut are kept whole.
+  if (m.cut_recorded) {
+    m.cutoff = m.cut_before;
+    c.rule = "already-cut";
+    c.why = fmt("already cut at %.4f, as its picks file records; kept as cut, since the picks below it, which a "
+                "choice needs, are gone",
+                m.cut_before);
+    return;
+  }
+  if (std::isfinite(m.cut_before)) {
+    m.cutoff = m.cut_before;
+    c.rule = "kept-whole";
+    c.why = fmt("no score below %.4f, where the noise maxima of a run that keeps every grid maximum go down to a few "
+                "thousandths: the picks were cut already, or every maximum is a particle; kept whole",
+                m.cut_before);
+    return;
+  }
+  const Cutoff k = choose_cutoff(scores_of(m.picks), pooled);
+  m.cutoff = as_score(k.value);
+  if (k.split) {
+    c.rule = "split";
+    c.why = fmt("two groups of scores (the split between them explains %.0f%% of their variance): the split", 100 * k.eta);
+  } else if (count_kept(m.picks, m.cutoff) > 0) {
+    c.rule = "all-kept";
+    c.why = fmt("one group of scores whose upper tenth reaches the run's cut-off %.4f: taken for particles, all kept", pooled);
+  } else {
+    c.rule = "none-kept";
+    c.why = fmt("one group of scores below the run's cut-off %.4f: taken for noise, none kept", pooled);
+  }
+}
+
+}  // namespace
+
+std::vector<double> scores_of(const std::vector<Pick>& picks) {
+  std::vector<double> s;
+  s.reserve(picks.size());
+  for (const Pick& p : picks) s.push_back(p.score);
+  return s;
+}
+
+long count_kept(const std::vector<Pick>& picks, double cut) {
+  return std::count_if(picks.begin(), picks.end(), [&](const Pick& p) { return pick_kept(p, cut); });
+}
+
+void decide_cutoff(Micrograph& m, const Settings& s, double pooled, double fixed) {
+  m.choice = CutoffChoice();
+  if (std::isfinite(fixed)) {
+    m.cutoff = fixed;
+    m.choice.rule = "fixed";
+    m.choice.why = "fixed by --cutoff";
+    if (std::isfinite(m.cut_before) && (float)fixed < (float)m.cut_before)
+      m.choice.why += fmt("; the picks were already cut at %.4f, so none below that are left to keep", m.cut_before);
+  } else if (m.picks.empty()) {
+    m.cutoff = 0;
+    m.choice.rule = "no-picks";
+    m.choice.why = "no picks";
+  } else if (m.decoys_found) {
+    with_decoys(m, s);
+  } else {
+    without_decoys(m, pooled);
+  }
+  if (m.decoys_found) m.choice.decoys_above = count_kept(m.decoys, m.cutoff);
+}
+
+double run_cutoff(const std::vector<Micrograph>& mics, const Settings& s) {
+  std::vector<double> real, decoys;
+  double capacity = 0, floor = -INFINITY;
+  bool all_decoys = !mics.empty();
+  for (const Micrograph& m : mics) {
+    for (const Pick& p : m.picks) real.push_back(p.score);
+    for (const Pick& p : m.decoys) decoys.push_back(p.score);
+    capacity += capacity_of(m, s);
+    all_decoys = all_decoys && m.decoys_found;
+    if (std::isfinite(m.cut_before)) floor = std::max(floor, m.cut_before);
+  }
+  const double cut = all_decoys ? null_model_cutoff(real, decoys, capacity).value : pooled_cutoff(real).value;
+  return std::max(cut, floor);
+}

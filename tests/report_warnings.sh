@@ -1,0 +1,84 @@
+#!/bin/sh
+# Every warning of gvexreport on a planted case, each micrograph drawing its
+# own warning and no other, and none on the clean micrograph they come from:
+# pixels that are not finite, an extended header, mode 0, two sections, a
+# header pixel size other than --apixM, no picks file, no picks kept, picks
+# in nearly every grid cell, along the edge, on rejected areas, and
+# templates of the wrong contrast (decoys outscoring the picks). The
+# realistic and real micrographs on which none may fire are checked by
+# tests/quality/.
+# Usage: report_warnings.sh GVEXMATCH GVEXREPORT MAKEMIC SCRATCH
+set -eu
+gvex=$1 report=$2 makemic=$3 work=$4
+rm -rf "$work" && mkdir -p "$work" && cd "$work"
+fail() { echo "FAIL: $*"; exit 1; }
+"$makemic" make m.mrc --nx 1024 --ny 1024 --apix 1.34 --diameter 120 --seed 3 >/dev/null
+"$gvex" --apixM 1.34 --diameter 120 --cc_cutoff 0 m.mrc >pick.log || fail "gvexmatch failed"
+# Damaged copies of m.mrc, each with m's picks.
+python3 - <<'EOF'
+import struct
+raw = open("m.mrc", "rb").read()
+head, data = bytearray(raw[:1024]), raw[1024:]
+nx, ny = struct.unpack_from("<2i", head)
+def write(name, head, data):
+    open(name, "wb").write(bytes(head) + data)
+nan = bytearray(data)
+for i in range(0, 40, 4):
+    struct.pack_into("<f", nan, 4 * (500 * nx + 300) + i, float("nan"))
+write("nan.mrc", head, bytes(nan))
+ext = bytearray(head)
+struct.pack_into("<h", ext, 90, 1024)  # the reader's field, as older writers set it
+write("ext.mrc", ext, bytes(1024) + data)
+two = bytearray(head)
+struct.pack_into("<i", two, 8, 2)
+struct.pack_into("<i", two, 36, 2)
+write("two.mrc", two, data + data)
+floats = struct.unpack("<%df" % (nx * ny), data)
+lo, hi = min(floats), max(floats)
+byte = bytearray(head)
+struct.pack_into("<i", byte, 12, 0)
+write("byte.mrc", byte, bytes(int(255 * (v - lo) / (hi - lo)) for v in floats))
+apix = bytearray(head)  # 1.5 A per pixel: cell lengths over the sampling
+struct.pack_into("<3i", apix, 28, nx, ny, 1)
+struct.pack_into("<3f", apix, 40, 1.5 * nx, 1.5 * ny, 1.5)
+write("apix.mrc", apix, data)
+EOF
+for m in nan ext two byte apix edge grid masked; do
+  [ -e $m.mrc ] || ln m.mrc $m.mrc
+  cp m_vexmatch.star ${m}_vexmatch.star
+done
+ln m.mrc lonely.mrc
+# Picks along the left edge; a pick every 20 pixels; every pick in a rejected cell.
+head -9 m_vexmatch.star >edge_vexmatch.star
+head -9 m_vexmatch.star >grid_vexmatch.star
+awk 'BEGIN { for (y = 100; y < 900; y += 80) printf "20 %d 0 1 2.0\n", y }' >>edge_vexmatch.star
+awk 'BEGIN { for (y = 10; y < 1024; y += 20) for (x = 10; x < 1024; x += 20) printf "%d %d 0 1 0.5\n", x, y }' \
+  >>grid_vexmatch.star
+echo "0 0 1024 1024" >masked_rejected.box
+"$report" --out rep --apixM 1.34 --diameter 120 m.mrc nan.mrc ext.mrc two.mrc byte.mrc apix.mrc lonely.mrc edge.mrc \
+  grid.mrc masked.mrc >report.log || fail "gvexreport failed"
+expect() {  # micrograph, the start of its one warning
+  got=$(grep "^warning: $1: " report.log | sed "s/^warning: $1: //")
+  case $got in "$2"*) ;; *) fail "$1: warned '$got', not '$2...'" ;; esac
+  [ "$(echo "$got" | wc -l)" = 1 ] || fail "$1: more than one warning: $got"
+}
+expect nan.mrc "10 pixels are not finite numbers"
+expect ext.mrc "extended header of 1024 bytes"
+expect two.mrc "2 sections: only the first is picked"
+expect byte.mrc "pixel mode 0"
+expect apix.mrc "the header's pixel size 1.500 A differs from --apixM 1.340 A"
+expect lonely.mrc "no picks file"
+expect edge.mrc "100% of the picks lie within a particle diameter of the edge"
+expect grid.mrc "almost every grid cell holds a pick"
+expect masked.mrc "100% of the picks lie on rejected areas"
+if grep '^warning: m.mrc' report.log; then fail "a warning on the clean micrograph"; fi
+"$report" --out rep3 --cutoff 99 --apixM 1.34 --diameter 120 m.mrc >none.log || fail "gvexreport --cutoff 99 failed"
+grep -q '^warning: m.mrc: no picks$' none.log || fail "no warning of no picks kept: $(cat none.log)"
+# Templates of the wrong contrast: the decoys of gvexreport --pick are then the particles.
+"$report" --out rep4 --pick --apixM 1.34 --diameter 120 m.mrc >right.log || fail "gvexreport --pick failed"
+if grep '^warning' right.log; then fail "a warning on the clean micrograph picked with decoys"; fi
+"$report" --out rep5 --pick --dont_invertT --apixM 1.34 --diameter 120 m.mrc >wrong.log ||
+  fail "gvexreport --pick --dont_invertT failed"
+grep -q '^warning: m.mrc: the decoys (these templates with their contrast inverted) outscore the picks' wrong.log ||
+  fail "templates of the wrong contrast not found: $(cat wrong.log)"
+echo "report_warnings: every warning fired on its planted case and on no other"

@@ -1,0 +1,191 @@
+// gvexreport's pieces: pick files that record their cut-off, each
+// micrograph's choice of cut-off and its reasons, the run's cut-off, the
+// crop the page shows and the words of the command it prints.
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstdio>
+#include <string>
+#include <vector>
+
+#include "io/picks.h"
+#include "report/micrograph.h"
+#include "report/page.h"
+#include "support/run.h"
+
+namespace {
+
+std::vector<Pick> picks_at(const std::vector<double>& scores) {
+  std::vector<Pick> v;
+  for (size_t i = 0; i < scores.size(); i++) {
+    Pick p;
+    p.x = 100 + 50 * (double)(i % 20), p.y = 100 + 50 * (double)(i / 20), p.w = p.h = 64, p.score = (float)scores[i];
+    v.push_back(p);
+  }
+  return v;
+}
+
+std::vector<double> spread(int n, double lo, double hi) {
+  std::vector<double> v;
+  for (int i = 0; i < n; i++) v.push_back(lo + (hi - lo) * i / std::max(1, n - 1));
+  return v;
+}
+
+bool write_picks(const std::string& path, const std::vector<Pick>& picks, bool star, double cut) {
+  FILE* fp = fopen(path.c_str(), "w");
+  const bool ok = fp && picks_write(fp, picks, star, cut);
+  return fp && fclose(fp) == 0 && ok;
+}
+
+Micrograph micrograph(const std::vector<double>& scores) {
+  Micrograph m;
+  m.name = "m.mrc";
+  m.nx = m.ny = 2048;
+  m.picks_found = true;
+  m.picks = picks_at(scores);
+  m.usable_pixels = (double)m.nx * m.ny;
+  return m;
+}
+
+}  // namespace
+
+// The cut-off travels with the STAR file (RELION skips '#' lines there) and
+// never into the ".box" file (RELION's reader of those takes every line).
+TEST(PickFiles, StarFilesRecordTheirCutOffAndBoxFilesFindIt) {
+  TempDir dir;
+  const std::vector<Pick> picks = picks_at({0.2, 0.3, 0.4});
+  ASSERT_TRUE(write_picks(dir.file("a.star"), picks, true, 0.1875));
+  ASSERT_TRUE(write_picks(dir.file("a.box"), picks, false, 0.1875));
+  EXPECT_EQ(read_text_file(dir.file("a.box")).find('#'), std::string::npos);
+  std::vector<Pick> back;
+  const PicksRead r = picks_read(dir.file("a.star"), 64, back);
+  EXPECT_EQ(r.cut, 0.1875);
+  EXPECT_EQ(r.refused, 0);
+  EXPECT_EQ(back.size(), 3u);
+  // A ".box" file's cut is read from its STAR twin; a file without one records none.
+  Micrograph m;
+  read_picks(m, dir.file("a.box"), 64);
+  EXPECT_TRUE(m.cut_recorded);
+  EXPECT_EQ(m.cut_before, 0.1875);
+  ASSERT_TRUE(write_picks(dir.file("b.star"), picks, true, NAN));
+  Micrograph u;
+  read_picks(u, dir.file("b.star"), 64);
+  EXPECT_FALSE(u.cut_recorded);
+  EXPECT_TRUE(std::isnan(u.cut_before));  // three picks show no cut
+}
+
+// A cut-off printed as text and read back keeps the same picks: a score
+// given as the cut-off keeps its own pick, and the text is short when it can be.
+TEST(PickFiles, CutOffTextKeepsWhatTheCutOffKeeps) {
+  EXPECT_EQ(cut_text(0.15), "0.1500");
+  for (const char* text : {"0.213417", "0.100001", "1.999999", "0.000123"}) {
+    Pick p;
+    p.score = (float)strtod(text, nullptr);
+    EXPECT_EQ(cut_text(p.score), text);
+    EXPECT_TRUE(pick_kept(p, strtod(cut_text(p.score).c_str(), nullptr))) << text;
+    EXPECT_FALSE(pick_kept(p, std::nextafter(p.score, INFINITY))) << text;
+  }
+}
+
+TEST(DecideCutoff, WithDecoysTheNullModelAndItsReasons) {
+  const Settings s = report_settings(1.0, 40.0, true);
+  // Sparse: 30 particles above 200 noise maxima, decoys like the noise.
+  Micrograph m = micrograph(spread(200, 0.0, 0.2));
+  for (const Pick& p : picks_at(spread(30, 0.4, 0.6))) m.picks.push_back(p);
+  m.decoys_found = true;
+  m.decoys = picks_at(spread(200, 0.0, 0.2));
+  decide_cutoff(m, s, 0.0);
+  EXPECT_EQ(m.choice.rule, "sparse");
+  EXPECT_EQ(count_kept(m.picks, m.cutoff), 30);
+  EXPECT_EQ(m.choice.decoys_above, 0);
+  EXPECT_NEAR(m.choice.particles, 30, 1);
+  // Decoys as high as the picks: nothing beats them, and the cut-off above
+  // the highest score keeps none even compared as floats.
+  Micrograph n = micrograph(spread(200, 0.0, 0.3));
+  n.decoys_found = true;
+  n.decoys = n.picks;
+  decide_cutoff(n, s, 0.0);
+  EXPECT_EQ(n.choice.rule, "no-excess");
+  EXPECT_EQ(count_kept(n.picks, n.cutoff), 0);
+  // A fixed cut-off wins over every rule.
+  decide_cutoff(n, s, 0.0, 0.15);
+  EXPECT_EQ(n.choice.rule, "fixed");
+  EXPECT_EQ(n.cutoff, 0.15);
+}
+
+// Without decoys: picks already cut are kept as cut (their noise tail,
+// half gone, would read as a group of its own), and the reasons say which.
+TEST(DecideCutoff, WithoutDecoysPicksAlreadyCutAreKeptWhole) {
+  const Settings s = report_settings(1.0, 40.0, true);
+  Micrograph rec = micrograph(spread(300, 0.15, 0.6));
+  rec.cut_before = 0.15, rec.cut_recorded = true;
+  decide_cutoff(rec, s, 0.4);
+  EXPECT_EQ(rec.choice.rule, "already-cut");
+  EXPECT_EQ(count_kept(rec.picks, rec.cutoff), 300);
+  Micrograph shown = micrograph(spread(300, 0.15, 0.6));
+  shown.cut_before = 0.15;
+  decide_cutoff(shown, s, 0.4);
+  EXPECT_EQ(shown.choice.rule, "kept-whole");
+  EXPECT_EQ(count_kept(shown.picks, shown.cutoff), 300);
+  // Uncut: two groups are split between them.
+  std::vector<double> two = spread(200, 0.0, 0.1);
+  for (double v : spread(40, 0.5, 0.6)) two.push_back(v);
+  Micrograph split = micrograph(two);
+  decide_cutoff(split, s, 0.3);
+  EXPECT_EQ(split.choice.rule, "split");
+  EXPECT_EQ(count_kept(split.picks, split.cutoff), 40);
+  EXPECT_EQ(split.choice.decoys_above, -1);
+  // A fixed cut-off below an earlier cut says that nothing below it is left.
+  decide_cutoff(rec, s, 0.4, 0.1);
+  EXPECT_NE(rec.choice.why.find("already cut at 0.1500"), std::string::npos) << rec.choice.why;
+}
+
+TEST(RunCutoff, NeverBelowACutThePicksHad) {
+  const Settings s = report_settings(1.0, 40.0, true);
+  std::vector<Micrograph> mics = {micrograph(spread(200, 0.0, 0.5)), micrograph(spread(100, 0.3, 0.5))};
+  mics[1].cut_before = 0.3;
+  EXPECT_GE(run_cutoff(mics, s), 0.3);
+  // With decoys on every micrograph the null model speaks for the run: the
+  // noise's scores as decoys leave the particles above them.
+  std::vector<Micrograph> with = {micrograph(spread(200, 0.0, 0.2))};
+  for (const Pick& p : picks_at(spread(30, 0.4, 0.6))) with[0].picks.push_back(p);
+  with[0].decoys_found = true;
+  with[0].decoys = picks_at(spread(200, 0.0, 0.2));
+  const double cut = run_cutoff(with, s);
+  EXPECT_GT(cut, 0.2);
+  EXPECT_LE(cut, (double)0.4f);  // the lowest particle's score, a float
+}
+
+// The crop lies inside the micrograph, where the best picks crowd.
+TEST(Page, CropFollowsTheBestPicksAndStaysInside) {
+  const Settings s = report_settings(1.0, 40.0, true);
+  Micrograph m = micrograph({});
+  for (int i = 0; i < 12; i++) {
+    Pick p;
+    p.x = 1900 + 10 * i, p.y = 30 + 5 * i, p.score = 0.9f;
+    m.picks.push_back(p);
+  }
+  for (int i = 0; i < 30; i++) {
+    Pick p;
+    p.x = 100 + 60 * i, p.y = 1000, p.score = 0.1f;
+    m.picks.push_back(p);
+  }
+  const Crop c = crop_region(m, s);
+  EXPECT_EQ(c.side, 320);  // eight particles across
+  EXPECT_GE(c.x0, 0);
+  EXPECT_GE(c.y0, 0);
+  EXPECT_LE(c.x0 + c.side, m.nx);
+  EXPECT_LE(c.y0 + c.side, m.ny);
+  EXPECT_GT(c.x0 + c.side, 1900);
+  EXPECT_LT(c.y0, 30);
+  EXPECT_EQ(crop_name("1_m.png"), "1_m_crop.png");
+}
+
+// The page's command must reach the shell as the words it names.
+TEST(Page, ShellWordsComeBackUnchanged) {
+  for (const std::string w : {"m.mrc", "a b.mrc", "it's.mrc", "$(rm x)", "x\"y;z", "#1%20?"}) {
+    const RunResult r = run_shell("printf '%s' " + shell_word(w));
+    EXPECT_EQ(r.out, w);
+  }
+  EXPECT_EQ(shell_word("Micrographs/m-1_2.mrc"), "Micrographs/m-1_2.mrc");
+}
