@@ -2,9 +2,12 @@
 # Cut-off rules on real micrographs with reference picks (the ten
 # beta-galactosidase micrographs: NAME.mrc and NAME_truth.star in DATA_DIR,
 # 7.08 A per pixel, particles of 190 A, a pick is true within 10 px).
+# gvexreport --pick --apply picks them (its cut-off is "auto"); a second
+# run with the templates' contrast inverted gives the decoys for the rules
+# cutoff_eval.py scores beside it, and must draw the wrong-contrast warning.
 # The data stay where they are; WORK_DIR gets links and the picks.
 # Exit status 77 (skipped) when DATA_DIR holds no micrographs; with --check,
-# 1 when the decoy rule misses its targets.
+# 1 when gvexreport's cut-off misses its targets or a warning is wrong.
 # Usage: bgal_set.sh [--check] BUILD_DIR DATA_DIR WORK_DIR
 set -eu
 check=""
@@ -19,17 +22,20 @@ mkdir -p "$work" && cd "$work"
 for side in real decoy; do
   rm -rf "$side" && mkdir "$side"
   for m in "$@"; do ln -s "$m" "$side/"; done
-  flag=""
-  [ $side = decoy ] && flag=--dont_invertT
-  # The flag goes first: a flag takes a following word that starts with neither
-  # a letter nor "-" as its value.
-  (cd $side && "$build/gvexmatch" $flag --apixM 7.08 --diameter 190 --cc_cutoff 0 ./*.mrc >pick.log)
 done
-(cd real && "$build/report/gvexreport" --out rep --apixM 7.08 --diameter 190 --apply ./*.mrc >report.log)
+(cd real && "$build/report/gvexreport" --out rep --pick --apply --apixM 7.08 --diameter 190 ./*.mrc >report.log)
+# The flag goes first: a flag takes a following word that starts with neither
+# a letter nor "-" as its value.
+(cd decoy && "$build/report/gvexreport" --out rep --pick --dont_invertT --apixM 7.08 --diameter 190 ./*.mrc >report.log)
+status=0
+if grep '^warning' real/report.log; then echo "bgal_set: a warning on the real micrographs"; status=1; fi
+[ "$(grep -c 'warning: .*: the decoys .* outscore the picks' decoy/report.log)" = $# ] ||
+  { echo "bgal_set: the wrong contrast was not found on every micrograph"; status=1; }
 : >list
 for m in "$@"; do
   b=$(basename "$m" .mrc)
   [ -e "$data/${b}_truth.star" ] || continue
   echo "real/${b}_vexmatch.box decoy/${b}_vexmatch.box $data/${b}_truth.star real/${b}_vexmatch_auto.box 10 13.42" >>list
 done
-python3 "$here/cutoff_eval.py" table $check bgal=list
+python3 "$here/cutoff_eval.py" table $check bgal=list || status=1
+[ -z "$check" ] || exit $status

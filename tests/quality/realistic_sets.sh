@@ -1,11 +1,12 @@
 #!/bin/sh
 # Cut-off rules on realistic generated sets: SNR 0.03, 0.05 and 0.1, sparse
 # and crowded, picked with the synthetic disc and with projection templates.
-# Each set is picked twice with --cc_cutoff 0, the second time with the
-# templates' contrast the other way round (the decoy run), and gvexreport
-# --apply gives today's automatic cut-off; cutoff_eval.py prints the F1 of
-# every rule. Sets and picks already in WORK are reused (remove WORK/runs to
-# pick again).
+# gvexreport --pick --apply picks each set (with --cc_cutoff 0) and cuts it
+# (the "auto" column); gvexmatch picks it again with the templates' contrast
+# the other way round (the decoy run) for the rules cutoff_eval.py scores
+# beside it, and prints the F1 of every rule; then the warnings gvexreport
+# gave on each set. Sets and picks already in WORK are reused (remove
+# WORK/runs to pick again).
 # BATCH "main" (default): 4096^2 at 1.06 A, particles 180, 150 and 120 A at
 # SNR 0.03, 0.05 and 0.1, sparse, crowded and empty (no particles: the
 # table shows the picks kept per micrograph). BATCH "check", for rules tuned
@@ -64,9 +65,12 @@ for snr in 0.03 0.05 0.1; do
           # The flag goes first: a flag takes a following word that starts
           # with neither a letter nor "-" as its value.
           # shellcheck disable=SC2086 # options held in words
-          (cd "$run/$side" && "$gvex" $flag --apixM $apix --diameter $d --cc_cutoff 0 $tmpl m*.mrc >pick.log)
+          if [ $side = decoy ]; then
+            (cd "$run/$side" && "$gvex" $flag --apixM $apix --diameter $d --cc_cutoff 0 $tmpl m*.mrc >pick.log)
+          else
+            (cd "$run/$side" && "$report" --out rep --pick --apply --apixM $apix --diameter $d $tmpl m*.mrc >report.log)
+          fi
         done
-        (cd "$run/real" && "$report" --out rep --apixM $apix --diameter $d --apply m*.mrc >report.log)
         touch "$run/picked"
       fi
       # A pick is true within half a particle radius.
@@ -83,3 +87,9 @@ for snr in 0.03 0.05 0.1; do
 done
 # shellcheck disable=SC2086 # one word per set
 python3 "$here/cutoff_eval.py" table $lists
+echo "warnings (set: how many, and which)"
+for list in $lists; do
+  log=$(dirname "${list#*=}")/real/report.log
+  which=$(grep '^warning' "$log" | sed 's/^warning: [^:]*: //' | sort | uniq -c | tr -s ' ' | tr '\n' ';')
+  echo "${list%%=*}: $(grep -c '^warning' "$log" || true) $which"
+done
