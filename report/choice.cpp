@@ -118,7 +118,7 @@ void decide_cutoff(Micrograph& m, const Settings& s, double pooled, double fixed
 }
 
 double run_cutoff(const std::vector<Micrograph>& mics, const Settings& s) {
-  std::vector<double> real, decoys;
+  std::vector<double> real, decoys, uncut;
   double capacity = 0, floor = -INFINITY;
   bool all_decoys = !mics.empty();
   for (const Micrograph& m : mics) {
@@ -126,8 +126,14 @@ double run_cutoff(const std::vector<Micrograph>& mics, const Settings& s) {
     for (const Pick& p : m.decoys) decoys.push_back(p.score);
     capacity += capacity_of(m, s);
     all_decoys = all_decoys && m.decoys_found;
-    if (std::isfinite(m.cut_before)) floor = std::max(floor, m.cut_before);
+    if (std::isfinite(m.cut_before))
+      floor = std::max(floor, m.cut_before);
+    else
+      for (const Pick& p : m.picks) uncut.push_back(p.score);
   }
-  const double cut = all_decoys ? null_model_cutoff(real, decoys, capacity).value : pooled_cutoff(real).value;
-  return std::max(cut, floor);
+  if (all_decoys) return null_model_cutoff(real, decoys, capacity).value;
+  // Picks already cut would split the run's scores at their cut's edge:
+  // only the others are pooled, and the run is never cut below them.
+  if (uncut.empty()) return std::isfinite(floor) ? floor : 0.0;
+  return std::max(pooled_cutoff(uncut).value, floor);
 }

@@ -72,7 +72,8 @@ void decide_cutoff(Micrograph& m, const Settings& s, double pooled, double fixed
 
 // The run's cut-off for a fixed --cc_cutoff: the null model over all
 // micrographs' picks and decoys when every micrograph has decoys, else the
-// pooled split, never below a cut the picks already had.
+// pooled split of the picks not cut before, never below a cut the picks
+// already had.
 double run_cutoff(const std::vector<Micrograph>& mics, const Settings& s);
 
 // The scores of picks (or decoys), as doubles.

@@ -145,6 +145,12 @@ TEST(RunCutoff, NeverBelowACutThePicksHad) {
   std::vector<Micrograph> mics = {micrograph(spread(200, 0.0, 0.5)), micrograph(spread(100, 0.3, 0.5))};
   mics[1].cut_before = 0.3;
   EXPECT_GE(run_cutoff(mics, s), 0.3);
+  // Picks all cut before: the run's cut is theirs, not a split of what is left.
+  std::vector<double> tail = spread(300, 0.15, 0.25);
+  for (double v : spread(60, 0.4, 0.5)) tail.push_back(v);
+  std::vector<Micrograph> both = {micrograph(tail), micrograph(tail)};
+  both[0].cut_before = both[1].cut_before = 0.15;
+  EXPECT_EQ(run_cutoff(both, s), 0.15);
   // With decoys on every micrograph the null model speaks for the run: the
   // noise's scores as decoys leave the particles above them.
   std::vector<Micrograph> with = {micrograph(spread(200, 0.0, 0.2))};
