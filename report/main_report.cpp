@@ -330,6 +330,7 @@ void pick_run(const ReportOptions& o, const char* prog, Run& run) {
 // Each micrograph's cut-off and warnings, printed, and with --apply its
 // kept picks written.
 void choose_cutoffs(Run& run, const ReportOptions& o, double pooled) {
+  add_run_warnings(run.mics);
   for (Micrograph& m : run.mics) {
     decide_cutoff(m, run.set, pooled, o.fixed);
     add_warnings(m, run.set);

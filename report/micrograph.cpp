@@ -93,9 +93,6 @@ void add_warnings(Micrograph& m, const Settings& s) {
     w.push_back("no picks file");
     return;
   }
-  if (m.decoys_found && decoys_outscore(scores_of(m.picks), scores_of(m.decoys)))
-    w.push_back("the decoys (these templates with their contrast inverted) outscore the picks: templates of the "
-                "wrong contrast? (--dont_invertT)");
   std::vector<const Pick*> kept;
   for (const Pick& p : m.picks)
     if (pick_kept(p, m.cutoff)) kept.push_back(&p);
@@ -120,6 +117,20 @@ void add_warnings(Micrograph& m, const Settings& s) {
     w.push_back(fmt("%.0f%% of the picks lie within a particle diameter of the edge", 100.0 * edge / kept.size()));
   if (masked >= 3 && masked > 0.1 * kept.size())
     w.push_back(fmt("%.0f%% of the picks lie on rejected areas", 100.0 * masked / kept.size()));
+}
+
+void add_run_warnings(std::vector<Micrograph>& mics) {
+  std::vector<double> real, decoys;
+  for (const Micrograph& m : mics)
+    if (m.decoys_found) {
+      for (const Pick& p : m.picks) real.push_back(p.score);
+      for (const Pick& p : m.decoys) decoys.push_back(p.score);
+    }
+  if (decoys.empty() || !decoys_outscore(real, decoys)) return;
+  for (Micrograph& m : mics)
+    if (m.decoys_found)
+      m.warnings.push_back("the decoys (these templates with their contrast inverted) outscore the picks on this "
+                           "run's micrographs: templates of the wrong contrast? (--dont_invertT)");
 }
 
 std::string write_kept(const Micrograph& m, const std::string& box_path, const std::string& star_path) {

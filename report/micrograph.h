@@ -83,6 +83,12 @@ long count_kept(const std::vector<Pick>& picks, double cut);
 // The warnings a user needs about this micrograph and its picks.
 void add_warnings(Micrograph& m, const Settings& s);
 
+// Warnings about the run, added to each micrograph they concern: templates
+// of the wrong contrast show as decoys that outscore the picks over all
+// micrographs with decoys together (templates are the run's; on one sparse
+// or empty micrograph the counts are too small to tell chance apart).
+void add_run_warnings(std::vector<Micrograph>& mics);
+
 // The picks at or above the cut-off as gvexmatch writes them: "_vexmatch.box"
 // and "_vexmatch.star" forms, committed together (neither is replaced
 // unless both are); the STAR file records the cut-off. "" on success, else

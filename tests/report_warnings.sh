@@ -79,6 +79,6 @@ grep -q '^warning: m.mrc: no picks$' none.log || fail "no warning of no picks ke
 if grep '^warning' right.log; then fail "a warning on the clean micrograph picked with decoys"; fi
 "$report" --out rep5 --pick --dont_invertT --apixM 1.34 --diameter 120 m.mrc >wrong.log ||
   fail "gvexreport --pick --dont_invertT failed"
-grep -q '^warning: m.mrc: the decoys (these templates with their contrast inverted) outscore the picks' wrong.log ||
+grep -q '^warning: m.mrc: the decoys (these templates with their contrast inverted) outscore the picks on this' wrong.log ||
   fail "templates of the wrong contrast not found: $(cat wrong.log)"
 echo "report_warnings: every warning fired on its planted case and on no other"

@@ -195,3 +195,31 @@ TEST(Page, ShellWordsComeBackUnchanged) {
   }
   EXPECT_EQ(shell_word("Micrographs/m-1_2.mrc"), "Micrographs/m-1_2.mrc");
 }
+
+// Templates are the run's: their contrast is judged over all micrographs
+// with decoys together, where a few particles each add up.
+TEST(RunWarnings, WrongContrastIsJudgedOverTheRun) {
+  const std::vector<double> noise = spread(150, 0.0, 0.2), few = spread(8, 0.3, 0.35);
+  std::vector<double> with = noise;
+  with.insert(with.end(), few.begin(), few.end());
+  std::vector<Micrograph> mics;
+  for (int k = 0; k < 4; k++) {
+    mics.push_back(micrograph(noise));
+    mics.back().decoys_found = true;
+    mics.back().decoys = picks_at(with);  // the particles are among the decoys
+  }
+  mics.push_back(micrograph(noise));  // picks read from a file: no decoys
+  std::vector<Micrograph> one = {mics[0]};
+  add_run_warnings(one);
+  EXPECT_TRUE(one[0].warnings.empty());  // eight particles prove nothing alone
+  add_run_warnings(mics);
+  for (int k = 0; k < 4; k++) {
+    ASSERT_EQ(mics[k].warnings.size(), 1u);
+    EXPECT_NE(mics[k].warnings[0].find("templates of the wrong contrast"), std::string::npos);
+  }
+  EXPECT_TRUE(mics[4].warnings.empty());
+  // The right way round nothing is said.
+  for (Micrograph& m : mics) std::swap(m.picks, m.decoys), m.warnings.clear();
+  add_run_warnings(mics);
+  for (const Micrograph& m : mics) EXPECT_TRUE(m.warnings.empty());
+}

@@ -59,6 +59,6 @@ python3 "$here/cutoff_eval.py" table --check $lists || fail "the automatic cut-o
 mkdir -p inverted && for m in sparse/m*.mrc; do ln -s "$work/$m" inverted/; done
 (cd inverted && "$report" --out rep --pick --dont_invertT --apixM $apix --diameter $d --T "$work/templates.mrcs" \
   --apixT $apix m*.mrc >report.log) || fail "gvexreport --pick --dont_invertT failed"
-[ "$(grep -c '^warning: m[0-9].mrc: the decoys .* outscore the picks: templates of the wrong contrast' \
+[ "$(grep -c '^warning: m[0-9].mrc: the decoys .* outscore the picks on this run.s micrographs: templates of the wrong contrast' \
   inverted/report.log)" = 3 ] || fail "the wrong contrast was not found on every micrograph: $(cat inverted/report.log)"
 echo "quick_check: targets met, no warning on the realistic micrographs, wrong contrast found"
