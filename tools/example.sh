@@ -10,5 +10,9 @@ mkdir -p example/Micrographs
 build/example/tools/gvex_makemic make example/Micrographs/mic001.mrc --nx 4096 --ny 4096 --apix 1.34 --diameter 300 --seed 7
 build/example/gvexmatch --apixM 1.34 --diameter 300 example/Micrographs/mic001.mrc
 build/example/tools/gvex_makemic score example/Micrographs/mic001_vexmatch.box example/Micrographs/mic001_truth.txt 40
-# See the picks: pictures, score histograms and warnings in one page.
-build/example/report/gvexreport --out example/report --apixM 1.34 --diameter 300 example/Micrographs/mic001.mrc
+# Pick again with decoys and a cut-off chosen for the micrograph (this
+# replaces gvexmatch's picks with every grid maximum), keep the picks above
+# it, and see them in one page: pictures, histograms, warnings, a slider.
+build/example/report/gvexreport --out example/report --pick --apply --apixM 1.34 --diameter 300 \
+  example/Micrographs/mic001.mrc
+build/example/tools/gvex_makemic score example/Micrographs/mic001_vexmatch_auto.box example/Micrographs/mic001_truth.txt 40
