@@ -305,8 +305,8 @@ std::string section(const Micrograph& m, size_t k, const Settings& s, const std:
                   html_escape(cut_text(m.cutoff)) + "\" data-mic=\"" + html_escape(shell_word(m.name)) +
                   "\" data-words=\"" + html_escape(apply_words) + "\"";
   if (m.decoys_found) h += " data-decoys=\"" + scores_attribute(m.decoys) + "\"";
-  h += ">\n<h3>" + html_escape(m.name) + "</h3>\n<p class=\"why\"><b>Cut-off " + num("%.4f", m.cutoff) + "</b>: " +
-       html_escape(m.choice.why) + ".";
+  h += ">\n<h3>" + html_escape(m.name) + "</h3>\n<p class=\"why\"><b>Cut-off " + num("%.4f", m.cutoff) + "</b>" +
+       (m.choice.why.empty() ? std::string(".") : ": " + html_escape(m.choice.why) + ".");
   if (m.decoys_found)
     h += " Decoys above it: " + std::to_string(m.choice.decoys_above) +
          (m.choice.rule == "crowded" ? ", more than the false picks among the kept ones on a crowded micrograph."
