@@ -61,6 +61,13 @@ std::string one_line(const std::string& text) {
     out += c;
   }
   while (!out.empty() && out.back() == ' ') out.pop_back();
+  // The library's fatal lines name their source place, which tells a
+  // RELION user nothing: only the reason is kept.
+  const std::string head = "Error in function ", tail = "! Exit now!";
+  const size_t colon = out.find(": ");
+  if (out.compare(0, head.size(), head) == 0 && colon != std::string::npos) out.erase(0, colon + 2);
+  if (out.size() >= tail.size() && out.compare(out.size() - tail.size(), tail.size(), tail) == 0)
+    out.resize(out.size() - tail.size());
   return out;
 }
 
@@ -302,7 +309,11 @@ std::pair<std::string, std::string> Job::link_for(const MicEntry& e) {
   return links_[e.name] = {link, dir};
 }
 
-void Job::skip(const MicEntry& e, const std::string& why) {
+void Job::skip(const MicEntry& e, const std::string& reason) {
+  // The reader names the file it opened: the scratch link or the full path.
+  std::string why = replace_all(reason, absolute(e.name), e.name);
+  auto l = links_.find(e.name);
+  if (l != links_.end()) why = replace_all(why, l->second.first, e.name);
   Stamp s;
   stamp_of(e.name, s);
   failed_[e.name] = s;
@@ -310,7 +321,6 @@ void Job::skip(const MicEntry& e, const std::string& why) {
   if (first_skip_.empty()) first_skip_ = e.name + ": " + why;
   say("skipped %s: %s\n", e.name.c_str(), why.c_str());
   fprintf(stderr, "gvexmatch_relion: WARNING: skipped %s: %s\n", e.name.c_str(), why.c_str());
-  auto l = links_.find(e.name);
   if (l != links_.end()) {
     remove_tree(l->second.second);
     links_.erase(l);
@@ -380,7 +390,7 @@ void Job::pick_all(const std::vector<MicEntry>& todo, std::string& why, bool& fa
     const double t0 = gvex_wall_seconds();
     PickResult r = session_->pick(link, next);
     if (r.outcome != PickResult::Outcome::finished) {
-      skip(e, replace_all(one_line(r.failure.text), link, e.name));
+      skip(e, one_line(r.failure.text));
       continue;
     }
     Picked p;
@@ -518,6 +528,7 @@ bool Job::write_job_files(bool page, std::string& why) {
     if (!write_micrographs_star(star, mics)) return why = "cannot write " + star, false;
   }
   if (!write_node_files(o_.out, star, coords, label_, why)) return false;
+  gvex_test_stop_point("relion_nodes");
   return !page || write_job_report(o_.out, records_, why);
 }
 
@@ -565,6 +576,7 @@ int Job::run(std::string& why) {
       Stamp s;
       if (f != failed_.end() && stamp_of(e.name, s) && s == f->second) continue;
       if (settled(e, now)) todo.push_back(e);
+      else if (!o_.follow && !stamp_of(e.name, s)) skip(e, "no such file");
       else waiting_++;
     }
     pick_all(todo, why, fatal);

@@ -54,7 +54,7 @@ std::string fmt(const char* f, double v) {
 bool write_summary(const std::string& path, const std::vector<MicRecord>& records) {
   StarTable t;
   t.name = "micrographs";
-  t.labels = {"rlnMicrographName", "rlnMicrographCoordinates", "gvexPickCount", "gvexKeptCount",
+  t.labels = {"rlnMicrographName", "rlnMicrographCoordinates", "rlnMicrographPixelSize", "gvexPickCount", "gvexKeptCount",
               "gvexCutoff", "gvexMedianScore", "gvexMaskedFraction", "gvexWarnings"};
   for (const MicRecord& r : records) {
     std::vector<double> s;
@@ -62,7 +62,7 @@ bool write_summary(const std::string& path, const std::vector<MicRecord>& record
     std::sort(s.begin(), s.end());
     std::string warn;
     for (const std::string& w : r.warnings) warn += (warn.empty() ? "" : "; ") + w;
-    t.rows.push_back({r.mic, r.coords, std::to_string(r.picks.size()), std::to_string(kept_picks(r).size()),
+    t.rows.push_back({r.mic, r.coords, fmt("%.6f", r.apix), std::to_string(r.picks.size()), std::to_string(kept_picks(r).size()),
                       fmt("%.6f", r.cutoff), fmt("%.6f", s.empty() ? 0.0 : s[s.size() / 2]), fmt("%.4f", r.masked),
                       warn.empty() ? "none" : warn});
   }
