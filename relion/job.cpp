@@ -9,9 +9,11 @@
 #include <omp.h>
 #endif
 
+#include <chrono>
 #include <cmath>
 #include <condition_variable>
 #include <cstdarg>
+#include <cstring>
 #include <deque>
 #include <map>
 #include <memory>
@@ -82,6 +84,15 @@ std::string absolute(const std::string& p) {
   char cwd[4096];
   return getcwd(cwd, sizeof cwd) ? std::string(cwd) + "/" + p : p;
 }
+
+// A killed run leaves its unfinished "<name>.part" files; only ours can be
+// in the job folder while we hold its lock.
+int remove_partial(const char* path, const struct stat*, int type, struct FTW*) {
+  const size_t n = strlen(path);
+  if (type == FTW_F && n > 5 && strcmp(path + n - 5, ".part") == 0) remove(path);
+  return 0;
+}
+void remove_partial_files(const std::string& dir) { nftw(dir.c_str(), remove_partial, 16, FTW_PHYS); }
 
 std::string base_name(const std::string& p) { return p.substr(p.rfind('/') + 1); }
 
@@ -174,11 +185,12 @@ class Job {
   // Writer state: records_ and the times belong to the writer thread until it stops.
   std::vector<MicRecord> records_;
   double nodes_at_ = 0, page_at_ = 0;
+  bool dirty_ = false;  // records not yet in the node files and report
   std::thread writer_;
   std::mutex q_lock_;
   std::condition_variable q_cv_;
   std::deque<Picked> queue_;
-  bool q_stop_ = false, writing_ = false;
+  bool q_stop_ = false;
   std::string write_error_;
 };
 
@@ -204,6 +216,7 @@ bool Job::open_folder(std::string& why) {
   // beside the micrograph in another job's folder.
   work_dir_ = o_.out + ".work/";
   remove_tree(work_dir_);
+  remove_partial_files(o_.out);
   if (!make_parent_dirs(work_dir_)) return why = "cannot make " + work_dir_, false;
   return true;
 }
@@ -436,11 +449,22 @@ void Job::writer_loop() {
     Picked p;
     {
       std::unique_lock<std::mutex> g(q_lock_);
-      q_cv_.wait(g, [&] { return !queue_.empty() || q_stop_; });
+      const bool work = q_cv_.wait_for(g, std::chrono::seconds(1), [&] { return !queue_.empty() || q_stop_; });
+      if (!work) {
+        // A quiet second: what a burst of micrographs left unlisted is
+        // listed now, not when the next micrograph comes.
+        g.unlock();
+        if (!dirty_) continue;
+        std::string why;
+        if (!write_job_files(true, why)) {
+          std::lock_guard<std::mutex> e(q_lock_);
+          if (write_error_.empty()) write_error_ = why;
+        }
+        continue;
+      }
       if (queue_.empty()) return;
       p = std::move(queue_.front());
       queue_.pop_front();
-      writing_ = true;
     }
     q_cv_.notify_all();
     try {
@@ -449,9 +473,6 @@ void Job::writer_loop() {
       std::lock_guard<std::mutex> g(q_lock_);
       if (write_error_.empty()) write_error_ = one_line(ex.what());
     }
-    std::lock_guard<std::mutex> g(q_lock_);
-    writing_ = false;
-    q_cv_.notify_all();
   }
 }
 
@@ -507,16 +528,13 @@ void Job::write_one(Picked& p) {
   remove_tree(p.work);
   say("%s: %zu of %zu picks kept at cut-off %.4f, %.1f s%s\n", r.mic.c_str(), kept.size(), r.picks.size(), r.cutoff,
       p.seconds, r.warnings.empty() ? "" : (" (warning: " + r.warnings[0] + ")").c_str());
-  const double now = gvex_wall_seconds();
-  if (now - nodes_at_ >= kNodesEvery) {
-    const bool page = now - page_at_ >= kPageEvery;
-    if (!write_job_files(page, why)) throw std::runtime_error(why);
-    nodes_at_ = now;
-    if (page) page_at_ = now;
-  }
+  dirty_ = true;
+  if (gvex_wall_seconds() - nodes_at_ >= kNodesEvery && !write_job_files(false, why)) throw std::runtime_error(why);
 }
 
 bool Job::write_job_files(bool page, std::string& why) {
+  const double now = gvex_wall_seconds();
+  page = page || now - page_at_ >= kPageEvery;
   std::vector<std::pair<std::string, std::string>> coords;
   for (const MicRecord& r : records_) coords.push_back({r.mic, r.coords});
   std::string star = star_;
@@ -529,7 +547,12 @@ bool Job::write_job_files(bool page, std::string& why) {
   }
   if (!write_node_files(o_.out, star, coords, label_, why)) return false;
   gvex_test_stop_point("relion_nodes");
-  return !page || write_job_report(o_.out, records_, why);
+  nodes_at_ = now;
+  if (!page) return true;
+  if (!write_job_report(o_.out, records_, why)) return false;
+  page_at_ = now;
+  dirty_ = false;
+  return true;
 }
 
 int Job::run(std::string& why) {

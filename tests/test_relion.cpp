@@ -305,6 +305,10 @@ TEST(RelionJob, ContinuedAndKilledRunsEndWithTheSameFiles) {
     for (const std::string& w : job_args("J/", "list.txt")) cmd += " '" + w + "'";
     r = run_shell(cmd, RunOptions{p, 180});
     EXPECT_EQ(r.signal, SIGKILL) << r.out;
+    // What a kill in the middle of a write leaves.
+    make_dirs(p + "/J/pictures/");
+    write_text_file(p + "/J/m3_autopick.star.part", "_rlnCoordinateX");
+    write_text_file(p + "/J/pictures/m3.png.part", "");
     r = relion_in(p, job_args("J/", "list.txt"));
     EXPECT_EQ(r.status, 0) << r.err;
     EXPECT_EQ(files_of(p + "/J/"), want);
@@ -466,12 +470,15 @@ TEST(RelionJob, FollowsAGrowingInput) {
       "for n in 1024 1000000 2000000 3000000 4000000; do head -c $n m2.full >in/m2.mrc; sleep 0.5; done\n"
       "cat m2.full >in/m2.mrc; done_at=$(date +%s.%N)\n"
       "wait_for J/in/m2_autopick.star; seen_at=$(date +%s.%N)\n"
+      "n=0; until grep -q in/m2.mrc J/autopick.star || [ $n -gt 60 ]; do sleep 0.05; n=$((n+1)); done\n"
+      "kill -0 $job && grep -q in/m2.mrc J/autopick.star && echo listed while following\n"
       "wait $job; echo status $?; echo \"after $(echo $done_at $seen_at | awk '{print $2 - $1}') s\"\n",
       RunOptions{dir.path(), 120});
   const std::string out = read_text_file(dir.file("out.txt"));
   EXPECT_TRUE(contains(r.out, "status 0")) << r.out << out << read_text_file(dir.file("err.txt"));
   EXPECT_FALSE(contains(out, "skipped in/")) << out;
   EXPECT_TRUE(contains(out, "nothing new for 6 s")) << out;
+  EXPECT_TRUE(contains(r.out, "listed while following")) << r.out;  // downstream jobs see it at once
   const double after = std::stod(r.out.substr(r.out.find("after ") + 6));
   EXPECT_LT(after, 2 + 5.0) << "picks appeared " << after << " s after the file was complete";
   EXPECT_EQ(star_block(dir.file("J/autopick.star"), "coordinate_files").rows.size(), 2u);
