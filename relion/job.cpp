@@ -10,6 +10,7 @@
 #endif
 
 #include <chrono>
+#include <cerrno>
 #include <cmath>
 #include <condition_variable>
 #include <cstdarg>
@@ -314,11 +315,9 @@ std::pair<std::string, std::string> Job::link_for(const MicEntry& e) {
   if (it != links_.end()) return it->second;
   const std::string dir = work_dir_ + std::to_string(++work_counter_) + "/";
   const std::string link = dir + base_name(e.name);
-  mkdir(dir.c_str(), 0777);
-  if (symlink(absolute(e.name).c_str(), link.c_str()) != 0) {
-    // Without a link the session reads the micrograph itself; its own
-    // files then still go to the scratch folder by name.
-  }
+  // The session picks the micrograph under this name, so that what it
+  // writes beside it lands in the scratch folder. Empty: no link could be made.
+  if (mkdir(dir.c_str(), 0777) != 0 || symlink(absolute(e.name).c_str(), link.c_str()) != 0) return {"", dir};
   return links_[e.name] = {link, dir};
 }
 
@@ -394,6 +393,11 @@ void Job::pick_all(const std::vector<MicEntry>& todo, std::string& why, bool& fa
       continue;
     }
     const auto [link, work] = link_for(e);
+    if (link.empty()) {
+      skip(e, "cannot link it into " + work + ": " + strerror(errno));
+      remove_tree(work);
+      continue;
+    }
     if (!ensure_session(e, h, link, why)) {
       fatal = true;
       return;
