@@ -24,7 +24,7 @@ const Word kWords[] = {
     {"angle_step", "DEG", "in-plane angle step of the templates (default 5)"},
     {"speed", "0-4", "shrink of the micrographs before picking, 0 slowest (default 2)"},
     {"cutoff", "auto|X", "per micrograph automatic cut-off (default), or keep scores >= X"},
-    {"gpu", "ID", "GPU to pick on (RELION's \"0\" or \"0:1\": the first is used); default the best one"},
+    {"gpu", "ID", "GPU to pick on (RELION's \"0\" or \"0:1\": the first is used); empty or none: the best one"},
     {"extract_box", "PX", "leave out picks whose box of PX pixels would cross the micrograph's edge"},
     {"apix", "A", "pixel size of the micrographs, over what the input says"},
     {"follow", "", "keep watching the input and pick each new micrograph once it holds still"},
@@ -149,7 +149,7 @@ bool parse_job_options(const std::vector<std::string>& words, JobOptions& o, std
     if (!inline_value && next_free &&
         (!flag || (name == "follow" && (is_yes(words[i + 1]) || is_no(words[i + 1])))))
       value = words[++i];
-    else if (!inline_value && !flag)
+    else if (!inline_value && !flag && name != "gpu")  // RELION's empty GPU field: the default
       return why = "--" + name + " needs a value (" + w->value + ")", false;
     if (!take(name, value, o, why)) return false;
   }

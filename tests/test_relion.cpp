@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "relion/job_options.h"
+#include "relion/mic_input.h"
 #include "relion/relion_files.h"
 #include "support/e2e.h"
 #include "support/run.h"
@@ -129,6 +130,11 @@ TEST(RelionJob, CommandLineOfAnExternalJob) {
   EXPECT_EQ(o.cutoff, -0.25);
   EXPECT_EQ(o.gpu, 1);
   EXPECT_EQ(o.threads, 2);
+  JobOptions empty_gpu;
+  ASSERT_TRUE(parse_job_options({"--o", "J", "--in_mics", "m.star", "--diameter", "100", "--gpu", "--j", "1"},
+                                empty_gpu, why))
+      << why;
+  EXPECT_EQ(empty_gpu.gpu, -1);
   JobOptions named;
   ASSERT_TRUE(parse_job_options({"--o", "J", "--diameter", "100", "--follow", "a.mrc", "b.mrc"}, named, why));
   EXPECT_EQ(named.inputs, std::vector<std::string>({"a.mrc", "b.mrc"}));
@@ -253,6 +259,68 @@ TEST(RelionJob, StarFilesOfRelion30To5InAndTheFilesOf31To5Out) {
             "MicrographsCoords.star.relion.autopick");
   EXPECT_EQ(read_text_file(dir.file("External/job006/Movies/a_autopick.star")),
             read_text_file(job + "Movies/a_autopick.star"));
+
+  // A fixed cut-off, and boxes for extraction that must lie inside.
+  RunResult r = relion_in(dir.path(), {"--o", "External/job007/", "--in_mics", "mics30.star", "--diameter", "120",
+                                       "--settle", "0", "--cutoff", "0.9", "--extract_box", "300"});
+  ASSERT_EQ(r.status, 0) << r.err;
+  const std::string fixed = dir.file("External/job007/Movies/a_autopick.star");
+  EXPECT_TRUE(contains(read_text_file(fixed), "cut-off 0.900000 (given)"));
+  const Table kept = star_block(fixed, "");
+  EXPECT_GE(kept.rows.size(), 3u);
+  for (size_t i = 0; i < kept.rows.size(); i++) {
+    const double x = std::stod(column(kept, i, "rlnCoordinateX")), y = std::stod(column(kept, i, "rlnCoordinateY"));
+    EXPECT_GE(std::stod(column(kept, i, "rlnAutopickFigureOfMerit")), 0.9);
+    EXPECT_TRUE(x >= 150 && y >= 150 && x <= 1024 - 150 && y <= 1024 - 150) << x << " " << y;
+  }
+}
+
+// The micrographs STAR files RELION writes, as each version lays them out:
+// names as given, the pixel size of each micrograph's optics group (after
+// binning in motion correction), or RELION 3.0's detector pixel over
+// magnification.
+TEST(RelionJob, MicrographStarFileOfEachVersion) {
+  const std::string optics =
+      "data_optics\n\nloop_\n_rlnOpticsGroupName #1\n_rlnOpticsGroup #2\n_rlnMicrographOriginalPixelSize #3\n"
+      "_rlnVoltage #4\n_rlnMicrographPixelSize #5\nopticsGroup1 1 0.885000 300.0 1.770000\n"
+      "opticsGroup2 2 0.885000 300.0 0.885000\n\n";
+  const struct {
+    const char* version;
+    std::string text;
+    std::vector<std::pair<std::string, double>> want;
+  } cases[] = {
+      {"3.0",
+       "\ndata_\n\nloop_\n_rlnMicrographName #1\n_rlnCtfImage #2\n_rlnDetectorPixelSize #3\n_rlnMagnification #4\n"
+       "Micrographs/a.mrc Micrographs/a.ctf:mrc 14.0 100000.0\nMicrographs/b.mrc Micrographs/b.ctf:mrc 14.0 100000.0\n",
+       {{"Micrographs/a.mrc", 1.4}, {"Micrographs/b.mrc", 1.4}}},
+      {"3.1 and 4",
+       "# version 30001\n\n" + optics +
+           "# version 30001\n\ndata_micrographs\n\nloop_\n_rlnCtfPowerSpectrum #1\n_rlnMicrographName #2\n"
+           "_rlnMicrographMetadata #3\n_rlnOpticsGroup #4\n_rlnAccumMotionTotal #5\n"
+           "MotionCorr/job002/Movies/a_PS.mrc MotionCorr/job002/Movies/a.mrc MotionCorr/job002/Movies/a.star 1 16.4\n"
+           "MotionCorr/job002/Movies/b_PS.mrc MotionCorr/job002/Movies/b.mrc MotionCorr/job002/Movies/b.star 2 12.1\n",
+       {{"MotionCorr/job002/Movies/a.mrc", 1.77}, {"MotionCorr/job002/Movies/b.mrc", 0.885}}},
+      {"5",
+       "# version 50001\n\n" + optics +
+           "# version 50001\n\ndata_micrographs\n\nloop_\n_rlnMicrographName #1\n_rlnOpticsGroup #2\n"
+           "_rlnCtfImage #3\n_rlnDefocusU #4\n\"CtfFind/job003/Movies/a b.mrc\" 2 CtfFind/job003/Movies/a.ctf:mrc "
+           "10863.857422\n",
+       {{"CtfFind/job003/Movies/a b.mrc", 0.885}}},
+  };
+  for (const auto& c : cases) {
+    std::vector<MicEntry> got;
+    std::string why;
+    ASSERT_TRUE(mics_from_star(c.text, got, why)) << c.version << ": " << why;
+    ASSERT_EQ(got.size(), c.want.size()) << c.version;
+    for (size_t i = 0; i < got.size(); i++) {
+      EXPECT_EQ(got[i].name, c.want[i].first) << c.version;
+      EXPECT_NEAR(got[i].apix, c.want[i].second, 1e-9) << c.version;
+    }
+  }
+  std::vector<MicEntry> none;
+  std::string why;
+  EXPECT_FALSE(mics_from_star("data_particles\nloop_\n_rlnImageName #1\n1@p.mrcs\n", none, why));
+  EXPECT_TRUE(contains(why, "_rlnMicrographName")) << why;
 }
 
 // A rerun with the same --o picks only what is new and rewrites the node
