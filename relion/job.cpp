@@ -230,7 +230,8 @@ bool Job::check_settings(std::string& why) {
   for (const auto& s : picking_settings(o_)) now.rows.push_back({s.first, s.second});
   std::vector<StarTable> before;
   std::string ignored;
-  if (star_read_file(path, before, ignored) && !before.empty()) {
+  // Settings bind a job once it has picked something.
+  if (!records_.empty() && star_read_file(path, before, ignored) && !before.empty()) {
     for (const auto& row : before[0].rows)
       for (const auto& cur : now.rows)
         if (row.size() == 2 && row[0] == cur[0] && row[1] != cur[1])
@@ -560,10 +561,11 @@ bool Job::write_job_files(bool page, std::string& why) {
 }
 
 int Job::run(std::string& why) {
-  if (!open_folder(why) || !check_settings(why)) return kFailure;
+  if (!open_folder(why)) return kFailure;
   std::vector<std::string> bad;
   records_ = records_in(o_.out + "records/", bad);
   for (const std::string& b : bad) say("warning: %s; that micrograph is picked again\n", b.c_str());
+  if (!check_settings(why)) return kFailure;
   for (const MicRecord& r : records_) {
     done_.insert(r.mic);
     coords_owner_[r.coords] = r.mic;

@@ -179,7 +179,7 @@ std::string job_usage(const char* prog) {
   s += "\nWith --follow it ends when DIR/RELION_JOB_ABORT_NOW appears (RELION's abort), when DIR/STOP\n"
        "appears (a normal end), or after --follow_idle seconds without a new micrograph.\n"
        "\nExit status: 0 success (RELION_JOB_EXIT_SUCCESS), 1 failure (RELION_JOB_EXIT_FAILURE),\n"
-       "2 a wrong command line (RELION_JOB_EXIT_FAILURE when --o was given), 3 aborted\n"
+       "2 a wrong command line (RELION_JOB_EXIT_FAILURE when the folder of --o exists), 3 aborted\n"
        "(RELION_JOB_EXIT_ABORTED).\n";
   return s;
 }
