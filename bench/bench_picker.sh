@@ -118,3 +118,28 @@ run() {
 
 run a 1 1
 run b 4 72 --T templates.mrcs --apixT $APIX
+
+# (c) Run (b) with host plans from FFTW wisdom: gvexmatch_tune measures the
+# plans of such a run, bench_session picks WISDOM_MICROGRAPHS copies planning
+# from it, against the FFT work with measured plans. Host back end only.
+TUNE=$BUILD/tune/gvexmatch_tune
+SESSION=$BUILD/bench/bench_session
+if [ -x "$TUNE" ] && [ -x "$SESSION" ] && ! grep -q '^Running on GPU' run_b.log; then
+  nw=${WISDOM_MICROGRAPHS:-12}
+  "$TUNE" wisdom.wis --apixM $APIX --diameter $DIAMETER --T templates.mrcs --apixT $APIX mic.mrc >tune.log
+  "$FFT" --n $N --measure --benchmark_format=csv --benchmark_min_time=0.5 2>/dev/null >fftm.csv
+  mms() { awk -F, -v name="\"$1/$2/real_time\"" '$1 == name { print $3 }' fftm.csv; }
+  mics=""
+  for i in $(seq 1 "$nw"); do cp mic.mrc "c_$i.mrc"; mics="$mics c_$i.mrc"; done
+  "$SESSION" --fftw_wisdom wisdom.wis --apixM $APIX --diameter $DIAMETER --T templates.mrcs --apixT $APIX $mics >session.log
+  echo
+  echo "(c) as (b), plans from wisdom [$nw micrographs]: $(head -1 session.log)"
+  awk -v r2c_n="$(mms BM_BareR2C $N)" -v c2r_n="$(mms BM_BareC2R $N)" -v r2c_2n="$(mms BM_BareR2C $((2 * N)))" \
+      -v pair_2n="$(mms BM_BarePair $((2 * N)))" -v nw="$nw" '
+    /^steady/ {
+      fft = (4 * pair_2n + 2 * r2c_2n + 4 * (r2c_n + 72 * c2r_n)) / 1000
+      printf "  bare FFT work per micrograph, measured plans: %.3fs\n", fft
+      printf "  steady state / measured FFT work  %5.2f   (%.3fs)\n", $2 / fft, $2
+      printf "  run per micrograph / measured FFT work %5.2f   (total %.3fs for %d, preparation %.3fs)\n", $8 / nw / fft, $8, nw, $6
+    }' session.log
+fi

@@ -7,10 +7,14 @@
 // dynamic team). On a GPU: cuFFT through the program's plan object, whose
 // calls are the library call and a device synchronisation.
 //
-//   bench_picker_fft --n N [--store-mib MIB] [Google Benchmark flags]
+// With --measure the host plans are measured (FFTW_MEASURE): the floor a run
+// planning from wisdom can reach.
+//
+//   bench_picker_fft --n N [--store-mib MIB] [--measure] [Google Benchmark flags]
 #include <benchmark/benchmark.h>
 #include <fftw3.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <random>
@@ -21,6 +25,8 @@
 #include "gpu/device.h"
 
 namespace {
+
+unsigned g_rigor = FFTW_ESTIMATE;
 
 #if defined(GVEX_FFTW_THREADS)
 // FFTW's parallel loops on OpenMP threads, as the program runs them.
@@ -45,8 +51,10 @@ class Bare {
     fftwf_threads_set_callback(omp_loop, nullptr);
     fftwf_plan_with_nthreads(gvex_fft_plan_jobs(n, n));
 #endif
-    fwd_ = fftwf_plan_dft_r2c_2d(n, n, r_, c_, FFTW_ESTIMATE);
-    inv_ = fftwf_plan_dft_c2r_2d(n, n, c_, back_, FFTW_ESTIMATE | FFTW_DESTROY_INPUT);
+    std::vector<float> keep(r_, r_ + nr);  // measuring overwrites the arrays
+    fwd_ = fftwf_plan_dft_r2c_2d(n, n, r_, c_, g_rigor);
+    inv_ = fftwf_plan_dft_c2r_2d(n, n, c_, back_, g_rigor | FFTW_DESTROY_INPUT);
+    std::copy(keep.begin(), keep.end(), r_);
   }
   ~Bare() {
     fftwf_destroy_plan(fwd_);
@@ -153,6 +161,10 @@ int main(int argc, char** argv) {
   for (int i = 0; i < argc; i++) {
     if (i > 0 && !strcmp(argv[i], "--n") && i + 1 < argc) {
       n = atoi(argv[++i]);
+      continue;
+    }
+    if (i > 0 && !strcmp(argv[i], "--measure")) {
+      g_rigor = FFTW_MEASURE;
       continue;
     }
     if (i > 0 && !strcmp(argv[i], "--store-mib") && i + 1 < argc) {

@@ -52,3 +52,17 @@ std::string gvex_module_name(const char* path) {
   const char* dot = strchr(base, '.');
   return dot ? std::string(base, dot) : std::string(base);
 }
+
+static thread_local unsigned long g_last_request = 0;
+
+void gvex_note_request(unsigned long bytes) { g_last_request = bytes; }
+unsigned long gvex_last_request() { return g_last_request; }
+
+GvexFailure gvex_out_of_memory(const char* func, const char* module, int line, const std::string& during) {
+  const std::string why =
+      "out of memory " + during + " (" + std::to_string(gvex_last_request()) + " bytes asked for)";
+  GvexFailure f;
+  f.text = gvex_fatal_line(func, module, line, why.c_str());
+  f.status = 1;
+  return f;
+}

@@ -4,6 +4,7 @@
 // on (fuzz targets, tests, companions) catch it in-process.
 #pragma once
 #include <exception>
+#include <new>
 #include <string>
 
 struct GvexFailure : std::exception {
@@ -18,13 +19,25 @@ struct GvexFailure : std::exception {
 // Prints a failure where it belongs and returns its exit status.
 int gvex_report_failure(const GvexFailure& f);
 
-// Runs a program body, turning a failure into its printed lines and status.
+// The size of the last large allocation asked for, for the message that
+// says memory ran out (allocators note it before asking).
+void gvex_note_request(unsigned long bytes);
+unsigned long gvex_last_request();
+// "Error in function %s(), file %s on line %d: out of memory <while> (N
+// bytes asked for)! Exit now!\n", status 1.
+GvexFailure gvex_out_of_memory(const char* func, const char* module, int line, const std::string& during);
+
+// Runs a program body, turning a failure into its printed lines and status;
+// memory that runs out where no caller said what it was for still ends
+// with a line and status 1, not an abort.
 template <class F>
 int gvex_run_main(F&& body) {
   try {
     return body();
   } catch (const GvexFailure& f) {
     return gvex_report_failure(f);
+  } catch (const std::bad_alloc&) {
+    return gvex_report_failure(gvex_out_of_memory("main", "gvexmatch56", 0, "in the run"));
   }
 }
 

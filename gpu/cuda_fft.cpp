@@ -4,6 +4,7 @@
 #include "gpu/cuda_fft.h"
 
 #include <fftw3.h>
+#include <unistd.h>
 
 #include <cstring>
 #include <map>
@@ -13,6 +14,7 @@
 #include <omp.h>
 #endif
 
+#include "common/atomic_file.h"
 #include "gpu/device.h"
 #include "gpu/device_cuda.h"
 #include "gpu/launch.h"
@@ -66,6 +68,83 @@ void gvex_fftw_plan_serial() {
 #if defined(GVEX_FFTW_THREADS)
   fftwf_plan_with_nthreads(1);
 #endif
+}
+
+// ---- planning ----
+
+namespace {
+enum class Planning { estimated, from_wisdom, measured };
+Planning g_planning = Planning::estimated;
+std::string g_wisdom_path;
+long g_found = 0, g_asked = 0;
+
+bool import_wisdom(const std::string& path, std::string& why) {
+  // The threads' solvers must be registered first: wisdom only matches the
+  // planner configuration it was made with.
+  host_fft_threads_init();
+  int ok;
+  if (path.empty()) {
+    ok = fftwf_import_system_wisdom();
+    if (!ok) why = "no FFTW system wisdom (/etc/fftw/wisdomf)";
+  } else {
+    FILE* fp = fopen(path.c_str(), "r");
+    ok = fp && fftwf_import_wisdom_from_file(fp);
+    if (fp) fclose(fp);
+    if (!ok) why = "cannot read FFTW wisdom from " + path;
+  }
+  return ok != 0;
+}
+}  // namespace
+
+bool gvex_fft_plans_from_wisdom(const std::string& path, std::string& why) {
+  if (!import_wisdom(path, why)) return false;
+  g_planning = Planning::from_wisdom;
+  g_wisdom_path = path.empty() ? "/etc/fftw/wisdomf" : path;
+  return true;
+}
+
+bool gvex_fft_plans_measured(const std::string& path, std::string& why) {
+  if (!path.empty() && access(path.c_str(), F_OK) == 0 && !import_wisdom(path, why)) return false;
+  g_planning = Planning::measured;
+  return true;
+}
+
+bool gvex_fft_write_wisdom(const std::string& path) {
+  PartFile f(path.c_str(), "w");
+  if (!f.fp()) return false;
+  fftwf_export_wisdom_to_file(f.fp());
+  return f.commit();
+}
+
+std::string gvex_fft_plans_text() {
+  switch (g_planning) {
+    case Planning::measured:
+      return "measured";
+    case Planning::from_wisdom:
+      return "from wisdom " + g_wisdom_path +
+             (g_asked ? " (" + std::to_string(g_found) + " of " + std::to_string(g_asked) + " found there, the rest estimated)"
+                      : " (shapes it lacks are estimated)");
+    default:
+      return "estimated";
+  }
+}
+
+void* gvex_fftw_make_plan(void* (*make)(unsigned flags, void* arg), void* arg, unsigned extra) {
+  switch (g_planning) {
+    case Planning::measured:
+      return make(FFTW_MEASURE | extra, arg);
+    case Planning::from_wisdom: {
+      g_asked++;
+      // Measured plans, but only as the wisdom has them: nothing is timed.
+      if (void* p = make(FFTW_MEASURE | FFTW_WISDOM_ONLY | extra, arg)) {
+        g_found++;
+        return p;
+      }
+      return make(FFTW_ESTIMATE | extra, arg);
+    }
+    default:
+      return make(FFTW_ESTIMATE | extra, arg);
+  }
 }
 
 static bool aligned(const void* p) { return fftwf_alignment_of((float*)p) == 0; }
@@ -136,8 +215,23 @@ void FftPlan2d::make(bool forward) {
 #if defined(GVEX_FFTW_THREADS)
   fftwf_plan_with_nthreads(jobs_);
 #endif
-  fftwf_plan p = forward ? fftwf_plan_dft_r2c_2d(ny_, nx_, r, c, FFTW_ESTIMATE)
-                         : fftwf_plan_dft_c2r_2d(ny_, nx_, c, r, FFTW_ESTIMATE | FFTW_DESTROY_INPUT);
+  struct Args {
+    int nx, ny;
+    float* r;
+    fftwf_complex* c;
+  } a{nx_, ny_, r, c};
+  fftwf_plan p = forward ? (fftwf_plan)gvex_fftw_make_plan(
+                               [](unsigned f, void* v) -> void* {
+                                 Args* a = (Args*)v;
+                                 return fftwf_plan_dft_r2c_2d(a->ny, a->nx, a->r, a->c, f);
+                               },
+                               &a, 0)
+                         : (fftwf_plan)gvex_fftw_make_plan(
+                               [](unsigned f, void* v) -> void* {
+                                 Args* a = (Args*)v;
+                                 return fftwf_plan_dft_c2r_2d(a->ny, a->nx, a->c, a->r, f);
+                               },
+                               &a, FFTW_DESTROY_INPUT);
   fftwf_free(r);
   fftwf_free(c);
   if (!p) gvex_check_fft(FFT_SETUP_FAILED, __FILE__, __LINE__);

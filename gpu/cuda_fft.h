@@ -18,6 +18,8 @@
 #pragma once
 #include <math.h>
 
+#include <string>
+
 #include "common/hd.h"
 
 // Alignment, in bytes, that cuFFT's arrays keep: others are staged. A
@@ -116,6 +118,29 @@ int gvex_fft_plan_jobs(int nx, int ny);
 // alone (for code that runs many small plans inside its own parallel loop).
 // Main thread only, like every planner call.
 void gvex_fftw_plan_serial();
+
+// ---- how the host back end plans ----
+// By default plans are estimated: every bit of a result is fixed by the
+// shape alone. Measured plans are faster; FFTW records them as wisdom,
+// which a later run can plan from without timing anything, so that the same
+// wisdom gives the same bits. Switch before any plan is made (or clear the
+// plan caches first).
+//
+// Plans from the wisdom at path ("" for FFTW's system wisdom); a shape the
+// wisdom lacks is estimated. False, with why, when it cannot be read (plans
+// stay estimated).
+bool gvex_fft_plans_from_wisdom(const std::string& path, std::string& why);
+// Plans measured now, for writing wisdom (gvexmatch_tune); the wisdom at
+// path is kept and added to when it exists.
+bool gvex_fft_plans_measured(const std::string& path, std::string& why);
+// Writes the wisdom gathered so far; false when the file cannot be written.
+bool gvex_fft_write_wisdom(const std::string& path);
+// How the plans are made, for a program's back-end line: "estimated",
+// "from wisdom FILE (N of M found there, the rest estimated)", "measured".
+std::string gvex_fft_plans_text();
+// Makes a host plan under the current planning: make(flags) is called with
+// the planner flags (extra added), perhaps twice. Returns the plan (fftwf_plan).
+void* gvex_fftw_make_plan(void* (*make)(unsigned flags, void* arg), void* arg, unsigned extra);
 
 // ---- whole transforms on device arrays ----
 

@@ -217,6 +217,7 @@ static int host_alloc(void** p, unsigned long bytes) {
 }
 
 int gvex_device_alloc(void** p, unsigned long bytes) {
+  gvex_note_request(bytes);
 #if defined(GVEX_WITH_CUDA)
   if (g_on_gpu) return gvex_cuda::malloc_bytes(p, bytes);
 #endif

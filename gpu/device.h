@@ -4,6 +4,8 @@
 // are synchronous and end the process on failure with the same messages.
 #pragma once
 #include <new>
+
+#include "common/errors.h"
 #include <utility>
 
 // ---- device choice ----
@@ -119,6 +121,7 @@ class HostBuffer {
   void reset(unsigned long n) {
     HostBuffer fresh;
     void* p = nullptr;
+    gvex_note_request(n > ~0UL / sizeof(T) ? ~0UL : n * sizeof(T));
     if (n > ~0UL / sizeof(T) || !gvex_host_alloc(&p, n * sizeof(T), &fresh.pinned_)) throw std::bad_alloc();
     fresh.p_ = static_cast<T*>(p);
     fresh.n_ = n;

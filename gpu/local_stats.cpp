@@ -9,7 +9,8 @@
 
 #include "gpu/cuda_fft.h"
 #include "gpu/device.h"
-#include "gpu/hm_math.h"
+#include "common/host_image.h"
+#include "common/hm_math.h"
 #include "gpu/img_filter.h"
 #include "gpu/launch.h"
 #include "gpu/math_utils.h"
@@ -23,28 +24,6 @@ void hcuda_2d_generate_rmask_soft(float* d_mask, int nx, int ny, float cx, float
   });
 }
 
-void cpu_2d_generate_rmask_soft(float* mask, int nx, int ny, float cx, float cy, float r, float w) {
-  const float rw = r + w;
-  const float s = w / 3.0f;
-  for (int y = 0; y < ny; y++)
-    for (int x = 0; x < nx; x++) {
-      const float dx = (float)x - cx, dy = (float)y - cy;
-      const float d2 = dx * dx + dy * dy;
-      float v;
-      if (d2 > rw * rw)
-        v = 0.0f;
-      else if (d2 <= r * r)
-        v = 1.0f;
-      else {
-        const float e = sqrtf(d2) - r;
-        if (s == 0.0f)
-          v = e == 0.0f ? 1.0f : 0.0f;
-        else
-          v = expf(-(e * e) / (2.0f * s * s));
-      }
-      mask[y * nx + x] = v;
-    }
-}
 
 // ---- the transformed disc, kept per padded shape and radii ----
 
@@ -174,24 +153,3 @@ void hcuda_2d_local_ave_sigma_softR_mpad(float* d_ave, float* d_sigma, const flo
   local_mean_from_product(plan, P, ad.sum, d_ave, nx, ny);
 }
 
-void cpu_2d_normz_withRmask_applymask_inplace(float* p, int nx, int ny, float cx, float cy, float r, float w) {
-  if (nx <= 0 || ny <= 0) return;
-  const unsigned long n = (unsigned long)nx * ny;
-  std::vector<float> mask(n);
-  cpu_2d_generate_rmask_soft(mask.data(), nx, ny, cx, cy, r, w);
-  // An empty mask only warns here; the divisions below then give NaN/inf.
-  const double M = hm_sum_check0(mask.data(), n);
-  double m = 0.0;
-  for (unsigned long i = 0; i < n; i++) m += (double)p[i] * mask[i];
-  m /= M;
-  double ss = 0.0;
-  for (unsigned long i = 0; i < n; i++) {
-    const double d = (double)p[i] - m;
-    ss += mask[i] * d * d;
-  }
-  const double s = sqrt(ss / M);
-  for (unsigned long i = 0; i < n; i++) {
-    p[i] = (float)(((double)p[i] - m) / s);
-    p[i] = p[i] * mask[i];
-  }
-}

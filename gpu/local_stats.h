@@ -7,10 +7,10 @@
 #include "common/hd.h"
 
 // Soft disc with centre (cx, cy), inner radius r and edge width w: 1 inside
-// r, 0 beyond r + w, a Gaussian edge of sigma w/3 between. The device form
-// starts its edge at 0.3989423 (a step at r); the host form is continuous.
+// r, 0 beyond r + w, a Gaussian edge of sigma w/3 between. This device form
+// starts its edge at 0.3989423 (a step at r); the host form
+// (common/host_image.h) is continuous.
 void hcuda_2d_generate_rmask_soft(float* d_mask, int nx, int ny, float cx, float cy, float r, float w);
-void cpu_2d_generate_rmask_soft(float* mask, int nx, int ny, float cx, float cy, float r, float w);
 
 // Local weighted mean of in over a soft disc of radius r, edge w, on the
 // 2nx x 2ny mirror-padded image with periodic wrap. The disc's centre is
@@ -25,10 +25,6 @@ void hcuda_2d_bg_mpad(float* d_out, const float* d_in, int nx, int ny, float r, 
 void hcuda_2d_local_ave_sigma_softR_mpad(float* d_ave, float* d_sigma, const float* d_in, int nx, int ny,
                                          float r_ave, float r_sigma, float w);
 
-// Host: normalise p to zero mean and unit deviation under the host soft
-// disc (double arithmetic), then multiply it by the disc. An empty disc
-// warns and yields NaN or infinities.
-void cpu_2d_normz_withRmask_applymask_inplace(float* p, int nx, int ny, float cx, float cy, float r, float w);
 
 // The local means keep the transformed disc of the last radii used (it is
 // the same for every image of a run); this releases it.

@@ -6,21 +6,6 @@
 #pragma once
 #include "common/hd.h"
 
-// ---- shrinking (host) ----
-// Block mean by f to (nx/f) x (ny/f); f = 1 copies, f < 1 prints an error
-// line and leaves out untouched (the run goes on).
-void cpu_2d_meanshrink(float* out, const float* in, int nx, int ny, int f);
-// The same for nz stacked images.
-void cpu_2ds_meanshrink(float* out, const float* in, int nx, int ny, int nz, int f);
-// Block mean by f to nxo = (nx/(2f))*2 by nyo = (ny/(2f))*2, written with
-// row stride S = max(nxo, nyo) into an S x S buffer and mirror-filled.
-void cpu_2d_meanshrink_extended_even_square(float* out, const float* in, int nx, int ny, int f);
-// Output sizes of the even square shrink.
-inline int hd_even_shrink_size(int n, int f) { return (n / (2 * f)) * 2; }
-// Fill the square max(nx, ny) buffer holding an nx x ny image by mirroring
-// about its last row (wide) or last column (tall); fatal when one side is at
-// least twice the other.
-void cpu_2d_extend_to_square_mirror_inplace(float* p, int nx, int ny);
 
 // ---- bilinear sampling, shared by scaling and rotation ----
 // 0 outside [0, nx-1] x [0, ny-1]; at an integer coordinate the neighbour is
@@ -58,12 +43,6 @@ void gpu_2ds_scale(float* out, const float* in, int nx, int ny, int nz, float fa
 // Rotate by angle degrees about ((nx-1)/2, (ny-1)/2); sources outside give 0.
 void hcuda_2d_rotate(const float* d_in, float* d_out, int nx, int ny, float angle);
 
-// ---- paste and cut ----
-// large[(y + (NY-ny)/2)*NX + x + (NX-nx)/2] = small[y*nx + x]; nothing else
-// of large is written. A small image larger than the large one is fatal.
-// Host window with top-left corner (x0, y0) of large; zeros outside large.
-void cpu_x2d_extract_small_from_large(float* small, int nx, int ny, const float* large, int NX, int NY, int x0,
-                                      int y0);
 
 // ---- whole-image fills (device) ----
 void hcuda_2d_divide_inplace(float* d_p, int nx, int ny, float s);  // true division

@@ -9,6 +9,7 @@
 #include "common/atomic_file.h"
 #include "common/errors.h"
 #include "common/owned.h"
+#include "common/regular_file.h"
 #include "io/io_messages.h"
 #include "io/star_keywords.h"
 
@@ -177,8 +178,10 @@ int get_boxf_suffixf(const char* name) {
 }
 
 int read_all_ptcl_boxes(PTCL_BOX* boxes, int max, const char* name) {
-  OwnedFile file(fopen(name, "r"));
+  const char* what = "";
+  OwnedFile file(gvex_open_regular(name, &what));
   FILE* fp = file.get();
+  if (!fp && *what) gvex_not_a_file("coordinate file", name, what, "read_all_ptcl_boxes", gvex_module, __LINE__);
   if (!fp) gvex_open_read_failed(name, "read_all_ptcl_boxes", gvex_module, __LINE__);
   if (max > 0) empty_all_ptcl_boxes(boxes, max);
   const int kind = get_boxf_suffixf(name);

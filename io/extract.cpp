@@ -4,10 +4,10 @@
 #include <cstdlib>
 #include <vector>
 
+#include "common/host_image.h"
 #include "common/errors.h"
 #include "common/owned.h"
-#include "gpu/hm_math.h"
-#include "gpu/resample.h"
+#include "common/hm_math.h"
 #include "io/boxfile.h"
 #include "io/io_messages.h"
 #include "io/mrcfile.h"

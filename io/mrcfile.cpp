@@ -15,10 +15,10 @@
 
 #include "common/atomic_file.h"
 #include "common/owned.h"
+#include "common/regular_file.h"
 #include "common/errors.h"
 #include "common/records.h"
-#include "gpu/hm_math.h"
-#include "gpu/resample.h"
+#include "common/hm_math.h"
 #include "io/io_messages.h"
 
 namespace {
@@ -293,7 +293,9 @@ int read_all_named(FILE* fp, const MRC_HEAD* head, float* out, bool check, const
 }
 
 FILE* open_read(const char* name, const char* func, int line) {
-  FILE* fp = fopen(name, "r");
+  const char* kind = "";
+  FILE* fp = gvex_open_regular(name, &kind);
+  if (!fp && *kind) gvex_not_a_file("MRC file", name, kind, func, gvex_module, line);
   if (!fp) gvex_open_read_failed(name, func, gvex_module, line);
   return fp;
 }
@@ -487,6 +489,24 @@ int mrc_read_slice(FILE* fp, const MRC_HEAD* head, int n, char axis, float* out,
   char buf[NAME_BUF];
   return read_slice_named(fp, head, n, axis, out, float16, io_stream_name(fp, buf, sizeof buf), "mrc_read_slice",
                           __LINE__);
+}
+
+int mrc_read_stack(FILE* fp, const MRC_HEAD* head, float* out) {
+  char buf[NAME_BUF];
+  const char* name = io_stream_name(fp, buf, sizeof buf);
+  if (!mrc_mode_is_readable(head->mode)) return 0;
+  long bytes = 0;
+  if (!data_bytes(head, mrc_mode_element_size(head->mode), bytes))
+    io_fatalf("mrc_read_stack", gvex_module, __LINE__, "file %s has the invalid image size %d x %d x %d in its header",
+              name, head->nx, head->ny, head->nz);
+  const long fsize = get_file_size(fp);
+  if (fsize >= 0 && fsize - HEAD_BYTES < bytes)
+    io_fatalf("mrc_read_stack", gvex_module, __LINE__, "file %s is too short for %d x %d x %d %s", name, head->nx,
+              head->ny, head->nz, element_words(head->mode));
+  const size_t count = (size_t)head->nx * (size_t)head->ny * (size_t)head->nz;
+  if (fseek(fp, HEAD_BYTES, SEEK_SET) != 0 || !read_elements(fp, head->mode, true, count, out))
+    read_failed(name, "mrc_read_stack", __LINE__);
+  return 0;
 }
 
 // ---------------------------------------------------------------------------

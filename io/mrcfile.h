@@ -85,6 +85,8 @@ int mrc_check_fsize(FILE* fp, const MRC_HEAD* head);
 // One plane along axis 'x', 'y' or 'z' (either case); n is the plane number.
 // float16: mode 12 is read too.
 int mrc_read_slice(FILE* fp, const MRC_HEAD* head, int n, char axis, float* out, bool float16 = false);
+// Every z plane at once, converted as the slice reader converts them.
+int mrc_read_stack(FILE* fp, const MRC_HEAD* head, float* out);
 
 // ---- reading by file name (open failures are fatal) ----
 MRC_HEAD* get_mrcf_head(const char* name);

@@ -62,7 +62,7 @@ PicksRead picks_read(const std::string& path, int box, std::vector<Pick>& picks)
     Pick p;
     if (star && v.size() >= 5) {  // x y psi class score
       p.x = v[0], p.y = v[1], p.psi = (float)v[2], p.score = (float)v[4], p.w = p.h = box;
-      if (!sane(v[3], 1e9) || !sane(v[2], 1e6) || !std::isfinite(p.score) || !sane(p.x, PICKS_MAX_COORD) ||
+      if (!sane(v[3], 1e9) || !sane(v[2], 1e6) || !sane(v[4], PICKS_MAX_SCORE) || !sane(p.x, PICKS_MAX_COORD) ||
           !sane(p.y, PICKS_MAX_COORD)) {
         refuse(r, line_no);
         continue;
@@ -70,7 +70,7 @@ PicksRead picks_read(const std::string& path, int box, std::vector<Pick>& picks)
       p.cls = (int)v[3];
     } else if (!star && v.size() >= 7) {  // corner x y, w h, score, class, psi
       if (!sane(v[0], PICKS_MAX_COORD) || !sane(v[1], PICKS_MAX_COORD) || !sane(v[2], PICKS_MAX_COORD) ||
-          !sane(v[3], PICKS_MAX_COORD) || v[2] < 0 || v[3] < 0 || !std::isfinite((float)v[4]) || !sane(v[5], 1e9) ||
+          !sane(v[3], PICKS_MAX_COORD) || v[2] < 0 || v[3] < 0 || !sane(v[4], PICKS_MAX_SCORE) || !sane(v[5], 1e9) ||
           !sane(v[6], 1e6)) {
         refuse(r, line_no);
         continue;

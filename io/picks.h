@@ -40,6 +40,9 @@ struct PicksRead {
 // no detector is that large, and they would overflow the integers of every
 // downstream format.
 constexpr double PICKS_MAX_COORD = 1e7;
+// Scores are normalised correlations, a few units at most; beyond this a
+// line is damaged.
+constexpr double PICKS_MAX_SCORE = 1e6;
 
 // Reads a ".star" (centres; box is given to each pick) or ".box" (corners)
 // picks file written by the picker or a compatible program; lines that are

@@ -16,9 +16,11 @@ namespace {
 
 // The words of one line: quotes group (a quote ends at the same quote
 // followed by a blank or the line's end), '#' outside a word starts a
-// comment. False on an unterminated quote.
-bool split_line(const std::string& line, std::vector<std::string>& words) {
+// comment. quoted says which words were quoted: those are always values,
+// never a keyword or a label. False on an unterminated quote.
+bool split_line(const std::string& line, std::vector<std::string>& words, std::vector<bool>& quoted) {
   words.clear();
+  quoted.clear();
   size_t i = 0;
   const size_t n = line.size();
   while (i < n) {
@@ -30,11 +32,13 @@ bool split_line(const std::string& line, std::vector<std::string>& words) {
       while (j < n && !(line[j] == q && (j + 1 == n || isspace((unsigned char)line[j + 1])))) j++;
       if (j >= n) return false;
       words.push_back(line.substr(i + 1, j - i - 1));
+      quoted.push_back(true);
       i = j + 1;
     } else {
       size_t j = i;
       while (j < n && !isspace((unsigned char)line[j])) j++;
       words.push_back(line.substr(i, j - i));
+      quoted.push_back(false);
       i = j;
     }
   }
@@ -50,17 +54,19 @@ bool star_parse(const std::string& text, std::vector<StarTable>& blocks, std::st
   StarTable* t = nullptr;
   bool in_labels = false;  // inside a loop, before its first row
   std::vector<std::string> w;
+  std::vector<bool> quoted;
   long line_no = 0;
   for (std::string line; std::getline(in, line);) {
     line_no++;
     if (!line.empty() && line.back() == '\r') line.pop_back();
-    if (!split_line(line, w)) {
+    if (!split_line(line, w, quoted)) {
       why = at_line(line_no) + ": a quote is not closed";
       return false;
     }
     if (w.empty()) continue;
     const std::string& first = w[0];
-    if (first.compare(0, 5, "data_") == 0) {
+    const bool word = !quoted[0];  // a keyword or label, when it looks like one
+    if (word && first.compare(0, 5, "data_") == 0) {
       blocks.emplace_back();
       t = &blocks.back();
       t->name = first.substr(5);
@@ -72,7 +78,7 @@ bool star_parse(const std::string& text, std::vector<StarTable>& blocks, std::st
       why = at_line(line_no) + ": values before the first data_ block";
       return false;
     }
-    if (first == "loop_") {
+    if (word && first == "loop_") {
       if (!t->labels.empty()) {
         why = at_line(line_no) + ": a second loop in block data_" + t->name;
         return false;
@@ -81,7 +87,7 @@ bool star_parse(const std::string& text, std::vector<StarTable>& blocks, std::st
       in_labels = true;
       continue;
     }
-    if (first[0] == '_') {
+    if (word && !first.empty() && first[0] == '_') {
       if (t->loop && !in_labels) {
         why = at_line(line_no) + ": label " + first + " after the rows of block data_" + t->name;
         return false;

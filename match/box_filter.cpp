@@ -11,6 +11,7 @@
 #include <cstring>
 #include <vector>
 
+#include "common/atomic_file.h"
 #include "common/errors.h"
 #include "common/records.h"
 #include "io/boxfile.h"
@@ -132,11 +133,9 @@ void drop_excluded(int nx, int c, float scale, int2 origin, const char* excluded
 
 }  // namespace
 
-static std::vector<Pick> merge_candidates(int nx, int ny, float min_dist, float score_limit, float scale, int box_x,
-                                   int box_y, int2 origin, const char* in_file, const char* excluded_file) {
-  FILE* in = fopen(in_file, "r");
-  if (!in) gvex_open_read_failed(in_file, "box_filter", "boxfile", 331);
-
+// The merge of the candidates in `in` (closed here).
+static std::vector<Pick> merge_candidates(FILE* in, int nx, int ny, float min_dist, float score_limit, float scale,
+                                          int box_x, int box_y, int2 origin, const char* excluded_file) {
   const int c = (int)(1.4142135f * min_dist / 2);
   if (c < 1 || nx < 1 || ny < 1) {
     fclose(in);
@@ -178,8 +177,17 @@ static std::vector<Pick> merge_candidates(int nx, int ny, float min_dist, float 
   return picks;
 }
 
+std::vector<Pick> merge_candidate_text(const std::string& candidates, int nx, int ny, float min_dist,
+                                       float score_limit, float scale, int box_x, int box_y, int2 origin,
+                                       const char* excluded_file) {
+  std::string text = candidates.empty() ? "\n" : candidates;  // fmemopen takes no empty buffer
+  FILE* in = fmemopen(&text[0], text.size(), "r");
+  if (!in) GVEX_FAIL("out of memory for the candidates");
+  return merge_candidates(in, nx, ny, min_dist, score_limit, scale, box_x, box_y, origin, excluded_file);
+}
+
 void write_merged_picks(const char* out_file, const std::vector<Pick>& picks, bool star) {
-  FILE* out = fopen(out_file, "w+");
+  FILE* out = gvex_create_new(out_file, "w+");
   if (!out) gvex_open_write_failed(out_file, "box_filter", "boxfile", __LINE__);
   const bool ok = picks_write(out, picks, star);
   if (fclose(out) != 0 || !ok) gvex_open_write_failed(out_file, "box_filter", "boxfile", __LINE__);
@@ -188,8 +196,10 @@ void write_merged_picks(const char* out_file, const std::vector<Pick>& picks, bo
 std::vector<Pick> box_filter(int nx, int ny, float min_dist, float score_limit, float scale, int box_x, int box_y,
                              int2 origin, const char* in_file, const char* excluded_file, const char* out_file,
                              int format) {
+  FILE* in = fopen(in_file, "r");
+  if (!in) gvex_open_read_failed(in_file, "box_filter", "boxfile", 331);
   std::vector<Pick> picks =
-      merge_candidates(nx, ny, min_dist, score_limit, scale, box_x, box_y, origin, in_file, excluded_file);
+      merge_candidates(in, nx, ny, min_dist, score_limit, scale, box_x, box_y, origin, excluded_file);
   write_merged_picks(out_file, picks, format == 1);
   return picks;
 }

@@ -1,6 +1,7 @@
 // Merge of all templates' candidates of one micrograph into the final pick
 // file.
 #pragma once
+#include <string>
 #include <vector>
 
 #include "common/hd.h"
@@ -16,6 +17,12 @@
 std::vector<Pick> box_filter(int nx, int ny, float min_dist, float score_limit, float scale, int box_x, int box_y,
                              int2 origin, const char* in_file, const char* excluded_file, const char* out_file,
                              int format);
+
+// The same merge of candidates held in memory (the lines a candidate file
+// holds), without writing anything.
+std::vector<Pick> merge_candidate_text(const std::string& candidates, int nx, int ny, float min_dist,
+                                       float score_limit, float scale, int box_x, int box_y, int2 origin,
+                                       const char* excluded_file);
 
 // Writes picks as box_filter does: STAR form when star, box form otherwise;
 // a failed write is fatal, naming out_file.

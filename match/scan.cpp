@@ -91,7 +91,7 @@ int gvex_scan_batch(int nx, int ny, int n_angles, unsigned long bytes) {
 
 int vexmatch_ccmax_psi_by_one_template(float* mic, float* mask, float* ccmax, float* psi, int use_psi, int nx, int ny,
                                        float* T, int tnx, int tny, float R, float ang_start, float ang_end,
-                                       float ang_step, ScanWorkspace* ws) {
+                                       float ang_step, ScanWorkspace* ws, float* decoy) {
   if (nx < 1 || ny < 1 || tnx < 1 || tny < 1 || tnx > nx || tny > ny) {
     char why[200];
     snprintf(why, sizeof why, "template of %d x %d pixels cannot be scanned over a %d x %d working micrograph", tnx,
@@ -104,7 +104,7 @@ int vexmatch_ccmax_psi_by_one_template(float* mic, float* mask, float* ccmax, fl
   ScanState& w = ws->state(nx, ny);
   const unsigned long n = (unsigned long)nx * ny, tn = (unsigned long)tnx * tny;
 
-  ScanCall c{T, tnx, tny, &angles, nullptr, (float)(nx * ny), ccmax, use_psi && psi ? psi : nullptr};
+  ScanCall c{T, tnx, tny, &angles, nullptr, (float)(nx * ny), ccmax, use_psi && psi ? psi : nullptr, decoy};
   if (w.store.enabled()) {
     w.probe.resize(tn);
     gvex_check_copy(memcpy_D2H(w.probe.data(), T, tn * sizeof(float)), __FILE__, __LINE__);
@@ -112,6 +112,7 @@ int vexmatch_ccmax_psi_by_one_template(float* mic, float* mask, float* ccmax, fl
   }
   gvex_fft_plan(nx, ny).r2c(mic, w.M.get());
   hcuda_memset_float(ccmax, -INFINITY, n);
+  if (decoy) hcuda_memset_float(decoy, -INFINITY, n);
   if (!gvex_on_gpu() && nx % 2 == 0 && ny % 2 == 0) {
     scan_fused(w, c);
   } else {
@@ -131,12 +132,16 @@ int vexmatch_ccmax_psi_by_one_template(float* mic, float* mask, float* ccmax, fl
   const float s_mask = hcuda_fast_sum(mask, n);
   const float D = sqrtf(s_t * s_mic * A / s_mask);
 
-  // Only ccmax is re-centred: psi keeps the zero-shift-at-origin layout.
-  if (nx % 2 == 0 && ny % 2 == 0) {
-    swap_divide_inplace(ccmax, nx, ny, D);
-  } else {
-    hcuda_2d_swap_ccf_inplace(ccmax, nx, ny);
-    hcuda_2d_divide_inplace(ccmax, nx, ny, D);
+  // Only ccmax (and the decoy map) are re-centred: psi keeps the
+  // zero-shift-at-origin layout.
+  for (float* map : {ccmax, decoy}) {
+    if (!map) continue;
+    if (nx % 2 == 0 && ny % 2 == 0) {
+      swap_divide_inplace(map, nx, ny, D);
+    } else {
+      hcuda_2d_swap_ccf_inplace(map, nx, ny);
+      hcuda_2d_divide_inplace(map, nx, ny, D);
+    }
   }
   return 0;
 }

@@ -43,7 +43,7 @@ class ScanWorkspace {
 
  private:
   friend int vexmatch_ccmax_psi_by_one_template(float*, float*, float*, float*, int, int, int, float*, int, int, float,
-                                                float, float, float, ScanWorkspace*);
+                                                float, float, float, ScanWorkspace*, float*);
   ScanState& state(int nx, int ny);  // made anew, store emptied, when the size changes
   unsigned long budget_;
   int batch_;
@@ -55,7 +55,9 @@ class ScanWorkspace {
 // ang_end in steps of ang_step. mic and mask are nx x ny device images.
 // Prints one dot per angle and a newline. Returns 0. A template larger than
 // the image, or empty, is fatal. Without a workspace a temporary one
-// without spectrum store is used.
+// without spectrum store is used. When decoy is given it gets, at no more
+// than a comparison per pixel and angle, the map the same template with its
+// contrast the other way gives (bit for bit): the scores of a null model.
 int vexmatch_ccmax_psi_by_one_template(float* mic, float* mask, float* ccmax, float* psi, int use_psi, int nx, int ny,
                                        float* T, int tnx, int tny, float R, float ang_start, float ang_end,
-                                       float ang_step, ScanWorkspace* ws = nullptr);
+                                       float ang_step, ScanWorkspace* ws = nullptr, float* decoy = nullptr);

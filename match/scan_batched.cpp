@@ -33,13 +33,15 @@ void multconj_batch(const float2* M, const float2* F, float2* P, int nb, unsigne
 
 // The batch's maps folded into the running maximum in angle order: a later
 // angle wins only when strictly greater, as a per-angle loop would.
-void fold_batch(float* ccmax, float* psi, const float* cc, const float* angles, int nb, unsigned long n) {
+void fold_batch(float* ccmax, float* psi, float* decoy, const float* cc, const float* angles, int nb,
+                unsigned long n) {
   launch_1d(GVEX_SITE, n, GVEX_LAMBDA(int i) {
     for (int k = 0; k < nb; k++) {
       if (psi)
         cuda_update_ccmax_psi(ccmax, cc + (unsigned long)k * n, psi, angles[k], i);
       else
         cuda_update_ccmax(ccmax, cc + (unsigned long)k * n, i);
+      if (decoy) cuda_update_decoy(decoy, cc + (unsigned long)k * n, i);
     }
   });
 }
@@ -109,7 +111,7 @@ void scan_batched(ScanState& w, const ScanCall& c, int batch) {
     }
     multconj_batch(w.M.get(), F, w.P->get(), nb, w.spec_n, c.norm);
     w.plans->c2r(w.P->get(), w.cc->get(), nb);
-    fold_batch(c.ccmax, c.psi, w.cc->get(), w.trig->get() + 2 * w.batch, nb, n);
+    fold_batch(c.ccmax, c.psi, c.decoy, w.cc->get(), w.trig->get() + 2 * w.batch, nb, n);
     a = end;
   }
 }

@@ -16,14 +16,14 @@ void scan_fused(ScanState& w, const ScanCall& c) {
     printf(".");
     fflush(stdout);
     if (a < capacity && a < stored->filled) {
-      w.fused->fold(w.M.get(), stored->slot(a, w.spec_n), nullptr, c.norm, c.ccmax, c.psi, angles[a]);
+      w.fused->fold(w.M.get(), stored->slot(a, w.spec_n), nullptr, c.norm, c.ccmax, c.psi, angles[a], c.decoy);
       continue;
     }
     if (!w.rot || w.rot->size() < tn) w.rot.reset(new DeviceArray<float>(tn));
     hcuda_2d_rotate(c.T, w.rot->get(), c.tnx, c.tny, angles[a]);
     w.fused->paste(w.rot->get(), c.tnx, c.tny, (w.nx - c.tnx) / 2, (w.ny - c.tny) / 2);
     w.fused->fold(w.M.get(), nullptr, a < capacity ? stored->slot(a, w.spec_n) : nullptr, c.norm, c.ccmax, c.psi,
-                  angles[a]);
+                  angles[a], c.decoy);
     if (a < capacity) stored->filled = a + 1;
   }
 }

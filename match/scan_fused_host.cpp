@@ -51,6 +51,12 @@ struct FftwArray {
   FftwArray& operator=(const FftwArray&) = delete;
 };
 
+// A plan made under the run's planning (estimated, from wisdom, measured).
+template <class F>
+fftwf_plan planned(F make, unsigned extra) {
+  return (fftwf_plan)gvex_fftw_make_plan([](unsigned f, void* a) -> void* { return (*(F*)a)(f); }, &make, extra);
+}
+
 struct Plan {
   fftwf_plan p = nullptr;
   ~Plan() {
@@ -78,17 +84,26 @@ struct FusedScanHost::Impl {
     fftwf_complex* h = rowc[0]->p;
     float* r = rowr[0]->p;
     int n = ny;
-    col_fwd.p = fftwf_plan_many_dft(1, &n, COLS, c, nullptr, COLS, 1, c, nullptr, COLS, 1, FFTW_FORWARD, FFTW_ESTIMATE);
-    col_inv.p = fftwf_plan_many_dft(1, &n, COLS, c, nullptr, COLS, 1, c, nullptr, COLS, 1, FFTW_BACKWARD, FFTW_ESTIMATE);
+    col_fwd.p = planned([&](unsigned f) {
+      return fftwf_plan_many_dft(1, &n, COLS, c, nullptr, COLS, 1, c, nullptr, COLS, 1, FFTW_FORWARD, f);
+    }, 0);
+    col_inv.p = planned([&](unsigned f) {
+      return fftwf_plan_many_dft(1, &n, COLS, c, nullptr, COLS, 1, c, nullptr, COLS, 1, FFTW_BACKWARD, f);
+    }, 0);
     // The same inverse on COLS neighbouring columns of the half spectrum in
     // place, as the 2-D plan runs its column stage.
     fftwf_complex* hp = half.p;
-    col_inv_inplace.p = fftwf_plan_many_dft(1, &n, COLS, hp, nullptr, nxh, 1, hp, nullptr, nxh, 1, FFTW_BACKWARD,
-                                            FFTW_ESTIMATE);
-    n = nx;
-    row_r2c.p = fftwf_plan_many_dft_r2c(1, &n, ROWS, r, nullptr, 1, nx, h, nullptr, 1, nxh, FFTW_ESTIMATE);
-    row_c2r.p = fftwf_plan_many_dft_c2r(1, &n, ROWS, h, nullptr, 1, nxh, r, nullptr, 1, nx,
-                                        FFTW_ESTIMATE | FFTW_DESTROY_INPUT);
+    const int half_w = nxh, width = nx;
+    col_inv_inplace.p = planned([&](unsigned f) {
+      return fftwf_plan_many_dft(1, &n, COLS, hp, nullptr, half_w, 1, hp, nullptr, half_w, 1, FFTW_BACKWARD, f);
+    }, 0);
+    int m = nx;
+    row_r2c.p = planned([&](unsigned f) {
+      return fftwf_plan_many_dft_r2c(1, &m, ROWS, r, nullptr, 1, width, h, nullptr, 1, half_w, f);
+    }, 0);
+    row_c2r.p = planned([&](unsigned f) {
+      return fftwf_plan_many_dft_c2r(1, &m, ROWS, h, nullptr, 1, half_w, r, nullptr, 1, width, f);
+    }, FFTW_DESTROY_INPUT);
     if (!col_fwd.p || !col_inv.p || !col_inv_inplace.p || !row_r2c.p || !row_c2r.p) GVEX_FAIL("FFT plan creation failed");
   }
 
@@ -165,7 +180,8 @@ struct FusedScanHost::Impl {
 
   // Column stage of either kind, then the row stage, each block of rows
   // folded into the running maximum as it comes out.
-  void fold(const float2* M, const float2* F, float2* F_out, float s, float* ccmax, float* psi, float ang) {
+  void fold(const float2* M, const float2* F, float2* F_out, float s, float* ccmax, float* psi, float ang,
+            float* decoy) {
     grow();
     if (F) {
       columns_stored(M, F, s);
@@ -179,7 +195,9 @@ struct FusedScanHost::Impl {
     for (int r = 0; r < nr; r++) {
       const int y0 = r * ROWS, h = ny - y0 < ROWS ? ny - y0 : ROWS;
       const long i = (long)y0 * nx;
-      scan_host_fold_serial(ccmax + i, inverse_rows(y0), psi ? psi + i : nullptr, ang, (long)h * nx);
+      const float* rows = inverse_rows(y0);
+      scan_host_fold_serial(ccmax + i, rows, psi ? psi + i : nullptr, ang, (long)h * nx);
+      if (decoy) scan_host_fold_decoy_serial(decoy + i, rows, (long)h * nx);
     }
   }
 };
@@ -212,6 +230,6 @@ void FusedScanHost::paste(const float* t, int tnx, int tny, int px, int py) {
 }
 
 void FusedScanHost::fold(const float2* M, const float2* F, float2* F_out, float s, float* ccmax, float* psi,
-                         float ang) {
-  d_->fold(M, F, F_out, s, ccmax, psi, ang);
+                         float ang, float* decoy) {
+  d_->fold(M, F, F_out, s, ccmax, psi, ang, decoy);
 }

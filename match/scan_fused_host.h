@@ -30,9 +30,11 @@ class FusedScanHost {
 
   // cc = inverse transform of M * conj(F) / s (the 2-D plan's bits), folded
   // into the running maximum: where cc > ccmax, ccmax = cc and, when psi is
-  // given, psi = ang. Without F, F is the pasted template's spectrum,
-  // computed on the way and also written to F_out when that is given.
-  void fold(const float2* M, const float2* F, float2* F_out, float s, float* ccmax, float* psi, float ang);
+  // given, psi = ang; when decoy is given, -cc into its running maximum.
+  // Without F, F is the pasted template's spectrum, computed on the way and
+  // also written to F_out when that is given.
+  void fold(const float2* M, const float2* F, float2* F_out, float s, float* ccmax, float* psi, float ang,
+            float* decoy = nullptr);
 
  private:
   struct Impl;

@@ -41,6 +41,17 @@ __attribute__((target("avx2,fma"))) void update_psi_avx2(float* m, const float* 
   for (; i < e; i++) cuda_update_ccmax_psi(m, c, a, ang, i);
 }
 
+__attribute__((target("avx2,fma"))) void update_decoy_avx2(float* m, const float* c, long b, long e) {
+  const __m256 sign = _mm256_set1_ps(-0.0f);
+  long i = b;
+  for (; i + 8 <= e; i += 8) {
+    const __m256 v = _mm256_xor_ps(_mm256_loadu_ps(c + i), sign), old = _mm256_loadu_ps(m + i);
+    const __m256 up = _mm256_cmp_ps(v, old, _CMP_GT_OQ);
+    if (_mm256_movemask_ps(up)) _mm256_storeu_ps(m + i, _mm256_blendv_ps(old, v, up));
+  }
+  for (; i < e; i++) cuda_update_decoy(m, c, i);
+}
+
 bool simd_ok() {
   static const bool ok = __builtin_cpu_supports("avx2") && __builtin_cpu_supports("fma");
   return ok;
@@ -70,6 +81,10 @@ void scan_host_fold_serial(float* m, const float* c, float* a, float ang, long n
   if (simd_ok()) return a ? update_psi_avx2(m, c, a, ang, 0, n) : update_avx2(m, c, 0, n);
   for (long i = 0; i < n; i++) a ? cuda_update_ccmax_psi(m, c, a, ang, i) : cuda_update_ccmax(m, c, i);
 }
+void scan_host_fold_decoy_serial(float* m, const float* c, long n) {
+  if (simd_ok()) return update_decoy_avx2(m, c, 0, n);
+  for (long i = 0; i < n; i++) cuda_update_decoy(m, c, i);
+}
 #else
 bool scan_host_multconj(const float2*, const float2*, float2*, long, float) { return false; }
 void scan_host_multconj_serial(const float2* M, const float2* F, float2* P, long n, float s) {
@@ -77,5 +92,8 @@ void scan_host_multconj_serial(const float2* M, const float2* F, float2* P, long
 }
 void scan_host_fold_serial(float* m, const float* c, float* a, float ang, long n) {
   for (long i = 0; i < n; i++) a ? cuda_update_ccmax_psi(m, c, a, ang, i) : cuda_update_ccmax(m, c, i);
+}
+void scan_host_fold_decoy_serial(float* m, const float* c, long n) {
+  for (long i = 0; i < n; i++) cuda_update_decoy(m, c, i);
 }
 #endif

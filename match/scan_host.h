@@ -16,6 +16,12 @@ GVEX_HD inline void cuda_update_ccmax_psi(float* m, const float* c, float* a, fl
     a[i] = ang;
   }
 }
+// The decoy map's running maximum: of the negated correlation, which is
+// bit for bit what the template with its contrast the other way gives.
+GVEX_HD inline void cuda_update_decoy(float* m, const float* c, long i) {
+  const float v = -c[i];
+  if (v > m[i]) m[i] = v;
+}
 
 // Over n elements of host arrays: P = M * conj(F) / s, and the running
 // maximum without and with its angle. Each returns false, having done
@@ -27,3 +33,5 @@ bool scan_host_multconj(const float2* M, const float2* F, float2* P, long n, flo
 // falling back to the generic bodies without AVX2. a may be null.
 void scan_host_multconj_serial(const float2* M, const float2* F, float2* P, long n, float s);
 void scan_host_fold_serial(float* m, const float* c, float* a, float ang, long n);
+// The decoy map's fold (cuda_update_decoy over n elements).
+void scan_host_fold_decoy_serial(float* m, const float* c, long n);

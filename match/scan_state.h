@@ -52,6 +52,7 @@ struct ScanCall {
   float norm;              // nx * ny
   float* ccmax;
   float* psi;              // null: no angle map
+  float* decoy;            // null: no decoy map
 };
 
 // The workspace's state for one working size: the micrograph's spectrum,

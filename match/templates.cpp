@@ -6,12 +6,14 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "common/host_image.h"
 #include "common/errors.h"
 #include "common/owned.h"
+#include "common/regular_file.h"
 #include "common/records.h"
 #include "common/strutil.h"
 #include "gpu/device.h"
-#include "gpu/hm_math.h"
+#include "common/hm_math.h"
 #include "gpu/local_stats.h"
 #include "gpu/math_utils.h"
 #include "gpu/resample.h"
@@ -42,9 +44,37 @@ float* alloc_stack(long n) {
 
 }  // namespace
 
-float* get_template_data(int& nx, int& ny, int& nz, char* path) {
-  OwnedFile file(fopen(path, "r"));
+// Refusals of sizes that scaling by k and shrinking by shrink cannot take,
+// made from the header alone (a stack of millions of tiny templates is
+// refused before its pixels are read).
+static void check_scaled_sizes(const char* path, int nx, int ny, float k, int shrink) {
+  float fx = (float)nx, fy = (float)ny;
+  if (k != 1.0f) {
+    fx = (float)nx * k, fy = (float)ny * k;
+    if (!(fx >= 1.0f && fy >= 1.0f && fx <= (float)MAX_TEMPLATE_SIDE && fy <= (float)MAX_TEMPLATE_SIDE)) {
+      char why[GVEX_NAME_LEN + 200];
+      snprintf(why, sizeof why, "templates of %s (%d x %d) scaled by apixT/apixM = %g would be %g x %g pixels", path,
+               nx, ny, k, fx, fy);
+      gvex_fatal("get_or_create_template_data", gvex_module, __LINE__, why);
+    }
+    fx = (float)hd_scaled_size(nx, k), fy = (float)hd_scaled_size(ny, k);
+  }
+  if (shrink != 1 && (shrink < 1 || (int)fx / shrink < 1 || (int)fy / shrink < 1)) {
+    char why[GVEX_NAME_LEN + 200];
+    snprintf(why, sizeof why, "templates of %s (%d x %d at the micrograph pixel size) cannot be shrunk by %d", path,
+             (int)fx, (int)fy, shrink);
+    gvex_fatal("get_or_create_template_data", gvex_module, __LINE__, why);
+  }
+}
+
+// The stack's pixels, sized from its header (refused, naming the file,
+// when unreadable, of a mode that cannot be read or of sizes that do not fit
+// the file or what k and shrink make of them). Release with free().
+static float* read_template_stack(int& nx, int& ny, int& nz, char* path, float k, int shrink) {
+  const char* kind = "";
+  OwnedFile file(gvex_open_regular(path, &kind));
   FILE* fp = file.get();
+  if (!fp && *kind) gvex_not_a_file("template stack", path, kind, "get_template_data", gvex_module, 689);
   if (!fp) gvex_open_read_failed(path, "get_template_data", gvex_module, 689);
   MRC_HEAD head;
   mrc_read_head(fp, &head);
@@ -55,11 +85,12 @@ float* get_template_data(int& nx, int& ny, int& nz, char* path) {
     refuse_template_file(path, __LINE__, "declares unusable sizes", head);
   if (get_file_size(fp) < 1024 + lx * ly * lz * mrc_mode_element_size(head.mode))
     refuse_template_file(path, __LINE__, "is shorter than the pixels its header declares", head);
+  check_scaled_sizes(path, head.nx, head.ny, k, shrink);
   nx = head.nx;
   ny = head.ny;
   nz = head.nz;
   Owned<float> data(alloc_stack(lx * ly * lz));
-  for (int z = 0; z < nz; z++) mrc_read_slice(fp, &head, z, 'z', data.get() + (long)z * nx * ny);
+  mrc_read_stack(fp, &head, data.get());
   return data.release();
 }
 
@@ -85,8 +116,8 @@ float* get_or_create_template_data(int& nx, int& ny, int& nz, char* path, float 
                                    int shrink, float c) {
   if (is_str_null(path)) return create_template_data(nx, ny, nz, R, c);
 
-  float* data = get_template_data(nx, ny, nz, path);
   const float k = apixT / apixM;
+  float* data = read_template_stack(nx, ny, nz, path, k, shrink);
   if (k != 1.0f) {
     const float fx = (float)nx * k, fy = (float)ny * k;
     if (!(fx >= 1.0f && fy >= 1.0f && fx <= (float)MAX_TEMPLATE_SIDE && fy <= (float)MAX_TEMPLATE_SIDE)) {

@@ -4,12 +4,6 @@
 #pragma once
 #include <vector>
 
-// Reads every slice of the MRC stack at path (slice z at z*nx*ny); nx, ny, nz
-// from its header. Unreadable files, unreadable pixel modes and sizes that
-// do not fit the file end the process with a line naming the file. Release
-// with free().
-float* get_template_data(int& nx, int& ny, int& nz, char* path);
-
 // A soft disc of outer radius R: flat core of radius R*c, Gaussian edge of
 // width (1-c)*R (sigma a third of it), on an n x n square with
 // n = 4*trunc(R); nz = 1. R = 0.9 gives a 0 x 0 template.
@@ -21,7 +15,6 @@ float* create_template_data(int& nx, int& ny, int& nz, float R, float c);
 // the final sizes.
 float* get_or_create_template_data(int& nx, int& ny, int& nz, char* path, float R, float apixT, float apixM,
                                    int shrink, float c);
-
 
 // Normalisation type 2 of one slice, in place: pixels outside the disc of
 // radius R about the centre are zeroed, then the in-disc sum divided by the

@@ -74,7 +74,9 @@ void usage(const char* prog) {
          "Picks the micrographs with the options and outputs of gvexmatch, spread over K MPI ranks: rank 0\n"
          "hands out micrographs, the other ranks pick them (with K = 1 rank 0 picks alone). Each rank uses\n"
          "GPU (--gid + local rank) mod (GPUs on its node), or the host with its share of the node's cores.\n"
-         "A micrograph that cannot be picked is reported and skipped; the run then ends with status 1.\n\n"
+         "A micrograph that cannot be picked is reported and skipped; the run then ends with status 1.\n"
+         "On the host, FFT plans come from the FFTW wisdom of --fftw_wisdom FILE (written by gvexmatch_tune),\n"
+         "else of the file GVEX_FFTW_WISDOM names (none: estimated plans), else FFTW's system wisdom.\n\n"
          "gvexmatch's options:\n",
          prog);
   Quiet off(false);
@@ -122,6 +124,11 @@ void hand_out(int ranks, Progress& progress) {
     }
     MPI_Recv(&r, sizeof r, MPI_BYTE, MPI_ANY_SOURCE, TAG_RESULT, MPI_COMM_WORLD, &st);
     if (r.index >= 0) progress.finished(r.index, r.outcome, r.picks, r.seconds, r.reason);
+    // A name listed twice is picked once: two ranks would only race for it.
+    while (next < progress.total() && progress.listed_before(next)) {
+      progress.finished(next, OUTCOME_SKIPPED, 0, 0.0, "listed before");
+      next++;
+    }
     int work = next < progress.total() ? next++ : kStop;
     if (work == kStop) working--;
     MPI_Send(&work, 1, MPI_INT, st.MPI_SOURCE, TAG_WORK, MPI_COMM_WORLD);
@@ -141,6 +148,7 @@ void work(PickSession& session, const GVexMatch_Para& p, int rank) {
 
 int run_mpi(int argc, char** argv, int rank, int ranks, int local_rank, int local_ranks) {
   const char* prog = argv[0];
+  const std::string wisdom = gvex_take_wisdom_option(argc, argv);
   if (argc < 2 || is_keywd_help(argv[1])) {
     if (rank == 0) usage(prog);
     return argc < 2 ? 2 : 0;
@@ -157,7 +165,9 @@ int run_mpi(int argc, char** argv, int rank, int ranks, int local_rank, int loca
     if (gpus == 0) omp_set_num_threads(std::max(1, omp_get_num_procs() / local_ranks));
 #endif
     fputs(gvex_device_activate(gpus > 0 ? (p->gid + local_rank) % gpus : p->gid), stdout);
-    ref = gvexmatch_reference(*p, prog);
+    if (!gvex_on_gpu()) fputs(gvex_companion_wisdom(wisdom).c_str(), stdout);
+    // A damaged micrograph is reported at its turn; the next one serves.
+    ref = gvexmatch_reference(*p, prog, true);
   }
   Progress progress(p->mic_files, p->n_mic);
   PickSession session(derive(options_from_record(*p)));
@@ -184,6 +194,10 @@ int run_mpi(int argc, char** argv, int rank, int ranks, int local_rank, int loca
   if (!all_ok) gvex_throw("Another rank could not prepare the run; its messages went to its own output.\n");
   if (ranks == 1) {
     for (int i = 0; i < p->n_mic; i++) {
+      if (progress.listed_before(i)) {
+        progress.finished(i, OUTCOME_SKIPPED, 0, 0.0, "listed before");
+        continue;
+      }
       const Result r = pick_one(session, *p, i, rank);
       progress.finished(i, r.outcome, r.picks, r.seconds, r.reason);
     }

@@ -2,12 +2,18 @@
 
 #include <cstdio>
 #include <fstream>
+#include <set>
 
 #include "common/records.h"
 #include "io/mrcfile.h"
 #include "picker/timer.h"
 
-Progress::Progress(char** names, int n) : names_(names, names + n), start_(gvex_wall_seconds()) {}
+Progress::Progress(char** names, int n) : names_(names, names + n), repeated_(n, false), start_(gvex_wall_seconds()) {
+  std::set<std::string> seen;
+  for (int i = 0; i < n; i++) repeated_[i] = !seen.insert(names_[i]).second;
+}
+
+bool Progress::listed_before(int i) const { return repeated_[i]; }
 
 static std::string clock_text(double s) {
   const long t = s > 0 ? (long)(s + 0.5) : 0;
@@ -24,7 +30,7 @@ void Progress::finished(int index, int outcome, int picks, double seconds, const
     printf("[%d/%d] %s FAILED: %s\n", reported_, total(), name, reason);
   } else if (outcome == OUTCOME_SKIPPED) {
     skipped_++;
-    printf("[%d/%d] %s skipped (finished before)\n", reported_, total(), name);
+    printf("[%d/%d] %s skipped (%s)\n", reported_, total(), name, reason && *reason ? reason : "finished before");
   } else {
     done_++;
     picks_ += picks;

@@ -13,12 +13,15 @@ class Progress {
  public:
   Progress(char** names, int n);
   int total() const { return (int)names_.size(); }
+  // True when micrograph i's name came earlier in the list.
+  bool listed_before(int i) const;
   void finished(int index, int outcome, int picks, double seconds, const char* reason);
   // The summary and the failed micrographs; returns the exit status.
   int summary() const;
 
  private:
   std::vector<std::string> names_;
+  std::vector<bool> repeated_;
   std::vector<std::string> failed_;
   int done_ = 0, skipped_ = 0, reported_ = 0;
   long picks_ = 0;
@@ -28,5 +31,3 @@ class Progress {
 // One line from the printed text of a failure: lines joined, highlighting dropped.
 std::string gvex_failure_reason(const std::string& text);
 
-// Lines of the micrograph's "_vexmatch.box".
-int gvex_count_picks(const char* mic);

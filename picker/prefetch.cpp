@@ -7,7 +7,9 @@
 #include <omp.h>
 #endif
 
+#include "common/host_image.h"
 #include "common/owned.h"
+#include "common/regular_file.h"
 #include "gpu/resample.h"
 
 MicPrefetch::MicPrefetch(const MRC_HEAD& ref, int shrink, int ext, int threads, bool float16)
@@ -51,7 +53,8 @@ void MicPrefetch::read_now() {
 #endif
   if (shrink_ < 1) return;  // the shrink would complain, and that is the run's to say
   try {
-    OwnedFile fp(fopen(path_.c_str(), "r"));
+    const char* kind = "";
+    OwnedFile fp(gvex_open_regular(path_.c_str(), &kind));  // never waits on a FIFO
     struct stat before, after;
     if (!fp || fstat(fileno(fp.get()), &before) != 0) return;
     // The readers only throw here: what they would say is the run's to say.

@@ -10,8 +10,10 @@
 #include <string>
 #include <vector>
 
+#include "common/host_image.h"
 #include "common/atomic_file.h"
 #include "common/owned.h"
+#include "common/regular_file.h"
 #include "common/stop_point.h"
 #include "common/strutil.h"
 #include "gpu/device.h"
@@ -44,7 +46,7 @@ namespace {
 struct PartialFiles {
   std::vector<std::string> names;
   ~PartialFiles() {
-    for (const std::string& n : names) remove(n.c_str());
+    for (const std::string& n : names) unlink(n.c_str());  // a folder of that name is not ours
   }
 };
 
@@ -77,7 +79,8 @@ struct PickSession::Impl {
   // Host staging, page-locked on a GPU.
   HostBuffer<float> h_raw, h_shrunk, h_ccmax;
   bool shrunk_ready = false;  // h_shrunk already holds h_raw shrunk (read ahead)
-  std::unique_ptr<DeviceArray<float>> d_T, d_mic, d_mask, d_ccmax, d_psi;
+  std::unique_ptr<DeviceArray<float>> d_T, d_mic, d_mask, d_ccmax, d_psi, d_decoy;
+  std::string decoy_candidates;  // the decoys' "_nonunique.box" lines, kept in memory
   std::unique_ptr<DeviceArray<unsigned int>> d_grid;
   std::vector<PTCL_BOX> excluded;  // gx * gy records
   int n_excluded = 0;
@@ -92,6 +95,7 @@ struct PickSession::Impl {
   void read(const std::string& mic, const std::string& next, struct MicNames& names);
   void normalise(const std::string& mic, PickResult& r);
   void scan_templates(FILE* nonunique, PickResult& r);
+  void decoy_peaks(int t, float* decoy);
   void merge_and_commit(const std::string& mic, const struct MicNames& names, PickResult& r);
   void pick(const std::string& mic, const std::string& next, PickResult& r);
   void write_working_image(const std::string& mic, const char* suffix, const float* d_img, int nz);
@@ -162,6 +166,7 @@ void PickSession::Impl::prepare_buffers(int sharers) {
   d_mask.reset(new DeviceArray<float>(n2, true));
   d_ccmax.reset(new DeviceArray<float>(n2, true));
   d_psi.reset(new DeviceArray<float>(n2, true));
+  if (s.opt.decoys) d_decoy.reset(new DeviceArray<float>(n2, true));
   const unsigned long cells = (unsigned long)gx * gy;
   d_grid.reset(new DeviceArray<unsigned int>(cells, true));
   excluded.assign(cells, PTCL_BOX{});
@@ -194,10 +199,16 @@ void PickSession::prepare(const MRC_HEAD& reference, const std::string& referenc
   d.working_sizes();
   // On a GPU the host cores are idle but for the read-ahead: half of them shrink.
   const int read_threads = gvex_on_gpu() ? (gvex_host_threads() + 1) / 2 : 1;
-  d.ahead.reset(new MicPrefetch(reference, d.s.shrink, d.ext, read_threads, d.s.opt.read_float16));
-  if (!first.empty()) d.ahead->start(first);
-  d.prepare_templates();
-  d.prepare_buffers(sharers);
+  try {
+    d.ahead.reset(new MicPrefetch(reference, d.s.shrink, d.ext, read_threads, d.s.opt.read_float16));
+    if (!first.empty()) d.ahead->start(first);
+    d.prepare_templates();
+    d.prepare_buffers(sharers);
+  } catch (const std::bad_alloc&) {
+    throw gvex_out_of_memory("gvexmatch_prepare_run", gvex_module, __LINE__,
+                             "preparing for micrographs of " + std::to_string(d.nx) + " x " + std::to_string(d.ny) +
+                                 " pixels like " + reference_name);
+  }
 }
 
 bool PickSession::looks_finished(const std::string& mic) const {
@@ -218,16 +229,19 @@ PickResult PickSession::pick(const std::string& mic, const std::string& next) {
   } catch (const GvexFailure& f) {
     r.outcome = PickResult::Outcome::failed;
     r.failure = f;
-    // The stages this micrograph left open are closed without a line.
-    gvex_timer_truncate(depth);
+  } catch (const std::bad_alloc&) {
+    r.outcome = PickResult::Outcome::failed;
+    r.failure = gvex_out_of_memory("gvexmatch_pick_micrograph", gvex_module, __LINE__, "while picking " + mic);
   }
+  // The stages a failed micrograph left open are closed without a line.
+  if (r.outcome == PickResult::Outcome::failed) gvex_timer_truncate(depth);
   return r;
 }
 
 // The names of one micrograph's files, derived (and refused when too long)
 // before anything is touched.
 struct MicNames {
-  std::string box, star, nonunique, excluded, commit;
+  std::string box, star, nonunique, excluded, commit, particles;
 };
 
 static MicNames mic_names(const PickSettings& s, const std::string& mic) {
@@ -238,14 +252,26 @@ static MicNames mic_names(const PickSettings& s, const std::string& mic) {
   set_name_shrinked_box(nonunique, mic.c_str(), s.shrink);
   n.nonunique = nonunique;
   n.excluded = s.opt.exclusive_picking ? outname(mic, s.opt.excluded_suffix.c_str()) : "NULL";
-  n.commit = outname(mic, "_vexmatch.commit");
+  // Derived as the others but without their length bound, so that any name
+  // whose coordinate files fit also gets its marker.
+  n.commit = n.box.substr(0, n.box.size() - strlen("_vexmatch.box")) + "_vexmatch.commit";
+  if (s.opt.extract_raw) n.particles = outname(mic, "_particles.mrcs");
   return n;
+}
+
+// What an unfinished commit of this micrograph would leave.
+static std::vector<std::string> committed(const MicNames& n) {
+  std::vector<std::string> files = {n.box, n.star};
+  if (!n.particles.empty()) files.push_back(n.particles);
+  return files;
 }
 
 // The micrograph's pixels into h_raw (and h_shrunk when read ahead), the
 // next micrograph's read started, and the user's exclusions.
 void PickSession::Impl::read(const std::string& mic, const std::string& next, MicNames& names) {
-  OwnedFile fmic(fopen(mic.c_str(), "r"));
+  const char* kind = "";
+  OwnedFile fmic(gvex_open_regular(mic.c_str(), &kind));
+  if (!fmic && *kind) gvex_not_a_file("micrograph", mic.c_str(), kind, "main", "gvexmatch56", 187);
   if (!fmic) gvex_open_read_failed(mic.c_str(), "main", "gvexmatch56", 187);
   MRC_HEAD head;
   mrc_read_head(fmic.get(), &head);
@@ -266,12 +292,20 @@ void PickSession::Impl::read(const std::string& mic, const std::string& next, Mi
 }
 
 void PickSession::Impl::pick(const std::string& mic, const std::string& next, PickResult& r) {
+  decoy_candidates.clear();  // what a failed micrograph left
   gvex_timer_push();
   printf("\n");
   ruler('-', 129);
+  // A line break in a name would make every file of ours beside it
+  // ambiguous to the tools that read lists of names.
+  if (mic.find('\n') != std::string::npos || mic.find('\r') != std::string::npos)
+    gvex_fatal("gvexmatch_pick_micrograph", gvex_module, __LINE__,
+               "the micrograph name holds a line break, which the names of its output files cannot carry");
   MicNames names = mic_names(s, mic);
+  // Another run picking this micrograph finishes it first.
+  const InputLock lock(mic.c_str());
   // What a killed run left of an unfinished commit is undone first.
-  gvex_undo_commit(names.commit);
+  gvex_undo_commit(names.commit, committed(names));
   gvex_test_stop_point("micrograph");
   if (s.opt.do_unfinished && (file_readable(names.box.c_str()) || file_readable(names.star.c_str()))) {
     printf("Micrograph %s has already been processed. Automatically skipped.\n", mic.c_str());
@@ -279,7 +313,9 @@ void PickSession::Impl::pick(const std::string& mic, const std::string& next, Pi
     r.outcome = PickResult::Outcome::skipped;
     return;
   }
-  OwnedFile fnon(fopen(names.nonunique.c_str(), "w+"));
+  // Made at once, under its own name (the merge reads it back), but new:
+  // never through a link left at that name.
+  OwnedFile fnon(gvex_create_new(names.nonunique.c_str(), "w+"));
   if (!fnon) gvex_open_write_failed(names.nonunique.c_str(), "main", "gvexmatch56", 185);
   read(mic, next, names);
   r.times.reading = gvex_timer_pop("READING");
@@ -357,6 +393,7 @@ void PickSession::Impl::normalise(const std::string& mic, PickResult& r) {
   r.rejected_cells = 0;
   for (unsigned int c : cells) r.rejected_cells += c != 0;
   r.masked_fraction = 1.0 - (double)hcuda_fast_sum(d_mask->get(), n2) / (double)n2;
+  r.usable_pixels = (double)nx * ny * (1.0 - r.masked_fraction);
 }
 
 // Every template's scan and peaks; the candidates go to the
@@ -368,16 +405,37 @@ void PickSession::Impl::scan_templates(FILE* nonunique, PickResult& r) {
   for (int t = 0; t < tnz; t++) {
     printf("Template %03d\n", t + 1);
     float* d_t = d_T->get() + (unsigned long)t * tnx * tny;
+    float* decoy = d_decoy ? d_decoy->get() : nullptr;
     vexmatch_ccmax_psi_by_one_template(d_mic->get(), d_mask->get(), d_ccmax->get(), d_psi->get(), 1, ext, ext, d_t,
-                                       tnx, tny, s.template_r, (float)o.ang_start, o.ang_end, s.scan_step, ws.get());
+                                       tnx, tny, s.template_r, (float)o.ang_start, o.ang_end, s.scan_step, ws.get(),
+                                       decoy);
     gpu_find_filter_ccmax_psi_grids_exclusive(d_ccmax->get(), d_psi->get(), peak_index.data(), peak_score.data(),
                                               peak_angle.data(), o.cc_cutoff, ext, ext, s.cell, d_grid->get(),
                                               (unsigned int)cells);
     r.candidates += output_vexmatch_coord_one_temp(nonunique, peak_index.data(), peak_score.data(),
                                                    peak_angle.data(), t + 1, (int)cells, ext, ext, box);
+    if (decoy) decoy_peaks(t, decoy);
     if (o.write_ccmax_mic)
       gvex_check_copy(memcpy_D2H(h_ccmax.data() + n2 * t, d_ccmax->get(), n2 * sizeof(float)), __FILE__, __LINE__);
   }
+}
+
+// The decoy map's grid maxima, found and filtered as the real ones, as
+// candidate lines in memory (their angles mean nothing).
+void PickSession::Impl::decoy_peaks(int t, float* decoy) {
+  const unsigned long cells = (unsigned long)gx * gy;
+  gpu_find_filter_ccmax_psi_grids_exclusive(decoy, d_psi->get(), peak_index.data(), peak_score.data(),
+                                            peak_angle.data(), s.opt.cc_cutoff, ext, ext, s.cell, d_grid->get(),
+                                            (unsigned int)cells);
+  char* text = nullptr;
+  size_t len = 0;
+  FILE* fp = open_memstream(&text, &len);
+  if (!fp) throw std::bad_alloc();
+  output_vexmatch_coord_one_temp(fp, peak_index.data(), peak_score.data(), peak_angle.data(), t + 1, (int)cells, ext,
+                                 ext, s.opt.boxsize / s.shrink);
+  fclose(fp);
+  decoy_candidates.append(text, len);
+  free(text);
 }
 
 // Merge all templates' candidates into the final picks, in micrograph
@@ -396,6 +454,11 @@ void PickSession::Impl::merge_and_commit(const std::string& mic, const MicNames&
   std::vector<std::string> finals{names.box};
   r.picks = box_filter(mx, my, s.min_dist_px, o.cc_cutoff, (float)s.shrink, o.boxsize, o.boxsize, int2{0, 0},
                        names.nonunique.c_str(), names.excluded.c_str(), box_tmp.c_str(), 2);
+  if (d_decoy) {
+    r.decoys = merge_candidate_text(decoy_candidates, mx, my, s.min_dist_px, o.cc_cutoff, (float)s.shrink, o.boxsize,
+                                    o.boxsize, int2{0, 0}, names.excluded.c_str());
+    decoy_candidates.clear();
+  }
   if (o.write_star) {
     write_merged_picks(star_tmp.c_str(), r.picks, true);
     finals.push_back(names.star);
@@ -405,6 +468,14 @@ void PickSession::Impl::merge_and_commit(const std::string& mic, const MicNames&
   if (!failed.empty()) io_write_failed(failed.c_str(), "gvexmatch_pick_micrograph", gvex_module, __LINE__);
   partial.names.clear();
   gvex_test_stop_point("committed");
-  if (o.extract_raw) mrcf_x2d_extract_ptcls_from_micrograph(mic.c_str(), names.box.c_str(), o.boxsize, 0);
+  if (o.extract_raw) {
+    // A refused extraction leaves the micrograph unpicked, as a kill would.
+    try {
+      mrcf_x2d_extract_ptcls_from_micrograph(mic.c_str(), names.box.c_str(), o.boxsize, 0);
+    } catch (const GvexFailure&) {
+      gvex_undo_commit(names.commit, committed(names));
+      throw;
+    }
+  }
   gvex_end_commit(names.commit);
 }

@@ -28,9 +28,11 @@ struct PickResult {
   enum class Outcome { finished, skipped, failed };
   Outcome outcome = Outcome::failed;
   std::vector<Pick> picks;     // the final picks, micrograph pixels, as written
+  std::vector<Pick> decoys;    // with the decoys option: the picks of the inverted templates, merged alike
   long candidates = 0;         // grid maxima of all templates (the "_nonunique.box" lines)
   long rejected_cells = 0;     // exclusion-grid cells masked (ice, carbon, exclusions)
   double masked_fraction = 0;  // share of the working image the mask leaves out
+  double usable_pixels = 0;    // micrograph pixels the mask leaves in (the micrograph's own part)
   StageTimes times;
   GvexFailure failure;  // failed: the lines gvexmatch prints and its status
 };

@@ -39,6 +39,10 @@ struct PickOptions {
   bool exclusive_picking = false, mask_excluded = false;
   std::string excluded_suffix;      // as given ("NULL" by default)
   std::string global_excluded_box;  // empty: none
+  // The null model's decoys: the grid maxima and merged picks the templates
+  // with their contrast the other way would give, from the same scan
+  // (companions that choose a cut-off; gvexmatch never asks).
+  bool decoys = false;
   // Outputs beside each micrograph.
   bool write_star = true, write_rejected_box = false, write_ccmax_mic = false, write_pref_mic = false,
        write_bg_mic = false, write_bgfree_mic = false, write_lsigma_mic = false, write_mic_mask = false,

@@ -8,6 +8,8 @@
 
 #include "common/errors.h"
 #include "common/owned.h"
+#include "common/regular_file.h"
+#include "gpu/cuda_fft.h"
 #include "common/records.h"
 #include "picker/help.h"
 
@@ -25,7 +27,33 @@ ParaPtr gvexmatch_start(int argc, char** argv, bool (*choose_gpu)(int& gid)) {
   return p;
 }
 
-Reference gvexmatch_reference(const GVexMatch_Para& p, const char* prog) {
+std::string gvex_companion_wisdom(const std::string& option) {
+  const char* env = getenv("GVEX_FFTW_WISDOM");
+  const std::string named = !option.empty() ? option : env && *env ? env : "";
+  std::string why;
+  if (named == "none") return "FFT plans: estimated (GVEX_FFTW_WISDOM=none)\n";
+  if (named.empty())
+    return "FFT plans: " + (gvex_fft_plans_from_wisdom("", why) ? gvex_fft_plans_text() : "estimated, " + why) + "\n";
+  if (!gvex_fft_plans_from_wisdom(named, why)) gvex_fatal("gvex_companion_wisdom", gvex_module, __LINE__, why.c_str());
+  return "FFT plans: " + gvex_fft_plans_text() + "\n";
+}
+
+std::string gvex_take_wisdom_option(int& argc, char** argv) {
+  std::string file;
+  int out = 1;
+  for (int i = 1; i < argc; i++) {
+    if (std::string(argv[i]) == "--fftw_wisdom" && i + 1 < argc) {
+      file = argv[++i];
+      continue;
+    }
+    argv[out++] = argv[i];
+  }
+  argc = out;
+  argv[argc] = nullptr;
+  return file;
+}
+
+Reference gvexmatch_reference(const GVexMatch_Para& p, const char* prog, bool skip_damaged) {
   for (int i = 0; i < p.n_mic; i++) {
     const char* name = p.mic_files[i];
     if (access(name, F_OK) != 0) {
@@ -41,11 +69,18 @@ Reference gvexmatch_reference(const GVexMatch_Para& p, const char* prog) {
       continue;
     }
     printf("Opening %s for initial test and preperation .......\n", name);
-    OwnedFile fp(fopen(name, "r"));
+    const char* kind = "";
+    OwnedFile fp(gvex_open_regular(name, &kind));
+    if (!fp && *kind) gvex_not_a_file("micrograph", name, kind, "check_access_openf_1st", "gvexmatch56", 57);
     if (!fp) gvex_open_read_failed(name, "check_access_openf_1st", "gvexmatch56", 57);
     Reference ref;
     ref.name = name;
-    mrc_read_head(fp.get(), &ref.head);
+    try {
+      mrc_read_head(fp.get(), &ref.head);
+    } catch (const GvexFailure&) {
+      if (skip_damaged) continue;
+      throw;
+    }
     if (!mrc_mode_is_readable(ref.head.mode)) {
       char why[GVEX_NAME_LEN + 128];
       snprintf(why, sizeof why, "the pixels of %s are of mode %d (%s), which cannot be read; modes 0, 1, 2 and 6 can",

@@ -54,3 +54,76 @@ Cutoff pooled_cutoff(const std::vector<double>& all_scores) {
   if (!all_scores.empty()) c.value = *std::min_element(all_scores.begin(), all_scores.end());
   return c;
 }
+
+namespace {
+
+// Picks and decoys at or above each distinct pick score, lowest score first.
+struct Tally {
+  double score;
+  long picks, decoys;
+};
+
+std::vector<Tally> tally(std::vector<double> real, std::vector<double> decoy) {
+  std::sort(real.begin(), real.end());
+  std::sort(decoy.begin(), decoy.end());
+  std::vector<Tally> t;
+  const long n = (long)real.size();
+  size_t d = 0;
+  for (long k = 0; k < n; k++) {
+    if (k && real[k] == real[k - 1]) continue;
+    while (d < decoy.size() && decoy[d] < real[k]) d++;
+    t.push_back({real[k], n - k, (long)(decoy.size() - d)});
+  }
+  return t;
+}
+
+double above_all(const std::vector<double>& s) {
+  return std::nextafter(*std::max_element(s.begin(), s.end()), std::numeric_limits<double>::infinity());
+}
+
+}  // namespace
+
+DecoyCutoff null_model_cutoff(const std::vector<double>& real_scores, const std::vector<double>& decoy_scores,
+                              double capacity) {
+  DecoyCutoff c;
+  if (real_scores.empty()) return c;
+  const std::vector<Tally> t = tally(real_scores, decoy_scores);
+  // The lowest cut with at most `ratio` decoys per pick above it.
+  auto lowest = [&](double ratio) -> const Tally* {
+    for (const Tally& x : t)
+      if (x.decoys <= ratio * x.picks) return &x;
+    return nullptr;
+  };
+  const Tally* half = lowest(kDecoyHalf);
+  if (half) {
+    const double particles = (double)(half->picks - half->decoys);
+    c.crowding = capacity > 0 ? particles / capacity : std::numeric_limits<double>::infinity();
+  }
+  if (half && c.crowding >= kCrowded) {
+    c.value = half->score;
+    c.crowded = true;
+    return c;
+  }
+  long most = 0;
+  double excess = 0;
+  for (const Tally& x : t) {
+    most = std::max(most, x.picks - x.decoys);
+    excess = std::max(excess, (x.picks - x.decoys) / std::sqrt((double)(x.picks + x.decoys)));
+  }
+  c.particles = (double)most;
+  c.value = above_all(real_scores);
+  if (most <= 0 || excess < kExcess) return c;
+  double best = -1;
+  for (const Tally& x : t) {
+    const double f1 = 2.0 * (double)std::max(0L, x.picks - x.decoys) / (double)(x.picks + most);
+    if (f1 > best) best = f1, c.value = x.score;
+  }
+  const Tally* floor = lowest(kDecoyFloor);
+  c.value = floor ? std::max(c.value, floor->score) : above_all(real_scores);
+  return c;
+}
+
+double disc_capacity(double usable_pixels, double diameter, double apix) {
+  const double r = diameter / 2 / apix;
+  return r > 0 ? usable_pixels / (3.14159265358979 * r * r) : 0.0;
+}

@@ -28,3 +28,45 @@ Cutoff choose_cutoff(const std::vector<double>& scores, double pooled);
 // The pooled cut-off over all micrographs' scores: the same split, or the
 // lowest score when they form one population.
 Cutoff pooled_cutoff(const std::vector<double>& all_scores);
+
+// Cut-off from a decoy run: the same templates with their contrast the
+// other way round (--dont_invertT switched), which pass through the same
+// normalisation and match no particle. Their grid maxima answer to noise
+// as the real ones do, and also in the bright gaps between dark particles
+// and on the bright rims of contamination. Their map is exactly minus the
+// lowest correlation over the angles of the real scan, so one scan that
+// keeps a running minimum beside its running maximum gives both.
+//
+// The half-decoy cut is the lowest score s at which the decoys scoring >= s
+// number at most half of the picks scoring >= s. Its picks less its decoys
+// (the particles there, were decoys false picks), times the area of a
+// particle's disc over the usable area, measure crowding:
+//  - crowded (>= kCrowded): decoys in the gaps outnumber the real false
+//    picks many times over, and the half-decoy cut is taken;
+//  - sparse: decoys count false picks about one for one, and the cut that
+//    maximises F1 estimated with them is taken: 2 (N(s) - D(s)) / (N(s) + P),
+//    P the largest N(s) - D(s) (the particles among the picks), but no lower
+//    than where decoys are at most kDecoyFloor of the picks: large dark
+//    contamination lifts the real run's noise maxima above the decoys', and
+//    an empty micrograph must not read as a sparse one. None are kept
+//    unless at some cut the excess of picks over decoys is beyond chance:
+//    N - D >= kExcess sqrt(N + D).
+constexpr double kDecoyHalf = 0.5;
+constexpr double kDecoyFloor = 0.4;
+constexpr double kCrowded = 0.10;
+constexpr double kExcess = 3.0;
+
+struct DecoyCutoff {
+  double value = 0;      // keep picks with score >= value
+  double crowding = 0;   // share of the usable area under particles at the half-decoy cut
+  bool crowded = false;  // the half-decoy cut was taken
+  double particles = 0;  // P of the sparse branch
+};
+
+// capacity: how many particle discs fit the usable area, i.e. the
+// micrograph's area less its rejected cells over pi (diameter / 2 / apix)^2.
+// Particle discs of the diameter (A) that fit usable_pixels pixels of apix A.
+double disc_capacity(double usable_pixels, double diameter, double apix);
+
+DecoyCutoff null_model_cutoff(const std::vector<double>& real_scores, const std::vector<double>& decoy_scores,
+                              double capacity);

@@ -2,6 +2,8 @@
 // warnings and an automatic cut-off, as one self-contained web page.
 #include <sys/stat.h>
 
+#include <csignal>
+
 #include <algorithm>
 #include <cerrno>
 #include <cmath>
@@ -54,9 +56,16 @@ bool make_dir(const std::string& dir) {
   return mkdir(dir.c_str(), 0777) == 0;
 }
 
-std::string base_name(const std::string& p) {
-  const size_t s = p.rfind('/');
-  return s == std::string::npos ? p : p.substr(s + 1);
+// The picture of micrograph k: its number and a short, plain form of its
+// name, so that any micrograph name gives a file name the file system takes
+// and a link no browser misreads.
+std::string picture_name(size_t k, const std::string& mic) {
+  const size_t s = mic.rfind('/');
+  std::string stem = beside(s == std::string::npos ? mic : mic.substr(s + 1), "");
+  std::string plain;
+  for (char c : stem) plain += isalnum((unsigned char)c) || c == '-' || c == '_' || c == '.' ? c : '_';
+  if (plain.size() > 60) plain.resize(60);
+  return std::to_string(k + 1) + "_" + plain + ".png";
 }
 
 struct ReportOptions {
@@ -96,6 +105,8 @@ ReportOptions parse(int argc, char** argv) {
       o.apply = true;
     } else if (a.size() > 1 && a[0] == '-') {
       usage_error("unknown option " + a);
+    } else if (a.find_first_of("\n\r") != std::string::npos) {
+      usage_error("a micrograph name holds a line break, which the summary cannot carry");
     } else {
       o.mics.push_back(a);
     }
@@ -138,16 +149,17 @@ void choose_cutoffs(std::vector<Micrograph>& mics, const Settings& set, const Re
     for (const Pick& p : m.picks) kept += p.score >= m.cutoff;
     printf("%s: %zu picks, cut-off %.4f keeps %ld\n", m.name.c_str(), m.picks.size(), m.cutoff, kept);
     for (const std::string& w : m.warnings) printf("warning: %s: %s\n", m.name.c_str(), w.c_str());
-    if (o.apply && m.picks_found &&
-        !write_kept(m, beside(m.name, "_vexmatch_auto.box"), beside(m.name, "_vexmatch_auto.star")))
-      gvex_throw("gvexreport: cannot write " + beside(m.name, "_vexmatch_auto.box") + "\n", 1, true);
+    if (o.apply && m.picks_found) {
+      const std::string failed = write_kept(m, beside(m.name, "_vexmatch_auto.box"), beside(m.name, "_vexmatch_auto.star"));
+      if (!failed.empty()) gvex_throw("gvexreport: cannot write " + failed + "\n", 1, true);
+    }
   }
 }
 
 void write_report(const std::vector<Micrograph>& mics, const Settings& set, const std::string& out, double pooled) {
   std::vector<std::string> pictures;
   for (size_t k = 0; k < mics.size(); k++) {
-    pictures.push_back(std::to_string(k + 1) + "_" + base_name(beside(mics[k].name, ".png")));
+    pictures.push_back(picture_name(k, mics[k].name));
     if (!write_picture(mics[k], set, out + "/" + pictures.back()))
       gvex_throw("gvexreport: cannot write " + out + "/" + pictures.back() + "\n", 1, true);
   }
@@ -182,4 +194,9 @@ int run(int argc, char** argv) {
 
 }  // namespace
 
-int main(int argc, char** argv) { return gvex_run_main([&] { return run(argc, argv); }); }
+int main(int argc, char** argv) {
+  // A file-size limit fails the write that meets it (and says so) instead
+  // of killing the program with a partial file left.
+  signal(SIGXFSZ, SIG_IGN);
+  return gvex_run_main([&] { return run(argc, argv); });
+}

@@ -1,5 +1,7 @@
 #include "report/micrograph.h"
 
+#include <unistd.h>
+
 #include <cmath>
 #include <cstdio>
 #include <cstring>
@@ -9,6 +11,7 @@
 #include "common/atomic_file.h"
 #include "common/errors.h"
 #include "common/owned.h"
+#include "common/regular_file.h"
 #include "io/mrcfile.h"
 
 std::string beside(const std::string& mic, const std::string& suffix) {
@@ -20,7 +23,9 @@ std::string beside(const std::string& mic, const std::string& suffix) {
 }
 
 void read_micrograph(Micrograph& m) {
-  OwnedFile fp(fopen(m.name.c_str(), "r"));
+  const char* kind = "";
+  OwnedFile fp(gvex_open_regular(m.name.c_str(), &kind));
+  if (!fp && *kind) gvex_throw("gvexreport: micrograph " + m.name + " is " + kind + ", not a file: it cannot be read\n");
   if (!fp) gvex_throw("gvexreport: cannot open micrograph " + m.name + "\n");
   MRC_HEAD h;
   mrc_read_head(fp.get(), &h);
@@ -98,18 +103,33 @@ void add_warnings(Micrograph& m, const Settings& s) {
     w.push_back(fmt("%.0f%% of the picks lie on rejected areas", 100.0 * masked / kept.size()));
   // Particles are dark (templates are inverted to match): picks on areas
   // brighter than the micrograph point to templates of the wrong contrast.
-  double sum = 0, sum2 = 0, under = 0;
-  long n_under = 0, n = 0;
-  for (float v : m.pixels)
-    if (std::isfinite(v)) sum += v, sum2 += (double)v * v, n++;
-  const double r = 0.4 * s.diameter / s.apix;
-  for (const Pick* p : kept)
-    for (int y = (int)(p->y - r); y <= (int)(p->y + r); y++)
-      for (int x = (int)(p->x - r); x <= (int)(p->x + r); x++)
-        if (x >= 0 && y >= 0 && x < m.nx && y < m.ny && std::hypot(x - p->x, y - p->y) <= r) {
-          const float v = m.pixels[(size_t)y * m.nx + x];
-          if (std::isfinite(v)) under += v, n_under++;
-        }
+  // The mean under each pick is a window of a summed-area table, so the
+  // cost does not grow with the particle's size.
+  std::vector<double> sat((size_t)(m.nx + 1) * (m.ny + 1), 0.0), cnt(sat.size(), 0.0);
+  double sum = 0, sum2 = 0;
+  long n = 0;
+  for (int y = 0; y < m.ny; y++)
+    for (int x = 0; x < m.nx; x++) {
+      const float v = m.pixels[(size_t)y * m.nx + x];
+      const bool ok = std::isfinite(v);
+      if (ok) sum += v, sum2 += (double)v * v, n++;
+      const size_t i = (size_t)(y + 1) * (m.nx + 1) + x + 1, up = i - (m.nx + 1);
+      sat[i] = (ok ? v : 0.0) + sat[i - 1] + sat[up] - sat[up - 1];
+      cnt[i] = (ok ? 1.0 : 0.0) + cnt[i - 1] + cnt[up] - cnt[up - 1];
+    }
+  auto window = [&](const std::vector<double>& t, long x0, long y0, long x1, long y1) {  // [x0,x1) x [y0,y1)
+    const long W = m.nx + 1;
+    return t[y1 * W + x1] - t[y0 * W + x1] - t[y1 * W + x0] + t[y0 * W + x0];
+  };
+  const double r = 0.4 * s.diameter / s.apix / std::sqrt(2.0);  // the square inside the disc
+  double under = 0, n_under = 0;
+  for (const Pick* p : kept) {
+    const long x0 = std::max(0L, (long)(p->x - r)), x1 = std::min((long)m.nx, (long)(p->x + r) + 1);
+    const long y0 = std::max(0L, (long)(p->y - r)), y1 = std::min((long)m.ny, (long)(p->y + r) + 1);
+    if (x0 >= x1 || y0 >= y1) continue;
+    under += window(sat, x0, y0, x1, y1);
+    n_under += window(cnt, x0, y0, x1, y1);
+  }
   if (n > 1 && n_under > 0 && kept.size() >= 5) {
     const double mean = sum / n, sd = std::sqrt(std::max(0.0, sum2 / n - mean * mean));
     if (sd > 0 && (under / n_under - mean) / sd > 0.02)
@@ -117,11 +137,23 @@ void add_warnings(Micrograph& m, const Settings& s) {
   }
 }
 
-bool write_kept(const Micrograph& m, const std::string& box_path, const std::string& star_path) {
+std::string write_kept(const Micrograph& m, const std::string& box_path, const std::string& star_path) {
   std::vector<Pick> kept;
   for (const Pick& p : m.picks)
     if (p.score >= m.cutoff) kept.push_back(p);
-  PartFile box(box_path.c_str(), "w"), star(star_path.c_str(), "w");
-  if (!box.fp() || !star.fp()) return false;
-  return picks_write(box.fp(), kept, false) && picks_write(star.fp(), kept, true) && box.commit() && star.commit();
+  // Both written whole under their partial names, then renamed as one
+  // commit, as gvexmatch commits its pair.
+  for (const std::string* path : {&box_path, &star_path}) {
+    FILE* fp = gvex_create_new(gvex_part_name(path->c_str()).c_str(), "w");
+    const bool ok = fp && picks_write(fp, kept, path == &star_path);
+    if (!fp || fclose(fp) != 0 || !ok) {
+      unlink(gvex_part_name(box_path.c_str()).c_str());
+      unlink(gvex_part_name(star_path.c_str()).c_str());
+      return *path;
+    }
+  }
+  const std::string marker = beside(m.name, "_vexmatch_auto.commit");
+  const std::string failed = gvex_commit_together({box_path, star_path}, marker);
+  gvex_end_commit(marker);
+  return failed;
 }

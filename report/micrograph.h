@@ -41,5 +41,6 @@ Settings report_settings(double apix, double diameter, bool apix_given);
 void add_warnings(Micrograph& m, const Settings& s);
 
 // The picks at or above the cut-off as gvexmatch writes them: "_vexmatch.box"
-// and "_vexmatch.star" forms. False when a file could not be written.
-bool write_kept(const Micrograph& m, const std::string& box_path, const std::string& star_path);
+// and "_vexmatch.star" forms, committed together (neither is replaced
+// unless both are). "" on success, else the name that could not be written.
+std::string write_kept(const Micrograph& m, const std::string& box_path, const std::string& star_path);

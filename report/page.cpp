@@ -60,7 +60,10 @@ std::string histogram_svg(const std::vector<double>& s, double cutoff, int width
     hi = std::max(lo + 1e-6, *std::max_element(s.begin(), s.end()));
   }
   std::vector<int> count(bins, 0);
-  for (double v : s) count[std::min(bins - 1, (int)((v - lo) / (hi - lo) * bins))]++;
+  for (double v : s) {
+    const double t = (v - lo) / (hi - lo) * bins;  // finite: the reader refuses scores beyond a few units
+    count[t >= 0 ? (int)std::min<double>(bins - 1, t) : 0]++;
+  }
   const int top = std::max(1, *std::max_element(count.begin(), count.end()));
   std::string svg = "<svg class=\"hist\" width=\"" + std::to_string(width) + "\" height=\"" + std::to_string(height + 16) +
                     "\" xmlns=\"http://www.w3.org/2000/svg\">";

@@ -2,16 +2,19 @@
 # gvexmatch_mpi against one-process gvexmatch on generated micrographs:
 # identical files with 2 and 3 ranks; a corrupt and a wrong-size micrograph
 # in the middle are reported and skipped (status 1); a job killed part-way
-# and resumed with --do_unfinished ends with the files of an uninterrupted run.
-# Usage: mpi_check.sh GVEXMATCH GVEXMATCH_MPI MAKEMIC SCRATCH
+# and resumed with --do_unfinished ends with the files of an uninterrupted run;
+# a damaged first micrograph and a name listed twice.
+# Usage: mpi_check.sh GVEXMATCH GVEXMATCH_MPI MAKEMIC SCRATCH [GVEXMATCH_TUNE]
 set -eu
-gvex=$1 mpi=$2 makemic=$3 work=$4
+gvex=$1 mpi=$2 makemic=$3 work=$4 tune=${5:-}
 rm -rf "$work" && mkdir -p "$work/mics"
 cd "$work/mics"
 for i in 1 2 3 4 5 6; do "$makemic" make m$i.mrc --nx 512 --ny 512 --apix 1.34 --diameter 120 --seed $i >/dev/null; done
 "$makemic" make small.mrc --nx 512 --ny 384 --apix 1.34 --diameter 120 --seed 9 >/dev/null
 head -c 3000 m6.mrc > broken.mrc
-run="mpirun --allow-run-as-root --oversubscribe"
+# FFTW system wisdom would give the MPI runs other bits than gvexmatch's estimated plans.
+export GVEX_FFTW_WISDOM=none
+run="mpirun --allow-run-as-root --oversubscribe -x GVEX_FFTW_WISDOM"
 opts="--diameter 120 --write_mic_mask 1"
 fail() { echo "FAIL: $*"; exit 1; }
 fresh() { rm -rf "$work/$1" && mkdir "$work/$1" && cp "$work"/mics/m?.mrc "$work/$1/" && cd "$work/$1"; }
@@ -41,4 +44,25 @@ if GVEX_TEST_STOP_AT=micrograph:2 $run -x GVEX_TEST_STOP_AT -n 2 "$mpi" $opts m1
 $run -n 3 "$mpi" $opts --do_unfinished 1 m1.mrc m2.mrc m3.mrc m4.mrc m5.mrc >../resume.log 2>&1 || fail "resume failed"
 grep -q "skipped (finished before)" ../resume.log || fail "resume: nothing skipped"
 same resume
+# A damaged first micrograph is reported at its turn and the next one fixes
+# the sizes; a name listed twice is picked once.
+fresh first && cp ../mics/broken.mrc .
+if $run -n 3 "$mpi" $opts broken.mrc m1.mrc m2.mrc m1.mrc m3.mrc m4.mrc m5.mrc >../first.log 2>&1; then
+  fail "first: status 0"
+fi
+grep -q "^    broken.mrc: rank [12]: .*broken.mrc" ../first.log || fail "first: broken.mrc not named"
+grep -q "m1.mrc skipped (listed before)" ../first.log || fail "first: the second m1.mrc was not skipped"
+grep -q "^Summary: 7 micrographs, 5 picked, 1 skipped, 1 failed" ../first.log || fail "first: summary"
+rm broken.mrc broken_nonunique.box && same first
+# Plans from wisdom that gvexmatch_tune measured: said, and the same files
+# run after run.
+if [ -n "$tune" ]; then
+  fresh tune1 && "$tune" ../wisdom --diameter 120 m1.mrc >../tune.log || fail "tune failed"
+  [ ! -e m1_vexmatch.box ] || fail "tune: wrote beside the micrograph"
+  for t in tune1 tune2; do
+    fresh $t && $run -n 2 "$mpi" --fftw_wisdom ../wisdom $opts m1.mrc m2.mrc >../$t.log 2>&1 || fail "$t failed"
+  done
+  grep -q "^FFT plans: from wisdom ../wisdom" ../tune1.log || fail "tune: the wisdom is not named"
+  cd "$work/tune1" && for f in *; do cmp -s "$f" "../tune2/$f" || fail "tune: $f differs run to run"; done
+fi
 echo "mpi_check: all cases passed"

@@ -6,7 +6,8 @@
 #include <string>
 #include <vector>
 
-#include "gpu/hm_math.h"
+#include "common/host_image.h"
+#include "common/hm_math.h"
 #include "gpu/local_stats.h"
 #include "reference/reference.h"
 #include "support/dev_vec.h"

@@ -8,7 +8,7 @@
 #include <cmath>
 #include <functional>
 
-#include "gpu/hm_math.h"
+#include "common/hm_math.h"
 #include "gpu/math_utils.h"
 #include "support/dev_vec.h"
 

@@ -11,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "common/host_image.h"
 #include "common/owned.h"
 #include "common/records.h"
 #include "gpu/resample.h"

@@ -10,6 +10,7 @@
 #include <string>
 
 #include "support/capture.h"
+#include "common/host_image.h"
 #include "gpu/resample.h"
 #include "support/dev_vec.h"
 

@@ -165,6 +165,32 @@ TEST(Scan, BatchesAndStoreGiveTheSameBits) {
   }
 }
 
+// The decoy map is, bit for bit, the map of the template with its contrast
+// the other way, through the fused stages (even size) and the batches (odd),
+// with the store empty and full.
+TEST(Scan, DecoyMapIsTheInvertedTemplatesMap) {
+  for (int n : {36, 33}) {
+    Problem pb, inverted;
+    pb.nx = pb.ny = inverted.nx = inverted.ny = n;
+    pb.mic = inverted.mic = noise(n * n, 9);
+    pb.mask.assign(n * n, 1.0f);
+    inverted.mask = pb.mask;
+    for (float& v : inverted.T) v = -v;
+    const size_t N = (size_t)n * n;
+    ScanWorkspace ws;
+    for (int pass = 0; pass < 2; pass++) {
+      Dev<float> mic(pb.mic), mask(pb.mask), T(pb.T), cc(N), psi(N), decoy(N);
+      testing::internal::CaptureStdout();
+      vexmatch_ccmax_psi_by_one_template(mic.get(), mask.get(), cc.get(), psi.get(), 1, n, n, T.get(), pb.tnx, pb.tny,
+                                         pb.R, 0.0f, 359.0f, 30.0f, &ws, decoy.get());
+      testing::internal::GetCapturedStdout();
+      const Maps want = scan(inverted, 30.0f), plain = scan(pb, 30.0f);
+      EXPECT_TRUE(same_bits(decoy.host(), want.ccmax)) << n << " pass " << pass;
+      EXPECT_TRUE(same_bits(cc.host(), plain.ccmax)) << n << " pass " << pass;  // the map itself unchanged
+    }
+  }
+}
+
 // The fused stages keep buffers per thread: a team that grows after the
 // first scan (as when a caller raises the thread count) still gets the bits.
 TEST(Scan, FusedStagesFollowAGrowingTeam) {

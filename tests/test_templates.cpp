@@ -63,7 +63,7 @@ TEST(TemplateFile, ResampledOnlyWhenPixelSizesDifferAMissingFileIsFatal) {
   EXPECT_EQ(nx, 99);
 
   std::vector<char> missing = cstr(dir.file("missing.mrcs"));
-  EXPECT_FAILS(get_template_data(nx, ny, nz, missing.data()),
+  EXPECT_FAILS(get_or_create_template_data(nx, ny, nz, missing.data(), 10.0f, 1.0f, 1.0f, 1, 0.05f),
       "Cannot open file .*missing.mrcs. Permission denied or wrong file name.\n"
       "Error in function get_template_data\\(\\), file vexmatch56 on line 689: open file failed.! Exit now!");
 }

@@ -26,7 +26,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   });
   fuzz::refused_or_done([&] {
     int nx = 0, ny = 0, nz = 0;
-    free(get_template_data(nx, ny, nz, &path[0]));
+    free(get_or_create_template_data(nx, ny, nz, &path[0], 6.0f, 1.0f, 1.0f, 1, 0.05f));
   });
   return 0;
 }

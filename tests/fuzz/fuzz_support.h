@@ -7,6 +7,8 @@
 
 #include <cstdint>
 #include <cstdio>
+#include <cstdlib>
+#include <set>
 #include <string>
 
 #include "common/errors.h"
@@ -21,9 +23,21 @@ inline void quiet_stdout() {
 // A scratch path of this process with the given ending, in memory where
 // the machine has /dev/shm: rewriting a file on disk per input slows a
 // target many times over.
+// The scratch files are removed when the target ends.
+inline std::set<std::string>& scratch_files() {
+  static std::set<std::string>* files = new std::set<std::string>;
+  return *files;
+}
+
 inline std::string scratch(const char* ending) {
   static const std::string dir = access("/dev/shm", W_OK) == 0 ? "/dev/shm" : "/tmp";
-  return dir + "/gvex_fuzz_" + std::to_string(getpid()) + ending;
+  static const bool registered = atexit([] {
+    for (const std::string& f : scratch_files()) unlink(f.c_str());
+  }) == 0;
+  (void)registered;
+  const std::string path = dir + "/gvex_fuzz_" + std::to_string(getpid()) + ending;
+  scratch_files().insert(path);
+  return path;
 }
 
 inline std::string write_scratch(const uint8_t* data, size_t size, const char* ending) {

@@ -81,6 +81,11 @@ std::string gvex_tools_dir() { return relocated("/tools", GVEX_TOOLS_DIR); }
 std::string gvex_relion_bin() { return relocated("/relion/gvexmatch_relion", GVEX_RELION_BIN); }
 std::string gvex_source_dir() { return relocated("", GVEX_SOURCE_DIR); }
 
+std::string gvex_report_bin() {
+  const std::string bin = GVEX_BIN;
+  return relocated("/report/gvexreport", bin.substr(0, bin.rfind('/')) + "/report/gvexreport");
+}
+
 std::string gvex_foreign_bin() {
 #ifdef GVEX_FOREIGN_BIN
   return relocated("/gvexmatch_foreign", GVEX_FOREIGN_BIN);

@@ -31,6 +31,7 @@ std::string gvex_bin();
 std::string gvex_tools_dir();
 std::string gvex_relion_bin();  // the RELION External-job companion
 std::string gvex_source_dir();
+std::string gvex_report_bin();
 // The picker whose launcher is built for other architectures only (empty
 // when this build has none).
 std::string gvex_foreign_bin();

@@ -1,5 +1,5 @@
 // Host arithmetic and double-accumulated statistics.
-#include "gpu/hm_math.h"
+#include "common/hm_math.h"
 
 #include <cmath>
 

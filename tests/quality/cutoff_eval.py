@@ -1,0 +1,199 @@
+#!/usr/bin/env python3
+"""F1 of cut-off rules on picked micrographs with known particle centres.
+
+  cutoff_eval.py table [--check] SET=LIST [SET=LIST ...]
+
+LIST holds one micrograph a line: "picks.box decoy.box truth auto.box radius
+particle_radius". picks.box is the --cc_cutoff 0 run (beside its micrograph
+NAME.mrc and NAME_rejected.box), decoy.box the same run with the templates'
+contrast inverted, truth the centres ("x y" lines or a STAR file), auto.box
+gvexreport --apply's picks ("-" when absent); radius (px) makes a pick true,
+particle_radius (px) sizes the usable area. A pick is true within radius of
+a centre not taken by a nearer pick (greedy, nearest pairs first); F1 pools a
+set's micrographs. On a set without particles the picks kept per micrograph
+are shown instead. --check: status 1 when the decoy rule misses the targets
+(>= 0.95 x the best single cut-off, >= the better of no cut-off and 0.15 less
+0.01) on a set with particles.
+"""
+import bisect
+import math
+import os
+import struct
+import sys
+
+NONE = float("inf")  # a cut that keeps nothing
+
+
+def read_box(path):
+    """(x, y, score) of the centres of an EMAN .box file (corner, size, score)."""
+    picks = []
+    with open(path) as f:
+        for line in f:
+            v = line.split()
+            if len(v) >= 5:
+                x, y, w, h, s = (float(t) for t in v[:5])
+                picks.append((x + int(w) // 2, y + int(h) // 2, s))
+    return picks
+
+
+def read_truth(path):
+    """Centres from "x y" lines, or the first two columns of a STAR loop."""
+    out = []
+    with open(path) as f:
+        for line in f:
+            v = line.split()
+            try:
+                out.append((float(v[0]), float(v[1])))
+            except (ValueError, IndexError):
+                pass
+    return out
+
+
+def capacity(picks_path, particle_radius):
+    """Particle discs that fit the micrograph less its rejected cells."""
+    stem = picks_path[: -len("_vexmatch.box")]
+    with open(stem + ".mrc", "rb") as f:
+        nx, ny = struct.unpack("<2i", f.read(8))
+    area = float(nx) * ny
+    if os.path.exists(stem + "_rejected.box"):
+        for v in (line.split() for line in open(stem + "_rejected.box")):
+            if len(v) >= 4:
+                area -= float(v[2]) * float(v[3])
+    return area / (math.pi * particle_radius ** 2)
+
+
+class Mic:
+    """Pick-centre pairs within reach, nearest first, for fast rescoring."""
+
+    def __init__(self, picks, truth, radius, decoys, cap, auto):
+        self.scores = [p[2] for p in picks]
+        self.decoys = sorted(d[2] for d in decoys)
+        self.n_truth, self.cap, self.auto = len(truth), cap, auto
+        cell = {}
+        for j, (x, y) in enumerate(truth):
+            cell.setdefault((int(x // radius), int(y // radius)), []).append(j)
+        self.pairs = sorted(
+            (math.hypot(x - truth[j][0], y - truth[j][1]), i, j)
+            for i, (x, y, _) in enumerate(picks)
+            for gx in (int(x // radius) - 1, int(x // radius), int(x // radius) + 1)
+            for gy in (int(y // radius) - 1, int(y // radius), int(y // radius) + 1)
+            for j in cell.get((gx, gy), ())
+            if math.hypot(x - truth[j][0], y - truth[j][1]) <= radius)
+
+    def counts(self, cut):
+        """(true picks, picks, centres) keeping scores >= cut."""
+        used_p, used_t = set(), set()
+        for _, i, j in self.pairs:
+            if self.scores[i] >= cut and i not in used_p and j not in used_t:
+                used_p.add(i)
+                used_t.add(j)
+        return len(used_p), sum(1 for s in self.scores if s >= cut), self.n_truth
+
+
+def set_f1(mics, cuts):
+    tp = n = t = 0
+    for m, c in zip(mics, cuts):
+        a, b, c3 = m.counts(c)
+        tp, n, t = tp + a, n + b, t + c3
+    return 2.0 * tp / (n + t) if n + t else 0.0
+
+
+# ---- rules on one micrograph's pick and decoy scores (report/cutoff.cpp) ----
+
+def tally(real, decoys):
+    """(score, picks >= score, decoys >= score) per distinct pick score, rising."""
+    rs, out = sorted(real), []
+    for k, s in enumerate(rs):
+        if not k or s != rs[k - 1]:
+            out.append((s, len(rs) - k, len(decoys) - bisect.bisect_left(decoys, s)))
+    return out
+
+
+def lowest(t, ratio):
+    """Lowest cut with at most ratio decoys per pick above it."""
+    return next((x for x in t if x[2] <= ratio * x[1]), None)
+
+
+def half_decoy(t):
+    return lowest(t, 0.5)
+
+
+def est_f1(t, floor=0.4):
+    """Cut maximising F1 with decoys as the false picks, no lower than the
+    floor's ratio cut; NONE without evidence."""
+    most = max([0] + [n - d for _, n, d in t])
+    excess = max([0] + [(n - d) / math.sqrt(n + d) for _, n, d in t])
+    if most <= 0 or excess < 3:
+        return NONE
+    best = max(t, key=lambda x: (2 * max(0, x[1] - x[2]) / (x[1] + most), -x[0]))[0]
+    low = lowest(t, floor) if floor else (best,)
+    return max(best, low[0]) if low else NONE
+
+
+def decoy_rule(m):
+    t = tally(m.scores, m.decoys)
+    if not t:
+        return 0.0
+    h = half_decoy(t)
+    if h and (h[1] - h[2] >= 0.10 * m.cap if m.cap > 0 else True):
+        return h[0]
+    return est_f1(t)
+
+
+RULES = {
+    "ratio0.5": lambda m: (half_decoy(tally(m.scores, m.decoys)) or (NONE,))[0],
+    "estF1": lambda m: est_f1(tally(m.scores, m.decoys), None),
+    "decoy": decoy_rule,
+}
+
+
+def load_list(path):
+    mics = []
+    for v in (line.split() for line in open(path)):
+        if len(v) < 6:
+            continue
+        auto = None
+        if v[3] != "-" and os.path.exists(v[3]):
+            auto = min([p[2] for p in read_box(v[3])] or [NONE])  # gvexreport keeps scores >= its cut
+        mics.append(Mic(read_box(v[0]), read_truth(v[2]), float(v[4]), read_box(v[1]),
+                        capacity(v[0], float(v[5])), auto))
+    return mics
+
+
+def best_single(mics, n_cuts=800):
+    cuts = sorted({s for m in mics for s in m.scores})
+    if len(cuts) > n_cuts:
+        cuts = [cuts[i * (len(cuts) - 1) // (n_cuts - 1)] for i in range(n_cuts)]
+    return max([(set_f1(mics, [c] * len(mics)), c) for c in cuts] or [(0.0, 0.0)])
+
+
+def table(args):
+    check = "--check" in args
+    names = ["none", "0.15", "best", "auto"] + list(RULES)
+    print("%-28s" % "set" + "".join("%9s" % n for n in names) + "  best at")
+    missed = []
+    for arg in (a for a in args if a != "--check"):
+        label, path = arg.split("=", 1)
+        mics = load_list(path)
+        cuts = [[-NONE] * len(mics), [0.15] * len(mics), None,
+                [m.auto for m in mics] if all(m.auto is not None for m in mics) else None]
+        cuts += [[rule(m) for m in mics] for rule in RULES.values()]
+        if sum(m.n_truth for m in mics) == 0:
+            kept = [sum(m.counts(c)[1] for m, c in zip(mics, cs)) / len(mics) if cs else float("nan")
+                    for cs in cuts]
+            print("%-28s" % (label + " (kept)") + "".join("%9.1f" % k for k in kept))
+            continue
+        best, at = best_single(mics)
+        row = [best if cs is None else set_f1(mics, cs) if cs else float("nan") for cs in cuts]
+        print("%-28s" % label + "".join("%9.3f" % v for v in row) + "  %.3f" % at)
+        if row[-1] < 0.95 * best or row[-1] < max(row[0], row[1]) - 0.01:
+            missed.append(label)
+    if missed:
+        print("decoy rule below the targets on: " + " ".join(missed))
+    return 1 if check and missed else 0
+
+
+if __name__ == "__main__":
+    if len(sys.argv) < 3 or sys.argv[1] != "table":
+        sys.exit(__doc__)
+    sys.exit(table(sys.argv[2:]))

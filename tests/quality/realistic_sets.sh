@@ -1,0 +1,85 @@
+#!/bin/sh
+# Cut-off rules on realistic generated sets: SNR 0.03, 0.05 and 0.1, sparse
+# and crowded, picked with the synthetic disc and with projection templates.
+# Each set is picked twice with --cc_cutoff 0, the second time with the
+# templates' contrast the other way round (the decoy run), and gvexreport
+# --apply gives today's automatic cut-off; cutoff_eval.py prints the F1 of
+# every rule. Sets and picks already in WORK are reused (remove WORK/runs to
+# pick again).
+# BATCH "main" (default): 4096^2 at 1.06 A, particles 180, 150 and 120 A at
+# SNR 0.03, 0.05 and 0.1, sparse, crowded and empty (no particles: the
+# table shows the picks kept per micrograph). BATCH "check", for rules tuned
+# on the main batch: 2048^2 at 1.35 A, particles 200, 100 and 160 A, other
+# densities (sparse, medium, crowded) and other proteins. BATCH "fresh", for
+# a rule settled on both: 3072^2 at 1.2 A, particles 130, 170 and 110 A.
+# Usage: realistic_sets.sh BUILD_DIR WORK_DIR [MICROGRAPHS_PER_SET [BATCH]]
+set -eu
+build=$(cd "$1" && pwd) work=$2 per_set=${3:-4} batch=${4:-main}
+here=$(cd "$(dirname "$0")" && pwd)
+realmic=$build/tools/gvex_realmic gvex=$build/gvexmatch report=$build/report/gvexreport
+case $batch in
+  main) apix=1.06 size=4096 densities="sparse crowded empty" prefix="" ;;
+  check) apix=1.35 size=2048 densities="sparse medium crowded" prefix="check " ;;
+  fresh) apix=1.2 size=3072 densities="sparse medium crowded" prefix="fresh " ;;
+  *) echo "realistic_sets: batch main, check or fresh, not $batch" >&2; exit 2 ;;
+esac
+mkdir -p "$work" && cd "$work"
+lists=""
+for snr in 0.03 0.05 0.1; do
+  case $batch$snr in main0.03) d=180 ;; main0.05) d=150 ;; main*) d=120 ;;
+    check0.03) d=200 ;; check0.05) d=100 ;; check*) d=160 ;;
+    fresh0.03) d=130 ;; fresh0.05) d=170 ;; *) d=110 ;; esac
+  for density in $densities; do
+    case $batch$density in mainsparse) f=0.08 ;; mainempty) f=0 ;; main*) f=0.45 ;;
+      checksparse) f=0.05 ;; checkmedium) f=0.2 ;; check*) f=0.5 ;;
+      freshsparse) f=0.1 ;; freshmedium) f=0.25 ;; *) f=0.4 ;; esac
+    set=$(echo "${prefix}snr${snr}_$density" | tr ' ' _)
+    protein=$(echo "$prefix$snr $density" | cksum | cut -c1-6)
+    mkdir -p "sets/$set"
+    i=1
+    while [ "$i" -le "$per_set" ]; do
+      mic=sets/$set/m$i.mrc
+      # Carbon alternately brighter and darker; every fourth micrograph has none.
+      step=0.15 carbon=0.15
+      [ $((i % 2)) = 0 ] && step=-0.15
+      [ $((i % 4)) = 0 ] && carbon=0
+      [ -s "${mic%.mrc}_truth.txt" ] ||
+        "$realmic" "$mic" --nx $size --ny $size --apix $apix --diameter $d --snr $snr --density $f --seed "$i$protein" \
+          --protein-seed "$protein" --carbon $carbon --carbon-step $step >/dev/null
+      i=$((i + 1))
+    done
+    [ -s "sets/$set/templates.mrcs" ] ||
+      "$realmic" "sets/$set/t.mrc" --nx 512 --ny 512 --apix $apix --diameter $d --protein-seed "$protein" \
+        --density 0 --templates "sets/$set/templates.mrcs" 4 >/dev/null
+    for kind in disc proj; do
+      run=runs/${set}_$kind
+      tmpl=""
+      [ $kind = proj ] && tmpl="--T $work/sets/$set/templates.mrcs --apixT $apix"
+      if [ ! -e "$run/picked" ]; then
+        for side in real decoy; do
+          rm -rf "$run/$side" && mkdir -p "$run/$side"
+          for m in sets/$set/m*.mrc; do ln -s "$work/$m" "$run/$side/"; done
+          flag=""
+          [ $side = decoy ] && flag=--dont_invertT
+          # The flag goes first: a flag takes a following word that starts
+          # with neither a letter nor "-" as its value.
+          # shellcheck disable=SC2086 # options held in words
+          (cd "$run/$side" && "$gvex" $flag --apixM $apix --diameter $d --cc_cutoff 0 $tmpl m*.mrc >pick.log)
+        done
+        (cd "$run/real" && "$report" --out rep --apixM $apix --diameter $d --apply m*.mrc >report.log)
+        touch "$run/picked"
+      fi
+      # A pick is true within half a particle radius.
+      radii=$(awk -v d=$d -v a=$apix 'BEGIN { print d / 4 / a, d / 2 / a }')
+      : >"$run/list"
+      for m in sets/$set/m*.mrc; do
+        b=$(basename "$m" .mrc)
+        echo "$run/real/${b}_vexmatch.box $run/decoy/${b}_vexmatch.box sets/$set/${b}_truth.txt" \
+          "$run/real/${b}_vexmatch_auto.box $radii" >>"$run/list"
+      done
+      lists="$lists ${set}_$kind=$run/list"
+    done
+  done
+done
+# shellcheck disable=SC2086 # one word per set
+python3 "$here/cutoff_eval.py" table $lists

@@ -1,0 +1,158 @@
+// Automatic cut-offs of gvexreport on planted score sets: the Otsu split and
+// the cut-off from a decoy run (templates of inverted contrast).
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstdint>
+#include <vector>
+
+#include "report/cutoff.h"
+
+namespace {
+
+// xorshift64* with Box-Muller: the same draws with every library.
+struct Draws {
+  uint64_t s;
+  explicit Draws(uint64_t seed) : s(seed * 0x9E3779B97F4A7C15ULL + 1) {}
+  double uniform() {
+    s ^= s >> 12, s ^= s << 25, s ^= s >> 27;
+    return ((s * 2685821657736338717ULL) >> 11) * (1.0 / 9007199254740992.0);
+  }
+  std::vector<double> normal(int n, double mean, double sd) {
+    std::vector<double> v;
+    while ((int)v.size() < n) {
+      const double u1 = std::max(uniform(), 1e-300), u2 = uniform();
+      v.push_back(mean + sd * std::sqrt(-2 * std::log(u1)) * std::cos(6.283185307179586 * u2));
+    }
+    return v;
+  }
+};
+
+std::vector<double> join(std::vector<double> a, const std::vector<double>& b) {
+  a.insert(a.end(), b.begin(), b.end());
+  return a;
+}
+
+long at_least(const std::vector<double>& v, double cut) {
+  return std::count_if(v.begin(), v.end(), [&](double s) { return s >= cut; });
+}
+
+// F1 of keeping particles and noise at or above cut.
+double f1(const std::vector<double>& particles, const std::vector<double>& noise, double cut) {
+  const double tp = at_least(particles, cut), kept = tp + at_least(noise, cut);
+  return 2 * tp / (kept + particles.size());
+}
+
+double best_f1(const std::vector<double>& particles, const std::vector<double>& noise) {
+  double best = 0;
+  for (double c : join(particles, noise)) best = std::max(best, f1(particles, noise, c));
+  return best;
+}
+
+}  // namespace
+
+TEST(OtsuCutoff, SplitsTwoGroupsAndTellsOnePopulationApart) {
+  Draws d(1);
+  const std::vector<double> noise = d.normal(300, 0.1, 0.03), particles = d.normal(60, 0.5, 0.04);
+  const Cutoff two = choose_cutoff(join(noise, particles), 0.3);
+  EXPECT_TRUE(two.split);
+  EXPECT_GT(two.value, *std::max_element(noise.begin(), noise.end()));
+  EXPECT_LE(two.value, *std::min_element(particles.begin(), particles.end()));
+  // One population: kept whole when its upper tenth reaches the pooled
+  // cut-off, dropped whole when not.
+  const std::vector<double> one = d.normal(200, 0.4, 0.05);
+  EXPECT_LE(choose_cutoff(one, 0.3).value, *std::min_element(one.begin(), one.end()));
+  EXPECT_GT(choose_cutoff(one, 0.6).value, *std::max_element(one.begin(), one.end()));
+  EXPECT_FALSE(otsu_split({0.1, 0.2, 0.3}).split);
+}
+
+// Sparse micrographs: decoys stand for the noise picks one for one.
+TEST(NullModelCutoff, SparseSeparatedGroupsAreCutBetween) {
+  Draws d(2);
+  const std::vector<double> particles = d.normal(40, 0.5, 0.05), noise = d.normal(300, 0.1, 0.04);
+  const DecoyCutoff c = null_model_cutoff(join(noise, particles), d.normal(300, 0.1, 0.04), 800);
+  EXPECT_FALSE(c.crowded);
+  EXPECT_GE(at_least(particles, c.value), 39);
+  EXPECT_LE(at_least(noise, c.value), 3);
+  EXPECT_NEAR(c.particles, 40, 4);
+}
+
+TEST(NullModelCutoff, SparseOverlappingGroupsComeNearTheBestF1) {
+  for (uint64_t seed = 3; seed < 8; seed++) {
+    Draws d(seed);
+    const std::vector<double> particles = d.normal(60, 0.25, 0.06), noise = d.normal(250, 0.12, 0.05);
+    const DecoyCutoff c = null_model_cutoff(join(noise, particles), d.normal(250, 0.12, 0.05), 1000);
+    EXPECT_FALSE(c.crowded);
+    EXPECT_GE(f1(particles, noise, c.value), best_f1(particles, noise) - 0.06) << "seed " << seed;
+  }
+}
+
+// A contamination rim scores high with either contrast: it must not drag
+// the cut above the particles.
+TEST(NullModelCutoff, ContaminationTailInBothRunsLeavesTheCutBelowTheParticles) {
+  Draws d(9);
+  const std::vector<double> particles = d.normal(40, 0.45, 0.05), noise = d.normal(300, 0.1, 0.04);
+  const std::vector<double> rim = d.normal(15, 0.9, 0.1), decoy_rim = d.normal(15, 0.9, 0.1);
+  const DecoyCutoff c = null_model_cutoff(join(join(noise, particles), rim), join(d.normal(300, 0.1, 0.04), decoy_rim), 800);
+  EXPECT_GE(at_least(particles, c.value), 38);
+  EXPECT_LE(at_least(noise, c.value), 3);
+}
+
+// Crowded micrographs: decoys answer in every gap between particles and
+// overcount the few false picks; nearly every pick is kept.
+TEST(NullModelCutoff, CrowdedMicrographKeepsNearlyAllPicks) {
+  Draws d(10);
+  const std::vector<double> particles = d.normal(400, 0.3, 0.08), noise = d.normal(10, 0.1, 0.04);
+  const std::vector<double> gaps = d.normal(250, 0.15, 0.07);
+  const DecoyCutoff c = null_model_cutoff(join(particles, noise), gaps, 900);
+  EXPECT_TRUE(c.crowded);
+  EXPECT_GE(c.crowding, kCrowded);
+  EXPECT_GE(at_least(particles, c.value), 380);
+  // Weak noise picks below the particles are still cut: above the cut the
+  // decoys are at most half of the picks.
+  const std::vector<double> weak = d.normal(100, 0.05, 0.02);
+  const DecoyCutoff cut = null_model_cutoff(join(particles, weak), d.normal(300, 0.1, 0.05), 900);
+  EXPECT_TRUE(cut.crowded);
+  EXPECT_GE(at_least(particles, cut.value), 380);
+  EXPECT_LE(at_least(weak, cut.value), 20);
+  // The same scores on a micrograph with room for ten times as many
+  // particles read as sparse, and the gap decoys then cost particles.
+  const DecoyCutoff sparse = null_model_cutoff(join(particles, noise), gaps, 9000);
+  EXPECT_FALSE(sparse.crowded);
+  EXPECT_GT(sparse.value, c.value);
+}
+
+TEST(NullModelCutoff, NoiseAloneKeepsAlmostNothing) {
+  for (uint64_t seed = 11; seed < 16; seed++) {
+    Draws d(seed);
+    const std::vector<double> real = d.normal(300, 0.1, 0.05);
+    const DecoyCutoff c = null_model_cutoff(real, d.normal(300, 0.1, 0.05), 800);
+    EXPECT_FALSE(c.crowded) << "seed " << seed;
+    EXPECT_LE(at_least(real, c.value), 15) << "seed " << seed;
+  }
+  // Noise maxima of the real run a little above the decoys' (as beside
+  // large contamination) are not taken for a sparse micrograph's particles.
+  for (uint64_t seed = 18; seed < 23; seed++) {
+    Draws d(seed);
+    const std::vector<double> real = d.normal(300, 0.12, 0.05);
+    EXPECT_LE(at_least(real, null_model_cutoff(real, d.normal(300, 0.1, 0.05), 800).value), 60) << "seed " << seed;
+  }
+  // The same scores in both runs: nothing beats the decoys.
+  const std::vector<double> same = Draws(17).normal(100, 0.1, 0.05);
+  EXPECT_EQ(at_least(same, null_model_cutoff(same, same, 800).value), 0);
+}
+
+TEST(NullModelCutoff, EdgeCases) {
+  EXPECT_EQ(null_model_cutoff({}, {0.1, 0.2}, 100).value, 0);  // nothing to keep
+  std::vector<double> real(12, 0.3);
+  real[0] = 0.2;
+  // No decoys: no evidence of noise, every pick is kept; too few picks
+  // prove nothing and none are kept.
+  EXPECT_EQ(null_model_cutoff(real, {}, 1000).value, 0.2);
+  EXPECT_GT(null_model_cutoff({0.2, 0.3, 0.4}, {}, 1000).value, 0.4);
+  // Tied scores are kept or dropped together.
+  EXPECT_EQ(null_model_cutoff(real, {0.2, 0.25}, 1000).value, 0.3);
+  // No usable area: the picks are taken as crowded.
+  EXPECT_TRUE(null_model_cutoff(real, {0.1}, 0).crowded);
+}
