@@ -2,12 +2,11 @@
 
 #include "report/cutoff.h"
 
-double auto_cutoff(const std::vector<double>& scores, const std::vector<double>& earlier) {
-  // The run so far, this micrograph included, plays the whole run's part of
-  // gvexreport's rule.
-  std::vector<double> pooled = earlier;
-  pooled.insert(pooled.end(), scores.begin(), scores.end());
-  return choose_cutoff(scores, pooled_cutoff(pooled).value).value;
+double auto_cutoff(const PickResult& r, double diameter, double apix) {
+  std::vector<double> scores, decoys;
+  for (const Pick& p : r.picks) scores.push_back(p.score);
+  for (const Pick& p : r.decoys) decoys.push_back(p.score);
+  return null_model_cutoff(scores, decoys, disc_capacity(r.usable_pixels, diameter, apix)).value;
 }
 
 double job_cutoff(const std::vector<double>& all) { return pooled_cutoff(all).value; }

@@ -1,16 +1,14 @@
 // The automatic cut-off of a job that picks while micrographs arrive: each
-// micrograph is cut when it is picked, knowing only the micrographs picked
-// before it. One place, so that a better rule can take its place.
+// micrograph is cut when it is picked, from its own picks and decoys. One
+// place, so that a better rule can take its place.
 #pragma once
 #include <vector>
 
-// Micrographs before this one whose scores take part (the most recent):
-// enough for the run's typical scores, and a bounded cost per micrograph.
-constexpr int kCutoffWindow = 200;
+#include "picker/session.h"
 
-// The cut-off of a micrograph with these scores (every grid maximum), given
-// those of the micrographs picked before it (empty for the first).
-double auto_cutoff(const std::vector<double>& scores, const std::vector<double>& earlier);
+// The cut-off of one picked micrograph (its result holds every grid maximum
+// and the decoys of the same scan) for particles of diameter A at apix A.
+double auto_cutoff(const PickResult& r, double diameter, double apix);
 
-// The cut-off over every score of the job, shown on its page.
+// The one line the job's page draws over every score of the job.
 double job_cutoff(const std::vector<double>& all);

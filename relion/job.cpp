@@ -303,8 +303,10 @@ PickSettings Job::settings_for(double apix) const {
     p.apixT = (float)o_.apix_templates;
     p.apixT_given = true;
   }
-  // Every grid maximum is kept: the cut-off is the job's, per micrograph.
+  // Every grid maximum is kept, and the decoys of the same scan: the
+  // cut-off is the job's, per micrograph.
   p.cc_cutoff = 0;
+  p.decoys = o_.cutoff_auto;
   p.write_star = false;
   p.write_rejected_box = true;
   p.read_float16 = true;
@@ -495,12 +497,7 @@ void Job::write_one(Picked& p) {
   r.coords = job_file_for(o_.out, r.mic, "_autopick.star", why);
   r.picture = job_file_for("pictures/", r.mic, ".png", why);
   if (o_.cutoff_auto) {
-    std::vector<double> scores, earlier;
-    for (const Pick& k : r.picks) scores.push_back(k.score);
-    const size_t from = records_.size() > (size_t)kCutoffWindow ? records_.size() - kCutoffWindow : 0;
-    for (size_t k = from; k < records_.size(); k++)
-      for (const Pick& q : records_[k].picks) earlier.push_back(q.score);
-    r.cutoff = auto_cutoff(scores, earlier);
+    r.cutoff = auto_cutoff(p.result, p.settings.opt.diameter, p.settings.opt.apixM);
   } else {
     r.cutoff = o_.cutoff;
   }

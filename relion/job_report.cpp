@@ -6,6 +6,7 @@
 #include "common/atomic_file.h"
 #include "common/errors.h"
 #include "common/owned.h"
+#include "common/regular_file.h"
 #include "io/mrcfile.h"
 #include "io/star_table.h"
 #include "relion/cutoff_rule.h"
@@ -14,8 +15,9 @@
 
 bool read_for_report(Micrograph& m, std::string& why) {
   try {
-    OwnedFile fp(fopen(m.name.c_str(), "r"));
-    if (!fp) return why = "cannot open " + m.name, false;
+    const char* kind = "";
+    OwnedFile fp(gvex_open_regular(m.name.c_str(), &kind));
+    if (!fp) return why = *kind ? m.name + " is " + kind + ", not a file" : "cannot open " + m.name, false;
     MRC_HEAD h;
     mrc_read_head(fp.get(), &h);
     if (!mrc_mode_is_readable(h.mode, true)) return why = m.name + " has pixel mode " + std::to_string(h.mode), false;
