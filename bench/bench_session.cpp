@@ -3,7 +3,10 @@
 // wisdom (what gvexmatch_tune writes): the whole-program benchmark for a
 // planning gvexmatch itself never uses.
 //
-//   bench_session [--fftw_wisdom FILE] [gvexmatch options] MICROGRAPH...
+//   bench_session [--fftw_wisdom FILE] [--decoys] [gvexmatch options] MICROGRAPH...
+//
+// --decoys also finds the null model's decoys in the same scan (what the
+// companions that choose a cut-off ask for).
 //
 // Prints the planning line, each micrograph's time (reading +
 // normalisation + picking) and "steady S first F prep P total T" in seconds.
@@ -25,6 +28,14 @@ namespace {
 
 int run(int argc, char** argv) {
   const std::string wisdom = gvex_take_wisdom_option(argc, argv);
+  bool decoys = false;
+  for (int i = 1; i < argc; i++)
+    if (std::string(argv[i]) == "--decoys") {
+      decoys = true;
+      for (int k = i; k < argc; k++) argv[k] = argv[k + 1];
+      argc--;
+      break;
+    }
   const double t0 = gvex_wall_seconds();
   std::vector<double> times;
   double prep = 0;
@@ -39,7 +50,9 @@ int run(int argc, char** argv) {
     gvex_device_activate(p->gid);
     planning = gvex_on_gpu() ? "GPU (cuFFT)" : gvex_companion_wisdom(wisdom.empty() ? "none" : wisdom);
     const Reference ref = gvexmatch_reference(*p, argv[0]);
-    PickSession session(derive(options_from_record(*p)));
+    PickOptions options = options_from_record(*p);
+    options.decoys = decoys;
+    PickSession session(derive(options));
     session.prepare(ref.head, ref.name, 1, p->mic_files[0]);
     prep = gvex_wall_seconds() - t0;
     for (int i = 0; i < p->n_mic; i++) {

@@ -238,6 +238,7 @@ void FftPlan2d::make(bool forward) {
   (forward ? host_fwd_ : host_inv_) = (void*)p;
 }
 
+#if defined(GVEX_WITH_CUDA)
 bool FftPlan2d::dev_aligned(const void* p) { return ((unsigned long)p & (GVEX_FFT_ALIGN - 1)) == 0; }
 
 float* FftPlan2d::dev_scratch_real() {
@@ -249,6 +250,7 @@ float2* FftPlan2d::dev_scratch_complex() {
   if (!dev_tmp_c_) safe_cudaMalloc((void**)&dev_tmp_c_, (unsigned long)(nx_ / 2 + 1) * ny_ * sizeof(float2));
   return dev_tmp_c_;
 }
+#endif
 
 float* FftPlan2d::scratch_real() {
   if (!tmp_r_) {

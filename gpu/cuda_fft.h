@@ -66,9 +66,11 @@ class FftPlan2d {
   void make(bool forward);
   float* scratch_real();
   float2* scratch_complex();
+#if defined(GVEX_WITH_CUDA)
   static bool dev_aligned(const void* p);
   float* dev_scratch_real();
   float2* dev_scratch_complex();
+#endif
 
   int nx_, ny_, jobs_;
   bool gpu_;

@@ -327,16 +327,14 @@ void gvex_launch_too_large(const char* source_path, int line, unsigned long nx, 
   gvex_device_error(text, line, source_path);
 }
 
-void gvex_check_kernel(const char* source_path, int line) {
 #if defined(GVEX_WITH_CUDA)
+void gvex_check_kernel(const char* source_path, int line) {
   if (g_on_gpu) {
     const char* err = gvex_cuda::sync_error();
     if (err) gvex_device_error(err, line, source_path);
   }
-#endif
-  (void)source_path;
-  (void)line;
 }
+#endif
 
 void gvex_check_copy(int code, const char* source_path, int line) {
   if (code == 0) return;

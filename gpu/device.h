@@ -66,9 +66,11 @@ void hcuda_empty(void* p, unsigned long bytes);  // counts bytes
 void hcuda_memset_float(float* p, float value, unsigned long n);
 
 // ---- checks ----
+#if defined(GVEX_WITH_CUDA)
 // Synchronise and end the process on a pending device error:
 // "Error %s at line %d in file %s\n" on stderr, exit status 1.
 void gvex_check_kernel(const char* source_path, int line);
+#endif
 // A copy's platform code checked the same way (for copies whose failure
 // would leave garbage behind).
 void gvex_check_copy(int code, const char* source_path, int line);

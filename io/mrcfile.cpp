@@ -47,6 +47,7 @@ const char* element_words(int mode) {
     case 1: return "shorts";
     case 2: return "floats";
     case 6: return "unsigned shorts";
+    case 12: return "half floats";
     default: return "elements";
   }
 }
@@ -101,6 +102,31 @@ void read_head_named(FILE* fp, MRC_HEAD* head, const char* name, const char* fun
 }
 
 // ---- element conversion ----
+// IEEE 754 binary16 to float: every half value is exact in a float.
+float half_to_float(uint16_t h) {
+  const uint32_t sign = (uint32_t)(h & 0x8000u) << 16, exp = (h >> 10) & 0x1fu, frac = h & 0x3ffu;
+  uint32_t bits;
+  if (exp == 0x1fu) {
+    bits = sign | 0x7f800000u | (frac << 13);  // infinity, NaN
+  } else if (exp != 0) {
+    bits = sign | ((exp + 112u) << 23) | (frac << 13);
+  } else if (frac == 0) {
+    bits = sign;  // signed zero
+  } else {
+    // Subnormal: frac x 2^-24, exact in a float.
+    const float v = (float)frac * 5.9604644775390625e-8f;
+    memcpy(&bits, &v, 4);
+    bits |= sign;
+  }
+  float f;
+  memcpy(&f, &bits, 4);
+  return f;
+}
+
+// Bytes of one stored element as the readers take it: mode 12 only for a
+// caller that reads float16.
+long stored_size(int mode, bool float16) { return float16 && mode == 12 ? 2 : mrc_mode_element_size(mode); }
+
 template <class T>
 T from_float(float v) {
   if constexpr (std::is_same<T, unsigned char>::value) {
@@ -152,6 +178,13 @@ void convert(const unsigned char* raw, int mode, bool mode6_unsigned, size_t cou
         out[i] = from_float<T>(v);
       }
       break;
+    case 12:  // reached only through a float16 reader (stored_size)
+      for (size_t i = 0; i < count; i++) {
+        uint16_t v;
+        memcpy(&v, raw + 2 * i, 2);
+        out[i] = from_float<T>(half_to_float(v));
+      }
+      break;
     default:
       break;
   }
@@ -164,7 +197,7 @@ bool read_elements(FILE* fp, int mode, bool mode6_unsigned, size_t count, T* out
   if constexpr (std::is_same<T, float>::value) {
     if (mode == 2) return fread(out, sizeof(float), count, fp) == count;
   }
-  const size_t es = (size_t)mrc_mode_element_size(mode);
+  const size_t es = (size_t)stored_size(mode, true);
   std::vector<unsigned char> raw(es * count);
   if (fread(raw.data(), es, count, fp) != count) return false;
   convert(raw.data(), mode, mode6_unsigned, count, out);
@@ -176,9 +209,9 @@ bool read_elements(FILE* fp, int mode, bool mode6_unsigned, size_t count, T* out
 }
 
 template <class T>
-int read_slice_named(FILE* fp, const MRC_HEAD* head, int n, char axis, T* out, const char* name, const char* func,
-                     int line) {
-  if (!mrc_mode_is_readable(head->mode)) return 0;  // output left as it is
+int read_slice_named(FILE* fp, const MRC_HEAD* head, int n, char axis, T* out, bool float16, const char* name,
+                     const char* func, int line) {
+  if (!mrc_mode_is_readable(head->mode, float16)) return 0;  // output left as it is
   const char a = (char)(axis | 0x20);               // lower case
   if (a != 'x' && a != 'y' && a != 'z') return 0;
   long bytes = 0;
@@ -186,7 +219,7 @@ int read_slice_named(FILE* fp, const MRC_HEAD* head, int n, char axis, T* out, c
     io_fatalf(func, gvex_module, line, "file %s has the invalid image size %d x %d x %d in its header", name, head->nx,
               head->ny, head->nz);
   const long nx = head->nx, ny = head->ny, nz = head->nz;
-  const long es = mrc_mode_element_size(head->mode);
+  const long es = stored_size(head->mode, float16);
   const long fsize = get_file_size(fp);
   const long planes = a == 'z' ? nz : (a == 'y' ? ny : nx);
   if (n < 0 || n >= planes)
@@ -398,7 +431,9 @@ int mrc_mode_element_size(int mode) {
   }
 }
 
-bool mrc_mode_is_readable(int mode) { return mode == 0 || mode == 1 || mode == 2 || mode == 6; }
+bool mrc_mode_is_readable(int mode, bool float16) {
+  return mode == 0 || mode == 1 || mode == 2 || mode == 6 || (float16 && mode == 12);
+}
 
 const char* mrc_mode_name(int mode) {
   switch (mode) {
@@ -450,9 +485,10 @@ int mrc_check_fsize(FILE* fp, const MRC_HEAD* head) {
   return 0;
 }
 
-int mrc_read_slice(FILE* fp, const MRC_HEAD* head, int n, char axis, float* out) {
+int mrc_read_slice(FILE* fp, const MRC_HEAD* head, int n, char axis, float* out, bool float16) {
   char buf[NAME_BUF];
-  return read_slice_named(fp, head, n, axis, out, io_stream_name(fp, buf, sizeof buf), "mrc_read_slice", __LINE__);
+  return read_slice_named(fp, head, n, axis, out, float16, io_stream_name(fp, buf, sizeof buf), "mrc_read_slice",
+                          __LINE__);
 }
 
 int mrc_read_stack(FILE* fp, const MRC_HEAD* head, float* out) {

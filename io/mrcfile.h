@@ -1,5 +1,5 @@
 // MRC image files: the 1024-byte header record, readers that hand out 32-bit
-// floats (modes 0, 1, 2 and 6) and writers of mode-2 float images and stacks.
+// floats (modes 0, 1, 2 and 6; 12 on request) and writers of mode-2 float images and stacks.
 // Files are read and written in the host's little-endian byte order; pixel
 // data always start at byte 1024.
 //
@@ -67,10 +67,11 @@ void mrc_set_head_mmm_from_data(MRC_HEAD* head, const float* data, unsigned long
 // ---- modes ----
 // Bytes per stored element (0 for a mode without a known size).
 int mrc_mode_element_size(int mode);
-// True for the modes converted to floats: 0, 1, 2 and 6. Slice readers leave
-// their output untouched for any other mode, so callers that need pixels ask
-// this first.
-bool mrc_mode_is_readable(int mode);
+// True for the modes converted to floats: 0, 1, 2 and 6, and 12 (float16)
+// for a caller that asks for it (gvexmatch itself keeps refusing it). Slice
+// readers leave their output untouched for any other mode, so callers that
+// need pixels ask this first.
+bool mrc_mode_is_readable(int mode, bool float16 = false);
 const char* mrc_mode_name(int mode);
 const char* mrc_get_head_mode(const MRC_HEAD* head);
 
@@ -82,7 +83,8 @@ int mrc_read_head(FILE* fp, MRC_HEAD* head);
 // 0 when the file is exactly 1024 + element size x nx x ny x nz bytes.
 int mrc_check_fsize(FILE* fp, const MRC_HEAD* head);
 // One plane along axis 'x', 'y' or 'z' (either case); n is the plane number.
-int mrc_read_slice(FILE* fp, const MRC_HEAD* head, int n, char axis, float* out);
+// float16: mode 12 is read too.
+int mrc_read_slice(FILE* fp, const MRC_HEAD* head, int n, char axis, float* out, bool float16 = false);
 // Every z plane at once, converted as the slice reader converts them.
 int mrc_read_stack(FILE* fp, const MRC_HEAD* head, float* out);
 

@@ -12,10 +12,11 @@
 #include "common/regular_file.h"
 #include "gpu/resample.h"
 
-MicPrefetch::MicPrefetch(const MRC_HEAD& ref, int shrink, int ext, int threads)
+MicPrefetch::MicPrefetch(const MRC_HEAD& ref, int shrink, int ext, int threads, bool float16)
     : ref_(ref),
       shrink_(shrink),
       threads_(threads > 0 ? threads : 1),
+      float16_(float16),
       raw_((unsigned long)ref.nx * ref.ny),
       shrunk_((unsigned long)ext * ext) {}
 
@@ -59,9 +60,9 @@ void MicPrefetch::read_now() {
     // The readers only throw here: what they would say is the run's to say.
     mrc_read_head(fp.get(), &head_);
     if (head_.nx != ref_.nx || head_.ny != ref_.ny || head_.nz != ref_.nz || head_.mode != ref_.mode ||
-        !mrc_mode_is_readable(head_.mode))
+        !mrc_mode_is_readable(head_.mode, float16_))
       return;
-    mrc_read_slice(fp.get(), &head_, 0, 'z', raw_.data());
+    mrc_read_slice(fp.get(), &head_, 0, 'z', raw_.data(), float16_);
     if (fstat(fileno(fp.get()), &after) != 0 || !same_file(before, after)) return;
     cpu_2d_meanshrink_extended_even_square(shrunk_.data(), raw_.data(), ref_.nx, ref_.ny, shrink_);
     st_ = after;

@@ -18,8 +18,8 @@ class MicPrefetch {
   // Micrographs of the reference's size and mode, shrunk by shrink (>= 1;
   // anything else is left to the run) to the ext x ext working image.
   // threads: host threads the shrink may use (the cores the picking of the
-  // current micrograph leaves free).
-  MicPrefetch(const MRC_HEAD& ref, int shrink, int ext, int threads = 1);
+  // current micrograph leaves free). float16: mode 12 is read too.
+  MicPrefetch(const MRC_HEAD& ref, int shrink, int ext, int threads = 1, bool float16 = false);
   ~MicPrefetch();  // waits for a read in flight
   MicPrefetch(const MicPrefetch&) = delete;
   MicPrefetch& operator=(const MicPrefetch&) = delete;
@@ -46,6 +46,7 @@ class MicPrefetch {
 
   MRC_HEAD ref_;
   int shrink_, threads_;
+  bool float16_;
   HostBuffer<float> raw_, shrunk_;
   std::thread thread_;
   // Set before the thread starts or by the thread; read after the join.

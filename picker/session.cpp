@@ -200,7 +200,7 @@ void PickSession::prepare(const MRC_HEAD& reference, const std::string& referenc
   // On a GPU the host cores are idle but for the read-ahead: half of them shrink.
   const int read_threads = gvex_on_gpu() ? (gvex_host_threads() + 1) / 2 : 1;
   try {
-    d.ahead.reset(new MicPrefetch(reference, d.s.shrink, d.ext, read_threads));
+    d.ahead.reset(new MicPrefetch(reference, d.s.shrink, d.ext, read_threads, d.s.opt.read_float16));
     if (!first.empty()) d.ahead->start(first);
     d.prepare_templates();
     d.prepare_buffers(sharers);
@@ -278,7 +278,7 @@ void PickSession::Impl::read(const std::string& mic, const std::string& next, Mi
   check_mrc_head_sizes_two(mic.c_str(), first_mic.c_str(), &head, &ref);
   printf("Reading File %s ...\n", mic.c_str());
   shrunk_ready = ahead && ahead->take(mic, fmic.get(), head, h_raw, h_shrunk);
-  if (!shrunk_ready) mrc_read_slice(fmic.get(), &head, 0, 'z', h_raw.data());
+  if (!shrunk_ready) mrc_read_slice(fmic.get(), &head, 0, 'z', h_raw.data(), s.opt.read_float16);
   fmic.reset();
   if (ahead && !next.empty()) ahead->start(next);
 

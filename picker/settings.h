@@ -47,6 +47,9 @@ struct PickOptions {
   bool write_star = true, write_rejected_box = false, write_ccmax_mic = false, write_pref_mic = false,
        write_bg_mic = false, write_bgfree_mic = false, write_lsigma_mic = false, write_mic_mask = false,
        extract_raw = false, do_unfinished = false;
+  // Micrographs of MRC mode 12 (float16) are read; gvexmatch's command line
+  // never sets it, so gvexmatch keeps refusing them.
+  bool read_float16 = false;
 };
 
 struct PickSettings {

@@ -255,6 +255,29 @@ TEST(GpuScan, BatchesAndStoreGiveTheSameBitsAndTheHostsMaps) {
   }
 }
 
+// On the GPU too, the decoy map of a scan is the map of the template with
+// its contrast the other way, bit for bit (the batched fold).
+TEST(GpuScan, DecoyMapIsTheInvertedTemplatesMap) {
+  REQUIRE_GPU();
+  const int n = 128, t = 32;
+  const size_t N = (size_t)n * n;
+  std::vector<float> T = noise((size_t)t * t, 4), minus(T);
+  for (float& v : minus) v = -v;
+  const bool same = on(true, [&] {
+    Dev<float> mic(noise(N, 7)), mask(std::vector<float>(N, 1.0f)), dT(T), dminus(minus), cc(N), psi(N), decoy(N),
+        inv(N), inv_psi(N);
+    ScanWorkspace a(0, 16), b(0, 16);
+    testing::internal::CaptureStdout();
+    vexmatch_ccmax_psi_by_one_template(mic.get(), mask.get(), cc.get(), psi.get(), 1, n, n, dT.get(), t, t, 12.8f, 0.0f,
+                                       359.0f, 5.0f, &a, decoy.get());
+    vexmatch_ccmax_psi_by_one_template(mic.get(), mask.get(), inv.get(), inv_psi.get(), 1, n, n, dminus.get(), t, t,
+                                       12.8f, 0.0f, 359.0f, 5.0f, &b);
+    testing::internal::GetCapturedStdout();
+    return same_bits(decoy.host(), inv.host());
+  });
+  EXPECT_TRUE(same);
+}
+
 // A batch slab of 32 working images of 5760^2 (4.2 GB, past the launcher's
 // 2^31 elements) over memory left dirty: cleared whole, it gives the maps
 // of the smallest batch.

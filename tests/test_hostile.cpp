@@ -167,6 +167,27 @@ TEST(Hostile, TwoRunsOnOneFolderNeverUndoEachOther) {
   }
 }
 
+// The longest usable micrograph names work: every output name fits the
+// 1024-byte buffers, and the commit's marker never shortens that limit.
+TEST(Hostile, TheLongestUsableNamesArePicked) {
+  TempDir dir;
+  ASSERT_TRUE(make_mic(dir.path(), "m.mrc", 384, 384, 1));
+  // Folders of 200 characters make a path whose stem leaves exactly room for
+  // "_vexmatch.star" and "_nonunique.box" in 1023 bytes.
+  std::string rel;
+  while (dir.path().size() + 1 + rel.size() + 200 < 1023 - 14 - 4 - 20) {
+    rel += std::string(200, 'd') + "/";
+    ASSERT_EQ(mkdir(dir.file(rel).c_str(), 0755), 0);
+  }
+  const size_t stem = 1023 - 14 - (dir.path().size() + 1 + rel.size());
+  const std::string name = rel + std::string(stem, 'm') + ".mrc";
+  ASSERT_EQ(link(dir.file("m.mrc").c_str(), dir.file(name).c_str()), 0);
+  const RunResult r = gvex_in(dir.path(), {dir.file(name)});
+  EXPECT_EQ(r.status, 0) << r.out.substr(r.out.size() > 600 ? r.out.size() - 600 : 0);
+  EXPECT_TRUE(file_exists(dir.file(rel + std::string(stem, 'm') + "_vexmatch.star")));
+  EXPECT_FALSE(file_exists(dir.file(rel + std::string(stem, 'm') + "_vexmatch.commit")));
+}
+
 // Memory that runs out ends with a line that says so and how much was asked
 // for, status 1; an absurd template stack is refused before it is read.
 TEST(Hostile, ExhaustedMemoryAndAbsurdStacksEndWithALine) {
@@ -212,6 +233,15 @@ TEST(Hostile, ReportTakesDamagedPicksAndOddNames) {
   EXPECT_LT(std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count(), 20.0);
   EXPECT_TRUE(contains(r.out, "4 damaged line(s) of m_vexmatch.box skipped")) << r.out;
   EXPECT_TRUE(contains(r.out, "1 damaged line(s) of m_rejected.box skipped")) << r.out;
+
+  // A hundred thousand picks with particles of 1e5 A: linear, and clipped.
+  std::string many;
+  for (int i = 0; i < 100000; i++) many += std::to_string(i % 500) + " " + std::to_string(i / 200) + " 20 20 0.5 1 0\n";
+  ASSERT_TRUE(write_text_file(dir.file("m_many.box"), many));
+  const auto t1 = std::chrono::steady_clock::now();
+  r = report_in(dir.path(), "--out repm --apixM 1.34 --diameter 100000 --suffix _many.box m.mrc");
+  EXPECT_EQ(r.status, 0) << r.out << r.err;
+  EXPECT_LT(std::chrono::duration<double>(std::chrono::steady_clock::now() - t1).count(), 30.0);
 
   // A name of 200 characters with #, % and ? in it.
   const std::string odd = std::string(180, 'x') + "#1%20?a b.mrc";

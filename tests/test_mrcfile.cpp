@@ -3,6 +3,7 @@
 // their file. An independent reader checks written files in mrc_validate.py.
 #include <gtest/gtest.h>
 
+#include <cmath>
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
@@ -66,6 +67,14 @@ std::vector<float> section(const std::string& f, int z) {
   return v;
 }
 
+void section16(const std::string& f) {
+  OwnedFile fp(fopen(f.c_str(), "r"));
+  MRC_HEAD h;
+  mrc_read_head(fp.get(), &h);
+  std::vector<float> v((size_t)h.nx * h.ny);
+  mrc_read_slice(fp.get(), &h, 0, 'z', v.data(), true);
+}
+
 std::string captured(const std::function<void()>& f) {
   testing::internal::CaptureStdout();
   f();
@@ -114,6 +123,47 @@ TEST(MrcRead, EveryReadableModeRoundTrips) {
     for (int i = 0; i < ny * nz; i++) EXPECT_EQ(x2[i], s[i * nx + 2]);
     fclose(fp);
   }
+}
+
+// Mode 12 (IEEE half floats) only for a reader that asks: normal, subnormal,
+// signed zero, the largest half, infinity; the read-ahead takes it likewise.
+// Without asking, the mode stays unreadable and the output untouched.
+TEST(MrcRead, Float16OnlyWhenAsked) {
+  TempDir dir;
+  const std::vector<uint16_t> halves = {0x3C00, 0xC000, 0x3555, 0x0001, 0x03FF, 0x8000, 0x7BFF, 0x7C00, 0x0000};
+  const std::vector<float> want = {1.0f, -2.0f, 0.333251953125f, 5.9604644775390625e-8f, 6.097555160522461e-5f,
+                                   -0.0f, 65504.0f, INFINITY, 0.0f};
+  const std::string f = dir.file("h.mrc");
+  write_mode(f, 3, 3, 1, 12, halves);
+  EXPECT_FALSE(mrc_mode_is_readable(12));
+  EXPECT_TRUE(mrc_mode_is_readable(12, true));
+  FILE* fp = fopen(f.c_str(), "r");
+  MRC_HEAD h;
+  mrc_read_head(fp, &h);
+  std::vector<float> out(9, 7.0f);
+  mrc_read_slice(fp, &h, 0, 'z', out.data());
+  EXPECT_EQ(out, std::vector<float>(9, 7.0f));
+  mrc_read_slice(fp, &h, 0, 'z', out.data(), true);
+  EXPECT_EQ(out, want);
+  EXPECT_TRUE(std::signbit(out[5]));
+  float column[3];
+  mrc_read_slice(fp, &h, 1, 'x', column, true);  // 2-byte strides along x
+  EXPECT_EQ(std::vector<float>(column, column + 3), std::vector<float>({-2.0f, 6.097555160522461e-5f, INFINITY}));
+  fclose(fp);
+  const MRC_HEAD ref = make_head(3, 3, 1, 12);
+  MicPrefetch plain(ref, 1, 2), f16(ref, 1, 2, 1, true);
+  for (MicPrefetch* ahead : {&plain, &f16}) {
+    HostBuffer<float> r(9), s(4);
+    OwnedFile in(fopen(f.c_str(), "r"));
+    MRC_HEAD got;
+    mrc_read_head(in.get(), &got);
+    ahead->start(f);
+    EXPECT_EQ(ahead->take(f, in.get(), got, r, s), ahead == &f16);
+  }
+  // A file too short for its half floats says so.
+  write_mode(dir.file("short.mrc"), 3, 3, 1, 12, std::vector<uint16_t>(5, 0));
+  expect_fatal(capture_run([&] { section16(dir.file("short.mrc")); }), "mrc_read_slice",
+               "is too short for image 0 of 3 x 3 half floats");
 }
 
 TEST(MrcRead, ExactSizeCheck) {

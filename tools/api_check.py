@@ -5,6 +5,8 @@ companions), not only by tests or benchmarks. The build links with
 --gc-sections, so a program holds exactly the functions it reaches. Reports
 the library functions no program reaches, split into those a test or
 benchmark reaches and those nothing reaches; exits 1 when there are any.
+Exact on an unoptimised build, where no call is inlined away
+(tools/api_check.sh makes one).
 
 usage: api_check.py BUILD_DIR
 """

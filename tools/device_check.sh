@@ -67,7 +67,7 @@ if has sanitizer; then
       say "compute-sanitizer $1 on $2 $3: status $rc, $(grep -h 'ERROR SUMMARY' "$log.part")  [$(elapsed) s]"
     }
     for tool in memcheck initcheck; do
-      run_cs $tool test_gpu 'GpuScan.BatchesAndStore*:GpuBatchFft.*:GpuMemory.*'
+      run_cs $tool test_gpu 'GpuScan.BatchesAndStore*:GpuScan.Decoy*:GpuBatchFft.*:GpuMemory.*'
       run_cs $tool test_conformance 'Conformance.CorrelationScan:Conformance.FourierSpace'
     done
     rm -f "$log.part"
@@ -86,5 +86,14 @@ if has bench; then
   timeout 200 sh "$B"/bench/bench_picker.sh "$B" /tmp/gvex_bench "${BENCH_MICROGRAPHS:-6}" >"$OUT"/bench.log 2>&1
   say "bench_picker: status $?  [$(elapsed) s]"
   grep -E 'bare FFT on|steady state|first micrograph|run per micrograph|Running on' "$OUT"/bench.log >>"$S"
+  # The companions' scan with decoys, against the same scan without, on the
+  # benchmark's copies of the 4 x 72 run.
+  bw=/tmp/gvex_bench
+  if [ -x "$B"/bench/bench_session ] && [ -f $bw/templates.mrcs ]; then
+    for d in "" --decoys; do
+      (cd $bw && timeout 120 "$B"/bench/bench_session $d --apixM 1.34 --diameter 300 --T templates.mrcs --apixT 1.34 \
+        b_*.mrc 2>&1 | tail -1 | sed "s/^/bench_session ${d:-plain}: /") >>"$S"
+    done
+  fi
 fi
 say "done in $(elapsed) s"

@@ -8,3 +8,5 @@ cmake --build build/ci -j2
 # Every fuzz target for 30 s from its seeds (the sanitizers report any finding).
 bash tools/fuzz.sh 30
 ctest --test-dir build/ci --output-on-failure -j2
+# Every library function is reached by a program (an unoptimised build).
+bash tools/api_check.sh

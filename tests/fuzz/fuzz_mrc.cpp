@@ -1,5 +1,5 @@
 // MRC header and pixels, as the run reads a micrograph (header, size and mode
-// checks, first section) and a template stack (every section).
+// checks, first section, float16 included) and a template stack (every section).
 #include <memory>
 #include <vector>
 
@@ -16,12 +16,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   std::string path = fuzz::write_scratch(data, size, ".mrc");
   fuzz::refused_or_done([&] {
     std::unique_ptr<MRC_HEAD, void (*)(MRC_HEAD*)> head(get_mrcf_head(path.c_str()), mrc_delete_head);
-    if (!mrc_mode_is_readable(head->mode) || (long)head->nx * head->ny > (1L << 24)) return;
+    // Float16 (mode 12) as the RELION companion reads it.
+    if (!mrc_mode_is_readable(head->mode, true) || (long)head->nx * head->ny > (1L << 24)) return;
     std::unique_ptr<FILE, int (*)(FILE*)> fp(fopen(path.c_str(), "r"), fclose);
     MRC_HEAD h;
     mrc_read_head(fp.get(), &h);
     std::vector<float> pixels((size_t)h.nx * h.ny);
-    mrc_read_slice(fp.get(), &h, 0, 'z', pixels.data());
+    mrc_read_slice(fp.get(), &h, 0, 'z', pixels.data(), true);
   });
   fuzz::refused_or_done([&] {
     int nx = 0, ny = 0, nz = 0;

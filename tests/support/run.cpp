@@ -78,6 +78,7 @@ static std::string relocated(const char* sub, const std::string& fallback) {
 
 std::string gvex_bin() { return relocated("/gvexmatch", GVEX_BIN); }
 std::string gvex_tools_dir() { return relocated("/tools", GVEX_TOOLS_DIR); }
+std::string gvex_relion_bin() { return relocated("/relion/gvexmatch_relion", GVEX_RELION_BIN); }
 std::string gvex_source_dir() { return relocated("", GVEX_SOURCE_DIR); }
 
 std::string gvex_report_bin() {

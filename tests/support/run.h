@@ -29,6 +29,7 @@ RunResult run_shell(const std::string& command, const RunOptions& opt = RunOptio
 // relocated build (the GPU bundle) names its root in GVEX_TEST_BUILD_DIR.
 std::string gvex_bin();
 std::string gvex_tools_dir();
+std::string gvex_relion_bin();  // the RELION External-job companion
 std::string gvex_source_dir();
 std::string gvex_report_bin();
 // The picker whose launcher is built for other architectures only (empty

@@ -1,0 +1,12 @@
+// One run of a picking job: the micrographs not yet picked, picked in input
+// order (or, with --follow, as they arrive), their files written while the
+// next one is picked, and the job's node files and report at the end.
+#pragma once
+#include <cstdio>
+#include <string>
+
+#include "relion/job_options.h"
+
+// Runs the job; log receives the progress lines. Returns the exit status
+// (JobStatus) and, unless it is a success, why.
+int run_job(const JobOptions& o, FILE* log, std::string& why);

@@ -1,0 +1,105 @@
+#include "relion/job_report.h"
+
+#include <algorithm>
+#include <cmath>
+
+#include "common/atomic_file.h"
+#include "common/errors.h"
+#include "common/owned.h"
+#include "common/regular_file.h"
+#include "io/mrcfile.h"
+#include "io/star_table.h"
+#include "relion/cutoff_rule.h"
+#include "relion/relion_files.h"
+#include "report/page.h"
+
+bool read_for_report(Micrograph& m, std::string& why) {
+  try {
+    const char* kind = "";
+    OwnedFile fp(gvex_open_regular(m.name.c_str(), &kind));
+    if (!fp) return why = *kind ? m.name + " is " + kind + ", not a file" : "cannot open " + m.name, false;
+    MRC_HEAD h;
+    mrc_read_head(fp.get(), &h);
+    if (!mrc_mode_is_readable(h.mode, true)) return why = m.name + " has pixel mode " + std::to_string(h.mode), false;
+    m.nx = h.nx, m.ny = h.ny, m.nz = h.nz, m.mode = h.mode, m.nsymbt = h.nsymbt;
+    // A cell equal to the sampling says nothing about the pixel size.
+    m.header_apix = h.mx > 0 && h.xlen > 0 && h.xlen != (float)h.mx ? (double)h.xlen / h.mx : 0;
+    m.pixels.assign((size_t)h.nx * h.ny, 0.0f);
+    mrc_read_slice(fp.get(), &h, 0, 'z', m.pixels.data(), true);
+  } catch (const GvexFailure& f) {
+    why = f.text;
+    return false;
+  }
+  m.nonfinite = 0;
+  for (float v : m.pixels) m.nonfinite += !std::isfinite(v);
+  return true;
+}
+
+bool report_micrograph(Micrograph& m, const PickSettings& pick, bool apix_given, const std::string& picture_path) {
+  Settings s;
+  s.apix = pick.opt.apixM;
+  s.diameter = pick.opt.diameter;
+  s.apix_given = apix_given;
+  s.pick = pick;
+  add_warnings(m, s);
+  return make_parent_dirs(picture_path) && write_picture(m, s, picture_path);
+}
+
+namespace {
+
+std::string fmt(const char* f, double v) {
+  char b[64];
+  snprintf(b, sizeof b, f, v);
+  return b;
+}
+
+bool write_summary(const std::string& path, const std::vector<MicRecord>& records) {
+  StarTable t;
+  t.name = "micrographs";
+  t.labels = {"rlnMicrographName", "rlnMicrographCoordinates", "rlnMicrographPixelSize", "gvexPickCount", "gvexKeptCount",
+              "gvexCutoff", "gvexMedianScore", "gvexMaskedFraction", "gvexWarnings"};
+  for (const MicRecord& r : records) {
+    std::vector<double> s;
+    for (const Pick& p : r.picks) s.push_back(p.score);
+    std::sort(s.begin(), s.end());
+    std::string warn;
+    for (const std::string& w : r.warnings) warn += (warn.empty() ? "" : "; ") + w;
+    t.rows.push_back({r.mic, r.coords, fmt("%.6f", r.apix), std::to_string(r.picks.size()), std::to_string(kept_picks(r).size()),
+                      fmt("%.6f", r.cutoff), fmt("%.6f", s.empty() ? 0.0 : s[s.size() / 2]), fmt("%.4f", r.masked),
+                      warn.empty() ? "none" : warn});
+  }
+  PartFile f(path.c_str(), "w");
+  return f.fp() && fputs("# gvexmatch_relion: one row per picked micrograph\n", f.fp()) >= 0 &&
+         star_write(f.fp(), t) && f.commit();
+}
+
+}  // namespace
+
+bool write_job_report(const std::string& job, const std::vector<MicRecord>& records, double diameter, std::string& why) {
+  std::vector<Micrograph> mics(records.size());
+  std::vector<std::string> pictures;
+  std::vector<double> all;
+  for (size_t k = 0; k < records.size(); k++) {
+    const MicRecord& r = records[k];
+    Micrograph& m = mics[k];
+    m.name = r.mic;
+    m.nx = r.nx, m.ny = r.ny;
+    m.picks_found = true;
+    m.picks = r.picks;
+    m.rejected = r.rejected;
+    m.masked = r.masked;
+    m.cutoff = r.cutoff;
+    m.warnings = r.warnings;
+    pictures.push_back(r.picture);
+    for (const Pick& p : r.picks) all.push_back(p.score);
+  }
+  // The page draws the picks and finds the pictures' crops with the pixel
+  // size they were drawn with (one a job, as its first micrograph's).
+  Settings s;
+  s.apix = records.empty() ? 1.0 : records.front().apix;
+  s.diameter = diameter;
+  if (!write_page(mics, pictures, s, job_cutoff(all), job + "index.html"))
+    return why = "cannot write " + job + "index.html", false;
+  if (!write_summary(job + "summary.star", records)) return why = "cannot write " + job + "summary.star", false;
+  return true;
+}

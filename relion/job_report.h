@@ -1,0 +1,21 @@
+// The job's report, from its records: gvexreport's page (index.html, a
+// picture per micrograph, histograms, warnings) and summary.star, one row
+// per micrograph for culling micrographs downstream.
+#pragma once
+#include <string>
+#include <vector>
+
+#include "relion/record.h"
+#include "report/micrograph.h"
+
+// The header and first section of m.name, float16 included; false with why.
+bool read_for_report(Micrograph& m, std::string& why);
+
+// The report's view of a micrograph picked with these settings: the
+// warnings (added to m) and its picture at picture_path. apix_given: the
+// pixel size came from the input, so a header that disagrees is worth a word.
+bool report_micrograph(Micrograph& m, const PickSettings& pick, bool apix_given, const std::string& picture_path);
+
+// index.html and summary.star of the job folder, the picks drawn as circles
+// of diameter A; false with why.
+bool write_job_report(const std::string& job, const std::vector<MicRecord>& records, double diameter, std::string& why);
