@@ -11,8 +11,6 @@ struct Picture {
   // Blends colour (r, g, b) into pixel (x, y) with weight a in [0, 1];
   // pixels outside the picture are ignored.
   void blend(int x, int y, const uint8_t c[3], double a);
-  // A ring of the given radius and thickness, centred at (cx, cy).
-  void ring(double cx, double cy, double radius, double thickness, const uint8_t c[3]);
 };
 
 // Writes the picture as PNG under "<path>.part", then renames it; false
