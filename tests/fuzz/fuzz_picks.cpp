@@ -32,8 +32,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     decide_cutoff(m, set, 0.0);
     add_warnings(m, set);
     const std::string png = fuzz::scratch(".png");
+    fuzz::scratch("_crop.png");  // crop_name(png): removed at exit too, even mid-input
     fuzz::refused_or_done([&] { write_picture(m, set, png); });
     unlink(png.c_str());
+    unlink(crop_name(png).c_str());
   }
   return 0;
 }
