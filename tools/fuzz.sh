@@ -22,3 +22,10 @@ for src in tests/fuzz/fuzz_*.cpp; do
   runs=$(grep -o 'stat::number_of_executed_units: *[0-9]*' "build/fuzz/$target.log" | grep -o '[0-9]*$')
   echo "fuzz: $target ran $runs inputs in ${seconds}s, no finding"
 done
+# The targets remove their scratch inputs when they end.
+for dir in /dev/shm /tmp; do
+  if ls "$dir"/gvex_fuzz_* >/dev/null 2>&1; then
+    echo "fuzz: scratch files left in $dir: $(ls "$dir"/gvex_fuzz_* | head -3 | tr '\n' ' ')"
+    exit 1
+  fi
+done
