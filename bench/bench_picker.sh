@@ -121,7 +121,7 @@ run b 4 72 --T templates.mrcs --apixT $APIX
 
 # (c) Run (b) with host plans from FFTW wisdom: gvexmatch_tune measures the
 # plans of such a run, bench_session picks WISDOM_MICROGRAPHS copies planning
-# from it, against the FFT work with measured plans. Host back end only.
+# from it, against the FFT work with plans measured now. Host only.
 TUNE=$BUILD/tune/gvexmatch_tune
 SESSION=$BUILD/bench/bench_session
 if [ -x "$TUNE" ] && [ -x "$SESSION" ] && ! grep -q '^Running on GPU' run_b.log; then
@@ -138,7 +138,7 @@ if [ -x "$TUNE" ] && [ -x "$SESSION" ] && ! grep -q '^Running on GPU' run_b.log;
       -v pair_2n="$(mms BM_BarePair $((2 * N)))" -v nw="$nw" '
     /^steady/ {
       fft = (4 * pair_2n + 2 * r2c_2n + 4 * (r2c_n + 72 * c2r_n)) / 1000
-      printf "  bare FFT work per micrograph, measured plans: %.3fs\n", fft
+      printf "  bare FFT work per micrograph, plans measured now: %.3fs\n", fft
       printf "  steady state / measured FFT work  %5.2f   (%.3fs)\n", $2 / fft, $2
       printf "  run per micrograph / measured FFT work %5.2f   (total %.3fs for %d, preparation %.3fs)\n", $8 / nw / fft, $8, nw, $6
     }' session.log

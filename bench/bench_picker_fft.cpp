@@ -7,10 +7,12 @@
 // dynamic team). On a GPU: cuFFT through the program's plan object, whose
 // calls are the library call and a device synchronisation.
 //
-// With --measure the host plans are measured (FFTW_MEASURE): the floor a run
-// planning from wisdom can reach.
+// With --measure the host plans are measured now (FFTW_MEASURE): the floor
+// for a run that plans from wisdom. With --wisdom FILE they come from that
+// wisdom where it has the shape (a run's wisdom holds its scan's 1-D plans,
+// not these 2-D ones).
 //
-//   bench_picker_fft --n N [--store-mib MIB] [--measure] [Google Benchmark flags]
+//   bench_picker_fft --n N [--store-mib MIB] [--measure | --wisdom FILE] [Google Benchmark flags]
 #include <benchmark/benchmark.h>
 #include <fftw3.h>
 
@@ -27,6 +29,7 @@
 namespace {
 
 unsigned g_rigor = FFTW_ESTIMATE;
+std::string g_wisdom;
 
 #if defined(GVEX_FFTW_THREADS)
 // FFTW's parallel loops on OpenMP threads, as the program runs them.
@@ -51,9 +54,16 @@ class Bare {
     fftwf_threads_set_callback(omp_loop, nullptr);
     fftwf_plan_with_nthreads(gvex_fft_plan_jobs(n, n));
 #endif
+    static bool imported = false;  // after the threads' solvers are registered, or it never matches
+    if (!g_wisdom.empty() && !imported) {
+      imported = fftwf_import_wisdom_from_filename(g_wisdom.c_str()) != 0;
+      if (!imported) fprintf(stderr, "bench_picker_fft: cannot read wisdom %s\n", g_wisdom.c_str());
+    }
     std::vector<float> keep(r_, r_ + nr);  // measuring overwrites the arrays
     fwd_ = fftwf_plan_dft_r2c_2d(n, n, r_, c_, g_rigor);
+    if (!fwd_) fwd_ = fftwf_plan_dft_r2c_2d(n, n, r_, c_, FFTW_ESTIMATE);  // a shape the wisdom lacks
     inv_ = fftwf_plan_dft_c2r_2d(n, n, c_, back_, g_rigor | FFTW_DESTROY_INPUT);
+    if (!inv_) inv_ = fftwf_plan_dft_c2r_2d(n, n, c_, back_, FFTW_ESTIMATE | FFTW_DESTROY_INPUT);
     std::copy(keep.begin(), keep.end(), r_);
   }
   ~Bare() {
@@ -165,6 +175,11 @@ int main(int argc, char** argv) {
     }
     if (i > 0 && !strcmp(argv[i], "--measure")) {
       g_rigor = FFTW_MEASURE;
+      continue;
+    }
+    if (i > 0 && !strcmp(argv[i], "--wisdom") && i + 1 < argc) {
+      g_wisdom = argv[++i];
+      g_rigor = FFTW_MEASURE | FFTW_WISDOM_ONLY;
       continue;
     }
     if (i > 0 && !strcmp(argv[i], "--store-mib") && i + 1 < argc) {
