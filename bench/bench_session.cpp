@@ -10,14 +10,12 @@
 //
 // Prints the planning line, each micrograph's time (reading +
 // normalisation + picking) and "steady S first F prep P total T" in seconds.
-#include <fcntl.h>
-#include <unistd.h>
-
 #include <cstdio>
 #include <string>
 #include <vector>
 
 #include "common/errors.h"
+#include "common/redirect.h"
 #include "gpu/cuda_fft.h"
 #include "gpu/device.h"
 #include "picker/session.h"
@@ -41,11 +39,7 @@ int run(int argc, char** argv) {
   double prep = 0;
   std::string planning;
   {
-    // The picker's own lines go to /dev/null.
-    fflush(stdout);
-    const int saved = dup(1), null = open("/dev/null", O_WRONLY);
-    dup2(null, 1);
-    close(null);
+    StdoutRedirect quiet;  // the picker's own lines
     ParaPtr p = gvexmatch_start(argc, argv, [](int& gid) { return check_and_set_gid(gid) == 0; });
     gvex_device_activate(p->gid);
     planning = gvex_on_gpu() ? "GPU (cuFFT)" : gvex_companion_wisdom(wisdom.empty() ? "none" : wisdom);
@@ -57,16 +51,10 @@ int run(int argc, char** argv) {
     prep = gvex_wall_seconds() - t0;
     for (int i = 0; i < p->n_mic; i++) {
       const PickResult r = session.pick(p->mic_files[i], i + 1 < p->n_mic ? p->mic_files[i + 1] : "");
-      if (r.outcome == PickResult::Outcome::failed) {
-        dup2(saved, 1);
-        throw r.failure;
-      }
+      if (r.outcome == PickResult::Outcome::failed) throw r.failure;
       times.push_back(r.times.reading + r.times.normalization + r.times.picking);
     }
     if (!gvex_on_gpu()) planning = "FFT plans: " + gvex_fft_plans_text() + "\n";
-    fflush(stdout);
-    dup2(saved, 1);
-    close(saved);
   }
   fputs(planning.c_str(), stdout);
   double steady = 0;

@@ -59,29 +59,29 @@ unsigned long gvex_scan_store_budget(unsigned long available, int sharers) {
 int scan_quantum(int nx, int ny, int n_angles) {
   // A batch's product is one launch: a quantum of spectra stays below the
   // launcher's limit.
-  const unsigned long spec = (unsigned long)(nx / 2 + 1) * ny;
-  const unsigned long cap = GVEX_LAUNCH_MAX_1D / spec;
+  const unsigned long half_n = (unsigned long)(nx / 2 + 1) * ny;
+  const unsigned long cap = GVEX_LAUNCH_MAX_1D / half_n;
   long q = n_angles < SCAN_QUANTUM ? n_angles : SCAN_QUANTUM;
   if ((unsigned long)q > cap) q = (long)cap;
   if (q < 1) q = 1;
   // Each quantum's first image must sit where cuFFT takes it: at odd sizes
   // that means a few more images per quantum.
   while ((unsigned long)q * nx * ny * sizeof(float) % GVEX_FFT_ALIGN != 0 ||
-         (unsigned long)q * spec * sizeof(float2) % GVEX_FFT_ALIGN != 0)
+         (unsigned long)q * half_n * sizeof(float2) % GVEX_FFT_ALIGN != 0)
     q++;
   return (int)q;
 }
 
 int gvex_scan_batch(int nx, int ny, int n_angles, unsigned long bytes) {
-  const unsigned long spec = (unsigned long)(nx / 2 + 1) * ny;
+  const unsigned long half_n = (unsigned long)(nx / 2 + 1) * ny;
   // Per angle: the padded template and its map (reals), its spectrum and
   // the product (complex), and about as much again for cuFFT's work areas.
-  const unsigned long per_angle = 2UL * nx * ny * sizeof(float) + 4UL * spec * sizeof(float2);
+  const unsigned long per_angle = 2UL * nx * ny * sizeof(float) + 4UL * half_n * sizeof(float2);
   const int q = scan_quantum(nx, ny, n_angles);
   unsigned long b = bytes / per_angle;
   if (b > (unsigned long)SCAN_BATCH_MAX) b = SCAN_BATCH_MAX;
   // The product is one launch over the batch: below the launcher's limit.
-  const unsigned long launch_cap = GVEX_LAUNCH_MAX_1D / spec;
+  const unsigned long launch_cap = GVEX_LAUNCH_MAX_1D / half_n;
   if (b > launch_cap) b = launch_cap;
   const unsigned long whole = (unsigned long)(n_angles + q - 1) / q * q;
   if (b > whole) b = whole;

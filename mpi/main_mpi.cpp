@@ -19,6 +19,7 @@
 
 #include "common/errors.h"
 #include "common/owned.h"
+#include "common/redirect.h"
 #include "common/strutil.h"
 #include "gpu/device.h"
 #include "io/mrcfile.h"
@@ -43,32 +44,6 @@ struct Result {
   char reason[512] = {0};
 };
 
-// Standard output goes to /dev/null while it lives: the pipeline's own lines
-// would interleave across ranks.
-class Quiet {
- public:
-  explicit Quiet(bool on) : on_(on) {
-    if (!on_) return;
-    fflush(stdout);
-    saved_ = dup(1);
-    const int null = open("/dev/null", O_WRONLY);
-    dup2(null, 1);
-    close(null);
-  }
-  ~Quiet() {
-    if (!on_) return;
-    fflush(stdout);
-    dup2(saved_, 1);
-    close(saved_);
-  }
-  Quiet(const Quiet&) = delete;
-  Quiet& operator=(const Quiet&) = delete;
-
- private:
-  bool on_;
-  int saved_ = -1;
-};
-
 void usage(const char* prog) {
   printf("Usage: mpirun -n K %s [gvexmatch options] MICROGRAPH...\n\n"
          "Picks the micrographs with the options and outputs of gvexmatch, spread over K MPI ranks: rank 0\n"
@@ -79,7 +54,6 @@ void usage(const char* prog) {
          "else of the file GVEX_FFTW_WISDOM names (none: estimated plans), else FFTW's system wisdom.\n\n"
          "gvexmatch's options:\n",
          prog);
-  Quiet off(false);
   gvexmatch_help(prog);
 }
 
@@ -90,7 +64,7 @@ Result pick_one(PickSession& session, const GVexMatch_Para& p, int i, int rank) 
   const double t0 = gvex_wall_seconds();
   PickResult picked;
   {
-    Quiet quiet(true);
+    StdoutRedirect quiet;
     picked = session.pick(p.mic_files[i]);
   }
   r.seconds = gvex_wall_seconds() - t0;
@@ -157,7 +131,7 @@ int run_mpi(int argc, char** argv, int rank, int ranks, int local_rank, int loca
   Reference ref;
   {
     // The option echo and the reference micrograph's warnings, once.
-    Quiet quiet(rank != 0);
+    StdoutRedirect quiet(nullptr, rank != 0);
     gvex_timer_push();
     p = gvexmatch_start(argc, argv, [](int& gid) { return check_and_set_gid(gid) == 0; });
     const int gpus = gvex_device_count();
@@ -183,7 +157,7 @@ int run_mpi(int argc, char** argv, int rank, int ranks, int local_rank, int loca
   int ok = 1, all_ok = 1;
   GvexFailure failure;
   try {
-    Quiet quiet(true);
+    StdoutRedirect quiet;
     session.prepare(ref.head, ref.name, sharers);
   } catch (const GvexFailure& f) {
     ok = 0;

@@ -142,6 +142,8 @@ class Job {
 
  private:
   // ---- the run ----
+  bool start(std::string& why);
+  std::vector<MicEntry> ready(double now);
   bool open_folder(std::string& why);
   bool check_settings(std::string& why);
   bool refresh_input(bool first, std::string& why);
@@ -557,20 +559,22 @@ bool Job::write_job_files(bool page, std::string& why) {
   return true;
 }
 
-int Job::run(std::string& why) {
-  if (!open_folder(why)) return kFailure;
+// The job folder, its records and settings, the input, the device and the
+// writer thread: false, with why, when the job cannot start.
+bool Job::start(std::string& why) {
+  if (!open_folder(why)) return false;
   std::vector<std::string> bad;
   records_ = records_in(o_.out + "records/", bad);
   for (const std::string& b : bad) say("warning: %s; that micrograph is picked again\n", b.c_str());
-  if (!check_settings(why)) return kFailure;
+  if (!check_settings(why)) return false;
   for (const MicRecord& r : records_) {
     done_.insert(r.mic);
     coords_owner_[r.coords] = r.mic;
   }
   label_ = coords_type_label("");
-  if (!refresh_input(true, why)) return kFailure;
-  if (!o_.follow && input_.mics.empty()) return why = "no micrographs in " + o_.inputs[0], kFailure;
-  if (!o_.templates.empty() && !exists(o_.templates)) return why = "cannot read the templates " + o_.templates, kFailure;
+  if (!refresh_input(true, why)) return false;
+  if (!o_.follow && input_.mics.empty()) return why = "no micrographs in " + o_.inputs[0], false;
+  if (!o_.templates.empty() && !exists(o_.templates)) return why = "cannot read the templates " + o_.templates, false;
 #if defined(_OPENMP)
   if (o_.threads > 0) omp_set_num_threads(o_.threads);
 #endif
@@ -580,6 +584,29 @@ int Job::run(std::string& why) {
       input_.mics.size(), records_.size());
   say("%s", gvex_device_activate(gid));
   start_writer();
+  return true;
+}
+
+// The micrographs of the input ready to be picked now: not picked, not
+// failed as they stand, and settled; the rest still being written are
+// counted, and missing ones skipped (when not following).
+std::vector<MicEntry> Job::ready(double now) {
+  std::vector<MicEntry> todo;
+  waiting_ = 0;
+  for (const MicEntry& e : input_.mics) {
+    if (done_.count(e.name)) continue;
+    auto f = failed_.find(e.name);
+    Stamp s;
+    if (f != failed_.end() && stamp_of(e.name, s) && s == f->second) continue;
+    if (settled(e, now)) todo.push_back(e);
+    else if (!o_.follow && !stamp_of(e.name, s)) skip(e, "no such file");
+    else waiting_++;
+  }
+  return todo;
+}
+
+int Job::run(std::string& why) {
+  if (!start(why)) return kFailure;
   const double start = gvex_wall_seconds();
   last_news_ = start;
   bool fatal = false, stop = false;
@@ -593,19 +620,7 @@ int Job::run(std::string& why) {
       fatal = true;
       break;
     }
-    const double now = gvex_wall_seconds();
-    std::vector<MicEntry> todo;
-    waiting_ = 0;
-    for (const MicEntry& e : input_.mics) {
-      if (done_.count(e.name)) continue;
-      auto f = failed_.find(e.name);
-      Stamp s;
-      if (f != failed_.end() && stamp_of(e.name, s) && s == f->second) continue;
-      if (settled(e, now)) todo.push_back(e);
-      else if (!o_.follow && !stamp_of(e.name, s)) skip(e, "no such file");
-      else waiting_++;
-    }
-    pick_all(todo, why, fatal);
+    pick_all(ready(gvex_wall_seconds()), why, fatal);
     if (fatal) break;
     {
       std::lock_guard<std::mutex> g(q_lock_);

@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "common/atomic_file.h"
+#include "common/redirect.h"
 #include "common/errors.h"
 #include "common/owned.h"
 #include "gpu/device.h"
@@ -160,27 +161,6 @@ ReportOptions parse(int argc, char** argv) {
   return o;
 }
 
-// Standard output goes to the picking transcript while it lives: the
-// session prints gvexmatch's lines, which belong in the log, not among ours.
-class OutputTo {
- public:
-  explicit OutputTo(FILE* log) {
-    fflush(stdout);
-    saved_ = dup(1);
-    dup2(fileno(log), 1);
-  }
-  ~OutputTo() {
-    fflush(stdout);
-    dup2(saved_, 1);
-    close(saved_);
-  }
-  OutputTo(const OutputTo&) = delete;
-  OutputTo& operator=(const OutputTo&) = delete;
-
- private:
-  int saved_ = -1;
-};
-
 void read_pixels(Micrograph& m) {
   try {
     read_micrograph(m);
@@ -269,7 +249,7 @@ void pick_run(const ReportOptions& o, const char* prog, Run& run) {
   Reference ref;
   PickOptions opt;
   try {
-    OutputTo to_log(log.get());
+    StdoutRedirect to_log(log.get());
     gvex_timer_push();
     p = gvexmatch_start((int)words.size(), argv.data(), [](int& gid) { return check_and_set_gid(gid) == 0; });
     fputs(gvex_device_activate(p->gid), stdout);
@@ -288,7 +268,7 @@ void pick_run(const ReportOptions& o, const char* prog, Run& run) {
   run.suffix = opt.write_star ? "_vexmatch.star" : "_vexmatch.box";
   PickSession session(settings);
   try {
-    OutputTo to_log(log.get());
+    StdoutRedirect to_log(log.get());
     session.prepare(ref.head, ref.name, 1, p->mic_files[0]);
   } catch (const GvexFailure& f) {
     gvex_throw("gvexreport: cannot prepare the picking (gvexmatch's lines are in " + log_path + "):\n" + f.text,
@@ -301,7 +281,7 @@ void pick_run(const ReportOptions& o, const char* prog, Run& run) {
     PickResult r;
     const double t0 = gvex_wall_seconds();
     {
-      OutputTo to_log(log.get());
+      StdoutRedirect to_log(log.get());
       r = session.pick(m.name, i + 1 < p->n_mic ? p->mic_files[i + 1] : "");
     }
     if (r.outcome == PickResult::Outcome::failed)

@@ -17,9 +17,9 @@ std::vector<float> round_trip(int n, const Vec& img) {
   gvex_fft_plan_cache_clear();
   FftPlan2d& p = gvex_fft_plan(n, n);
   DevVec in(img), out(img.size());
-  DeviceArray<float2> spec((unsigned long)(n / 2 + 1) * n);
-  p.r2c(in.get(), spec.get());
-  p.c2r(spec.get(), out.get());
+  DeviceArray<float2> spectrum((unsigned long)(n / 2 + 1) * n);
+  p.r2c(in.get(), spectrum.get());
+  p.c2r(spectrum.get(), out.get());
   return download(out.get(), img.size());
 }
 

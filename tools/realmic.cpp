@@ -20,6 +20,7 @@
 #include "common/atomic_file.h"
 #include "common/errors.h"
 #include "io/mrcfile.h"
+#include "tools/rng.h"
 
 namespace {
 
@@ -66,25 +67,6 @@ const char* const kUsage =
   fprintf(stderr, "gvex_realmic: %s\n(gvex_realmic --help lists the options)\n", why.c_str());
   exit(2);
 }
-
-// xorshift64*, as in gvex_makemic: the same numbers on every machine.
-struct Rng {
-  uint64_t s;
-  explicit Rng(uint64_t seed) : s(seed * 0x9E3779B97F4A7C15ULL + 1) {}
-  uint64_t next() {
-    s ^= s >> 12;
-    s ^= s << 25;
-    s ^= s >> 27;
-    return s * 2685821657736338717ULL;
-  }
-  double uniform() { return (next() >> 11) * (1.0 / 9007199254740992.0); }
-  double range(double a, double b) { return a + (b - a) * uniform(); }
-  double normal() {
-    double u1 = uniform(), u2 = uniform();
-    if (u1 < 1e-300) u1 = 1e-300;
-    return std::sqrt(-2.0 * std::log(u1)) * std::cos(2 * kPi * u2);
-  }
-};
 
 struct Vec3 {
   double x, y, z;
@@ -293,23 +275,23 @@ double filter_power(int nx, int ny, double apix, H h) {
 template <class H>
 void fourier_filter(Image& img, double apix, H h) {
   const int nx = img.nx, ny = img.ny, nxh = nx / 2 + 1;
-  fftwf_complex* spec = fftwf_alloc_complex((size_t)nxh * ny);
-  fftwf_plan fwd = fftwf_plan_dft_r2c_2d(ny, nx, img.v.data(), spec, FFTW_ESTIMATE);
-  fftwf_plan inv = fftwf_plan_dft_c2r_2d(ny, nx, spec, img.v.data(), FFTW_ESTIMATE);
+  fftwf_complex* spectrum = fftwf_alloc_complex((size_t)nxh * ny);
+  fftwf_plan fwd = fftwf_plan_dft_r2c_2d(ny, nx, img.v.data(), spectrum, FFTW_ESTIMATE);
+  fftwf_plan inv = fftwf_plan_dft_c2r_2d(ny, nx, spectrum, img.v.data(), FFTW_ESTIMATE);
   fftwf_execute(fwd);
   const float norm = 1.0f / ((float)nx * ny);
   for (int j = 0; j < ny; j++) {
     const double ky = (j <= ny / 2 ? j : j - ny) / (ny * apix);
     for (int i = 0; i < nxh; i++) {
       const double f = h(i / (nx * apix), ky);
-      spec[(size_t)j * nxh + i][0] *= (float)f * norm;
-      spec[(size_t)j * nxh + i][1] *= (float)f * norm;
+      spectrum[(size_t)j * nxh + i][0] *= (float)f * norm;
+      spectrum[(size_t)j * nxh + i][1] *= (float)f * norm;
     }
   }
   fftwf_execute(inv);
   fftwf_destroy_plan(fwd);
   fftwf_destroy_plan(inv);
-  fftwf_free(spec);
+  fftwf_free(spectrum);
 }
 
 struct Ctf {

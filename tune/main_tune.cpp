@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "common/errors.h"
+#include "common/redirect.h"
 #include "gpu/cuda_fft.h"
 #include "gpu/device.h"
 #include "picker/session.h"
@@ -30,28 +31,6 @@ const char* const kUsage =
     "then plan from it without timing anything: gvexmatch_mpi --fftw_wisdom WISDOM_FILE, or the variable\n"
     "GVEX_FFTW_WISDOM. The same wisdom gives the same picks; wisdom for other sizes or options is not used.\n"
     "Tune on the machine that picks: measured plans suit the processor they were measured on.\n";
-
-// Standard output goes to /dev/null while it lives: the picker's own lines.
-class Quiet {
- public:
-  Quiet() {
-    fflush(stdout);
-    saved_ = dup(1);
-    const int null = open("/dev/null", O_WRONLY);
-    dup2(null, 1);
-    close(null);
-  }
-  ~Quiet() {
-    fflush(stdout);
-    dup2(saved_, 1);
-    close(saved_);
-  }
-  Quiet(const Quiet&) = delete;
-  Quiet& operator=(const Quiet&) = delete;
-
- private:
-  int saved_ = -1;
-};
 
 // A scratch folder holding a link to the micrograph, removed with it.
 struct Scratch {
@@ -91,7 +70,7 @@ int run(int argc, char** argv) {
   const double t0 = gvex_wall_seconds();
   PickResult r;
   {
-    Quiet quiet;
+    StdoutRedirect quiet;  // the picker's own lines
     ParaPtr p = gvexmatch_start(n, args.data(), [](int& gid) { return check_and_set_gid(gid) == 0; });
     const Reference ref = gvexmatch_reference(*p, argv[0]);
     Scratch scratch(ref.name);
