@@ -10,7 +10,6 @@
 #include "gpu/launch.h"
 #include "gpu/pool.h"
 
-static const char* const gvex_module = "process2d_raw";
 
 
 
