@@ -10,14 +10,6 @@
 #include "gpu/launch.h"
 #include "gpu/pool.h"
 
-
-
-
-
-
-
-
-
 void hcuda_2d_scale(float* d_out, const float* d_in, int nx, int ny, float factor) {
   const int nxo = hd_scaled_size(nx, factor), nyo = hd_scaled_size(ny, factor);
   const float r = 1.0f / factor;
@@ -63,7 +55,6 @@ void hcuda_2d_rotate(const float* d_in, float* d_out, int nx, int ny, float angl
   launch_2d(GVEX_SITE, nx, ny,
             GVEX_LAMBDA(int x, int y) { out[(long)y * nx + x] = hd_2d_rotated(in, nx, ny, c, s, x, y); });
 }
-
 
 void hcuda_2d_divide_inplace(float* d_p, int nx, int ny, float s) {
   float* p = d_p;
