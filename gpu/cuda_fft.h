@@ -105,7 +105,8 @@ class FftPlanBatch {
   void c2r(float2* d_in, float* d_out, int count);
 
  private:
-  int nx_, ny_, quantum_;
+  int nx_, ny_;
+  [[maybe_unused]] int quantum_;  // transforms per cuFFT call (CUDA builds)
   [[maybe_unused]] int dev_fwd_ = -1, dev_inv_ = -1;  // cufftHandle (CUDA builds)
 };
 

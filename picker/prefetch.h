@@ -45,7 +45,8 @@ class MicPrefetch {
   void read_now();  // the thread's body
 
   MRC_HEAD ref_;
-  int shrink_, threads_;
+  int shrink_;
+  [[maybe_unused]] int threads_;  // the read's OpenMP threads (OpenMP builds)
   bool float16_;
   HostBuffer<float> raw_, shrunk_;
   std::thread thread_;

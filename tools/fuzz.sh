@@ -10,6 +10,10 @@ seconds="${1:-30}"
 cmake --preset fuzz >/dev/null
 cmake --build --preset fuzz >/dev/null
 mkdir -p build/fuzz/findings
+# This run's scratch folder, in memory where the machine has /dev/shm.
+shm=/tmp; [ -w /dev/shm ] && shm=/dev/shm
+export GVEX_FUZZ_SCRATCH="$(mktemp -d "$shm/gvex_fuzz_run.XXXXXX")"
+trap 'rm -rf "$GVEX_FUZZ_SCRATCH"' EXIT  # after a finding too; the input is under findings/
 for src in tests/fuzz/fuzz_*.cpp; do
   target=$(basename "$src" .cpp)
   work="build/fuzz/corpus/$target"  # grows here; the seeds stay as checked in
@@ -23,9 +27,7 @@ for src in tests/fuzz/fuzz_*.cpp; do
   echo "fuzz: $target ran $runs inputs in ${seconds}s, no finding"
 done
 # The targets remove their scratch inputs when they end.
-for dir in /dev/shm /tmp; do
-  if ls "$dir"/gvex_fuzz_* >/dev/null 2>&1; then
-    echo "fuzz: scratch files left in $dir: $(ls "$dir"/gvex_fuzz_* | head -3 | tr '\n' ' ')"
-    exit 1
-  fi
-done
+if [ -n "$(ls -A "$GVEX_FUZZ_SCRATCH")" ]; then
+  echo "fuzz: scratch files left in $GVEX_FUZZ_SCRATCH: $(ls "$GVEX_FUZZ_SCRATCH" | head -3 | tr '\n' ' ')"
+  exit 1
+fi

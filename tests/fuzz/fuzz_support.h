@@ -29,8 +29,16 @@ inline std::set<std::string>& scratch_files() {
   return *files;
 }
 
+// GVEX_FUZZ_SCRATCH names the folder when set (tools/fuzz.sh gives each run
+// its own, so leftovers of a killed run elsewhere are not counted as ours).
+inline std::string scratch_dir() {
+  const char* set = getenv("GVEX_FUZZ_SCRATCH");
+  if (set && *set) return set;
+  return access("/dev/shm", W_OK) == 0 ? "/dev/shm" : "/tmp";
+}
+
 inline std::string scratch(const char* ending) {
-  static const std::string dir = access("/dev/shm", W_OK) == 0 ? "/dev/shm" : "/tmp";
+  static const std::string dir = scratch_dir();
   static const bool registered = atexit([] {
     for (const std::string& f : scratch_files()) unlink(f.c_str());
   }) == 0;
