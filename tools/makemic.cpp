@@ -93,10 +93,8 @@ void write_mrc(const char* name, const std::vector<float>& img, int nx, int ny, 
   }
 }
 
-int make(int argc, char** argv) {
-  if (argc < 3) usage();
+Options parse_make(int argc, char** argv) {
   Options o;
-  const char* out = argv[2];
   for (int i = 3; i < argc; i++) {
     std::string a = argv[i];
     if (a == "--nx") o.nx = atoi(value_of(argc, argv, i));
@@ -110,6 +108,33 @@ int make(int argc, char** argv) {
     else if (a == "--no-blob") o.blob = false;
     else usage();
   }
+  return o;
+}
+
+// NAME_truth.txt beside NAME.mrc: one "x y" centre a line.
+int write_truth(const char* out, const std::vector<std::pair<int, int>>& centres, std::string* name) {
+  std::string& truth = *name;
+  truth = out;
+  size_t dot = truth.rfind('.');
+  if (dot != std::string::npos) truth.resize(dot);
+  truth += "_truth.txt";
+  FILE* fp = fopen(truth.c_str(), "w");
+  if (!fp) {
+    fprintf(stderr, "gvex_makemic: cannot write %s\n", truth.c_str());
+    return 1;
+  }
+  for (auto& c : centres) fprintf(fp, "%d %d\n", c.first, c.second);
+  if (fclose(fp) != 0) {
+    fprintf(stderr, "gvex_makemic: cannot write %s\n", truth.c_str());
+    return 1;
+  }
+  return 0;
+}
+
+int make(int argc, char** argv) {
+  if (argc < 3) usage();
+  const char* out = argv[2];
+  const Options o = parse_make(argc, argv);
   if (o.nx < 64 || o.ny < 64 || o.nx > 16384 || o.ny > 16384 || o.apix <= 0 || o.diameter <= 0 ||
       (o.mode != 0 && o.mode != 1 && o.mode != 2 && o.mode != 6)) {
     fprintf(stderr, "gvex_makemic: sizes must be 64..16384, apix and diameter positive, mode 0, 1, 2 or 6\n");
@@ -160,17 +185,8 @@ int make(int argc, char** argv) {
   }
   write_mrc(out, img, nx, ny, o.mode);
 
-  std::string truth = out;
-  size_t dot = truth.rfind('.');
-  if (dot != std::string::npos) truth.resize(dot);
-  truth += "_truth.txt";
-  FILE* fp = fopen(truth.c_str(), "w");
-  if (!fp) {
-    fprintf(stderr, "gvex_makemic: cannot write %s\n", truth.c_str());
-    return 1;
-  }
-  for (auto& c : centres) fprintf(fp, "%d %d\n", c.first, c.second);
-  fclose(fp);
+  std::string truth;
+  if (write_truth(out, centres, &truth) != 0) return 1;
   printf("wrote %s (%d x %d, mode %d) with %zu particles of radius %.1f px; centres in %s\n", out, nx, ny,
          o.mode, centres.size(), R, truth.c_str());
   return 0;

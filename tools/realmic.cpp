@@ -370,16 +370,7 @@ double disc_mean_square(Image& img, const std::vector<std::pair<double, double>>
   return n ? ms / n : 0;
 }
 
-int run(const Options& o) {
-  Rng rng(o.seed);
-  const std::vector<Vec3> atoms = make_protein(o.protein_seed, o.atoms, o.domains, o.diameter);
-  if (o.n_templates > 0) write_templates(o, atoms);
-
-  const double R = 0.5 * o.diameter / o.apix;  // particle radius, px
-  // Padding keeps the CTF's delocalisation from wrapping round the edges.
-  const int pad = 192, px = (o.nx + 2 * pad + 63) / 64 * 64, py = (o.ny + 2 * pad + 63) / 64 * 64;
-  const int ox = (px - o.nx) / 2, oy = (py - o.ny) / 2;
-
+Ctf draw_ctf(const Options& o, Rng& rng) {
   Ctf ctf;
   ctf.lambda = electron_wavelength(o.kv);
   ctf.cs = o.cs * 1e7;
@@ -389,12 +380,22 @@ int run(const Options& o) {
   ctf.df1 = (df + 0.5 * astig) * 1e4;
   ctf.df2 = (df - 0.5 * astig) * 1e4;
   ctf.angle = rng.range(0, kPi);
+  return ctf;
+}
 
-  // Carbon outside a large hole whose edge arcs across the image.
-  const double hole_r = 1.5 * std::max(o.nx, o.ny), dir = rng.range(0, 2 * kPi);
-  double hole_x = 0.5 * o.nx, hole_y = 0.5 * o.ny;
-  if (o.carbon > 0) {
-    double lo = -hole_r, hi = hole_r + std::hypot(o.nx, o.ny);  // shift of the hole's centre
+// Carbon outside a large hole whose edge arcs across the image.
+struct Carbon {
+  bool present = false;
+  double hole_r = 0, hole_x = 0, hole_y = 0;
+
+  Carbon(const Options& o, Rng& rng) {
+    hole_r = 1.5 * std::max(o.nx, o.ny);
+    const double dir = rng.range(0, 2 * kPi);
+    hole_x = 0.5 * o.nx, hole_y = 0.5 * o.ny;
+    present = o.carbon > 0;
+    if (!present) return;
+    // Bisect the shift of the hole's centre that leaves the wanted share under carbon.
+    double lo = -hole_r, hi = hole_r + std::hypot(o.nx, o.ny);
     for (int it = 0; it < 40; it++) {
       const double mid = 0.5 * (lo + hi), cx = 0.5 * o.nx - mid * std::cos(dir), cy = 0.5 * o.ny - mid * std::sin(dir);
       int out = 0;
@@ -404,19 +405,31 @@ int run(const Options& o) {
     }
     hole_x -= lo * std::cos(dir), hole_y -= lo * std::sin(dir);
   }
-  auto carbon_at = [&](double x, double y) {  // 0 in the hole, 1 on carbon, a 2-px soft edge
-    if (o.carbon <= 0) return 0.0;
+
+  // 0 in the hole, 1 on carbon, a 2-px soft edge.
+  double at(double x, double y) const {
+    if (!present) return 0.0;
     const double e = std::hypot(x - hole_x, y - hole_y) - hole_r;
     return e <= -1 ? 0.0 : e >= 1 ? 1.0 : 0.5 + 0.5 * std::sin(0.5 * kPi * e);
-  };
+  }
+};
 
-  // Contamination: dark irregular blobs, a third of them large; each large
-  // one is a cluster of lobes of their own darkness, which gives texture.
-  struct Blob {
-    double x, y, r, depth, harm[4][2];
-  };
+// Contamination: dark irregular blobs, a third of them large; each large
+// one is a cluster of lobes of their own darkness, which gives texture.
+struct Blob {
+  double x, y, r, depth, harm[4][2];
+
+  double at(double px, double py) const {  // 1 inside, soft 3-px rim
+    const double a = std::atan2(py - y, px - x);
+    double rr = r;
+    for (int k = 0; k < 4; k++) rr *= 1 + harm[k][0] * std::cos((k + 2) * a + harm[k][1]);
+    const double e = std::hypot(px - x, py - y) - rr;
+    return e <= -1.5 ? 1.0 : e >= 1.5 ? 0.0 : 0.5 - 0.5 * std::sin(kPi * e / 3);
+  }
+};
+
+std::vector<Blob> draw_blobs(long n_blobs, const Options& o, double R, Rng& rng) {
   std::vector<Blob> blobs;
-  const long n_blobs = std::lround(o.contamination * o.nx * (double)o.ny / (4096.0 * 4096.0));
   auto add_blob = [&](double x, double y, double r) {
     Blob c;
     c.x = x, c.y = y, c.r = r, c.depth = rng.range(0.5, 1.2);
@@ -436,17 +449,15 @@ int run(const Options& o) {
       add_blob(x + d * std::cos(a), y + d * std::sin(a), rng.range(0.25, 0.6) * r);
     }
   }
-  auto blob_at = [&](const Blob& c, double x, double y) {  // 1 inside, soft 3-px rim
-    const double a = std::atan2(y - c.y, x - c.x);
-    double r = c.r;
-    for (int k = 0; k < 4; k++) r *= 1 + c.harm[k][0] * std::cos((k + 2) * a + c.harm[k][1]);
-    const double e = std::hypot(x - c.x, y - c.y) - r;
-    return e <= -1.5 ? 1.0 : e >= 1.5 ? 0.0 : 0.5 - 0.5 * std::sin(kPi * e / 3);
-  };
+  return blobs;
+}
 
-  // Particles: random sequential placement in the hole, clear of the blobs,
-  // centres at least 0.8 diameters apart (touching, hardly overlapping).
-  std::vector<std::pair<double, double>> centres;
+using Centres = std::vector<std::pair<double, double>>;
+
+// Random sequential placement in the hole, clear of the blobs, centres at
+// least 0.8 diameters apart (touching, hardly overlapping).
+Centres place_particles(const Options& o, double R, const Carbon& carbon, const std::vector<Blob>& blobs, Rng& rng) {
+  Centres centres;
   const double hole_area = (1 - o.carbon) * o.nx * (double)o.ny;
   const long wanted = std::lround(o.density * hole_area / (kPi * R * R));
   const double dmin = 1.6 * R;
@@ -455,7 +466,7 @@ int run(const Options& o) {
   grid.resize((size_t)gx * gy);
   for (long tries = 0; (long)centres.size() < wanted && tries < 200 * wanted; tries++) {
     const double x = rng.range(R, o.nx - R), y = rng.range(R, o.ny - R);
-    if (carbon_at(x, y) > 0) continue;
+    if (carbon.at(x, y) > 0) continue;
     bool clear = true;
     for (const Blob& c : blobs) clear = clear && std::hypot(x - c.x, y - c.y) > 1.3 * c.r + R;
     const int cx = (int)(x / cell), cy = (int)(y / cell);
@@ -467,104 +478,167 @@ int run(const Options& o) {
     grid[(size_t)cy * gx + cx].push_back((int)centres.size());
     centres.push_back({x, y});
   }
+  return centres;
+}
 
-  // Particle image: atoms deposited, blurred by their Gaussian, through the CTF.
+// One particle: the atoms at a random orientation, deposited about (x, y).
+void project(Image& img, Rng& r, double x, double y, const std::vector<Vec3>& atoms, double apix) {
+  Mat3 m;
+  random_rotation(r, m);
+  for (const Vec3& a : atoms) {
+    const Vec3 p = apply(m, a);
+    img.deposit(x + p.x / apix, y + p.y / apix, 1.0);
+  }
+}
+
+// The layout of one micrograph: its padded frame and what lies in it.
+struct Scene {
+  double R;       // particle radius, px
+  int pad, px, py, ox, oy;
+  Ctf ctf;
+  Carbon carbon;
+  long n_blobs;
+  std::vector<Blob> blobs;
+  Centres centres;
+
+  Scene(const Options& o, Rng& rng)
+      : R(0.5 * o.diameter / o.apix),
+        // Padding keeps the CTF's delocalisation from wrapping round the edges.
+        pad(192),
+        px((o.nx + 2 * pad + 63) / 64 * 64),
+        py((o.ny + 2 * pad + 63) / 64 * 64),
+        ox((px - o.nx) / 2),
+        oy((py - o.ny) / 2),
+        ctf(draw_ctf(o, rng)),
+        carbon(o, rng),
+        n_blobs(std::lround(o.contamination * o.nx * (double)o.ny / (4096.0 * 4096.0))),
+        blobs(draw_blobs(n_blobs, o, R, rng)),
+        centres(place_particles(o, R, carbon, blobs, rng)) {}
+};
+
+// The particles' image: atoms deposited, blurred by their Gaussian, through
+// the CTF; gain scales it to an rms contrast over the discs of 3 % of the
+// background. An empty micrograph takes the gain of a few projections on
+// their own, for the contamination's contrast.
+Image particle_image(const Options& o, const Scene& sc, const std::vector<Vec3>& atoms, Rng& rng, double contrast,
+                     double* gain) {
   const double blur = 2 * kPi * kPi * kAtomSigma * kAtomSigma;
+  const Ctf& ctf = sc.ctf;
   auto particle_filter = [&](double kx, double ky) { return ctf(kx, ky) * std::exp(-blur * (kx * kx + ky * ky)); };
-  auto project = [&](Image& img, Rng& r, double x, double y) {
-    Mat3 m;
-    random_rotation(r, m);
-    for (const Vec3& a : atoms) {
-      const Vec3 p = apply(m, a);
-      img.deposit(x + p.x / o.apix, y + p.y / o.apix, 1.0);
-    }
-  };
-  Image part(px, py);
-  for (const auto& c : centres) project(part, rng, ox + c.first, oy + c.second);
+  Image part(sc.px, sc.py);
+  for (const auto& c : sc.centres) project(part, rng, sc.ox + c.first, sc.oy + c.second, atoms, o.apix);
   fourier_filter(part, o.apix, particle_filter);
-  const double ms = disc_mean_square(part, centres, R, ox, oy, o.nx, o.ny);
-
-  // The particles' rms contrast over their discs is 3 % of the background;
-  // the noise follows from the SNR. An empty micrograph takes the gain of a
-  // few projections on their own, for the contamination's contrast.
-  const double contrast = 0.03, sigma_noise = contrast / std::sqrt(o.snr);
-  double gain = ms > 0 ? contrast / std::sqrt(ms) : 0;
-  if (centres.empty()) {
+  const double ms = disc_mean_square(part, sc.centres, sc.R, sc.ox, sc.oy, o.nx, o.ny);
+  *gain = ms > 0 ? contrast / std::sqrt(ms) : 0;
+  if (sc.centres.empty()) {
     Rng probe_rng(o.protein_seed * 31 + 7);
-    const int box = ((int)(4 * R) + 2 * pad + 63) / 64 * 64;
-    const std::vector<std::pair<double, double>> at = {{0.5 * box - pad, 0.5 * box - pad}};
+    const int pad = sc.pad, box = ((int)(4 * sc.R) + 2 * pad + 63) / 64 * 64;
+    const Centres at = {{0.5 * box - pad, 0.5 * box - pad}};
     double sum = 0;
     for (int k = 0; k < 4; k++) {
       Image probe(box, box);
-      project(probe, probe_rng, 0.5 * box, 0.5 * box);
+      project(probe, probe_rng, 0.5 * box, 0.5 * box, atoms, o.apix);
       fourier_filter(probe, o.apix, particle_filter);
-      sum += disc_mean_square(probe, at, R, pad, pad, box - 2 * pad, box - 2 * pad);
+      sum += disc_mean_square(probe, at, sc.R, pad, pad, box - 2 * pad, box - 2 * pad);
     }
-    gain = sum > 0 ? contrast / std::sqrt(sum / 4) : 0;
+    *gain = sum > 0 ? contrast / std::sqrt(sum / 4) : 0;
   }
+  return part;
+}
 
-  // Everything else that scatters, through the same CTF: the structural
-  // noise of the ice, the carbon's texture (twice the particles' contrast)
-  // and the contamination, three times as dense as a particle's mean column,
-  // whose edges ring.
-  const double power = filter_power(px, py, o.apix, ctf);
+// Everything else that scatters, through the same CTF: the structural noise
+// of the ice, the carbon's texture (twice the particles' contrast) and the
+// contamination, three times as dense as a particle's mean column, whose
+// edges ring. absorb receives the contamination's thickness (padded frame).
+Image scatter_image(const Options& o, const Scene& sc, double column, double contrast, double sigma_noise, Rng& rng,
+                    std::vector<float>& absorb) {
+  const int px = sc.px, py = sc.py, ox = sc.ox, oy = sc.oy;
+  const double power = filter_power(px, py, o.apix, sc.ctf);
   const double ice_sd = std::sqrt(o.ice_noise) * sigma_noise, carbon_sd = 2 * contrast;
-  const double column = gain * atoms.size() / (kPi * R * R);
-  std::vector<float> absorb((size_t)px * py, 0.0f);
-  for (const Blob& c : blobs) {
+  absorb.assign((size_t)px * py, 0.0f);
+  for (const Blob& c : sc.blobs) {
     const double reach = 1.6 * c.r + 3;
     for (int y = std::max(0, (int)(oy + c.y - reach)); y < std::min(py, (int)(oy + c.y + reach) + 1); y++)
       for (int x = std::max(0, (int)(ox + c.x - reach)); x < std::min(px, (int)(ox + c.x + reach) + 1); x++)
-        absorb[(size_t)y * px + x] += (float)(c.depth * blob_at(c, x - ox, y - oy));
+        absorb[(size_t)y * px + x] += (float)(c.depth * c.at(x - ox, y - oy));
   }
   Image rest(px, py);
   for (int y = 0; y < py; y++)
     for (int x = 0; x < px; x++) {
-      const double c = carbon_at(x - ox, y - oy);
+      const double c = sc.carbon.at(x - ox, y - oy);
       rest.at(x, y) = (float)((ice_sd + c * carbon_sd) * rng.normal() / std::sqrt(power) +
                               3 * column * absorb[(size_t)y * px + x]);
     }
-  fourier_filter(rest, o.apix, ctf);
+  fourier_filter(rest, o.apix, sc.ctf);
+  return rest;
+}
 
-  // Ice thickness: a ramp and two slow waves; thicker ice is darker.
+// The recorded intensity: the ice's thickness (a ramp and two slow waves;
+// thicker ice is darker) and the contamination absorb, the carbon steps,
+// the phase contrast modulates, and shot noise is added.
+std::vector<float> compose(const Options& o, const Scene& sc, Image& part, Image& rest, double gain,
+                           const std::vector<float>& absorb, double sigma_noise, Rng& rng) {
   const double ramp = rng.range(0, 2 * kPi);
   double wave[2][4];
   for (auto& w : wave) w[0] = rng.range(0.3, 1.2), w[1] = rng.range(0, 2 * kPi), w[2] = rng.range(0, 2 * kPi), w[3] = rng.range(0.3, 0.7);
-
   std::vector<float> img((size_t)o.nx * o.ny);
   const double diag = std::hypot(o.nx, o.ny);
+  const int ox = sc.ox, oy = sc.oy;
   for (int y = 0; y < o.ny; y++)
     for (int x = 0; x < o.nx; x++) {
       double t = ((x - 0.5 * o.nx) * std::cos(ramp) + (y - 0.5 * o.ny) * std::sin(ramp)) / diag;
       for (auto& w : wave)
         t += 0.25 * w[3] * std::sin(2 * kPi * w[0] * (x * std::cos(w[1]) + y * std::sin(w[1])) / diag + w[2]);
-      const double c = carbon_at(x, y);
-      const double a = o.ice_gradient * t + absorb[(size_t)(y + oy) * px + x + ox];
+      const double c = sc.carbon.at(x, y);
+      const double a = o.ice_gradient * t + absorb[(size_t)(y + oy) * sc.px + x + ox];
       double bright = std::exp(-a) * (1 + o.carbon_step * c);
       const double phase = gain * part.at(ox + x, oy + y) + rest.at(ox + x, oy + y);
       img[(size_t)y * o.nx + x] =
           (float)(bright * (1 + phase) + std::sqrt(bright) * std::sqrt(1 - o.ice_noise) * sigma_noise * rng.normal());
     }
-  write_mrc(o.out, img, o.nx, o.ny, 1, o.apix);
+  return img;
+}
 
-  std::string truth = o.out;
+// OUT_truth.txt beside OUT.mrc; false when it could not be written.
+bool write_truth(const Options& o, const Centres& centres, std::string* name) {
+  std::string& truth = *name;
+  truth = o.out;
   const size_t dot = truth.rfind('.');
   if (dot != std::string::npos && truth.find('/', dot) == std::string::npos) truth.resize(dot);
   truth += "_truth.txt";
   PartFile tf(truth.c_str(), "w");
   if (!tf.fp()) {
     fprintf(stderr, "gvex_realmic: cannot write %s: %s\n", truth.c_str(), strerror(errno));
-    return 1;
+    return false;
   }
   for (const auto& c : centres) fprintf(tf.fp(), "%.1f %.1f\n", c.first, c.second);
   if (!tf.commit()) {
     fprintf(stderr, "gvex_realmic: cannot write %s\n", truth.c_str());
-    return 1;
+    return false;
   }
+  return true;
+}
+
+int run(const Options& o) {
+  Rng rng(o.seed);
+  const std::vector<Vec3> atoms = make_protein(o.protein_seed, o.atoms, o.domains, o.diameter);
+  if (o.n_templates > 0) write_templates(o, atoms);
+  const Scene sc(o, rng);
+  // The particles' rms contrast over their discs is 3 % of the background;
+  // the noise follows from the SNR.
+  const double contrast = 0.03, sigma_noise = contrast / std::sqrt(o.snr);
+  double gain = 0;
+  Image part = particle_image(o, sc, atoms, rng, contrast, &gain);
+  const double column = gain * atoms.size() / (kPi * sc.R * sc.R);
+  std::vector<float> absorb;
+  Image rest = scatter_image(o, sc, column, contrast, sigma_noise, rng, absorb);
+  write_mrc(o.out, compose(o, sc, part, rest, gain, absorb, sigma_noise, rng), o.nx, o.ny, 1, o.apix);
+  std::string truth;
+  if (!write_truth(o, sc.centres, &truth)) return 1;
   printf("wrote %s: %d x %d px of %.3f A, %zu particles of %.0f A (radius %.1f px), defocus %.2f/%.2f um, "
          "SNR %g, %ld blobs, carbon %.0f%%; centres in %s\n",
-         o.out.c_str(), o.nx, o.ny, o.apix, centres.size(), o.diameter, R, ctf.df1 / 1e4, ctf.df2 / 1e4, o.snr,
-         n_blobs, 100 * o.carbon, truth.c_str());
+         o.out.c_str(), o.nx, o.ny, o.apix, sc.centres.size(), o.diameter, sc.R, sc.ctf.df1 / 1e4, sc.ctf.df2 / 1e4,
+         o.snr, sc.n_blobs, 100 * o.carbon, truth.c_str());
   if (o.n_templates > 0) printf("wrote %d templates to %s\n", o.n_templates, o.templates.c_str());
   return 0;
 }
