@@ -9,7 +9,7 @@
 #
 # DIR (default build/bundle) receives gvexmatch-bundle/ and
 # gvexmatch-bundle.tar.gz. The bundle keeps the build tree's layout
-# (gvexmatch, report/gvexreport, relion/gvexmatch_relion, tools/gvex_makemic, tests/, bench/), so the
+# (gvexmatch, report/gvexreport, relion/gvexmatch_relion, tune/gvexmatch_tune, tools/gvex_makemic, tests/, bench/), so the
 # benchmark scripts take it as a build folder, and holds lib/ with every
 # shared library the programs need beyond the C library and the driver.
 # cuFFT is not packed (it alone is several times the 64 MiB the bundle must
@@ -44,10 +44,11 @@ cmake --build "$build" -j2
 
 stage=$out/gvexmatch-bundle
 rm -rf "$stage" "$out/gvexmatch-bundle.tar.gz"
-mkdir -p "$stage"/{lib,report,relion,tools,tests,bench}
+mkdir -p "$stage"/{lib,report,relion,tune,tools,tests,bench}
 cp "$build"/gvexmatch "$build"/gvexmatch_foreign "$stage"/
 cp "$build"/report/gvexreport "$stage"/report/
 cp "$build"/relion/gvexmatch_relion "$stage"/relion/
+cp "$build"/tune/gvexmatch_tune "$stage"/tune/  # run (c) of bench/bench_picker.sh
 cp "$build"/tools/gvex_makemic "$stage"/tools/
 find "$build"/tests -maxdepth 1 -type f -name 'test_*' -perm -u+x -exec cp {} "$stage"/tests/ \;
 find "$build"/bench -maxdepth 1 -type f -name 'bench_*' -perm -u+x -exec cp {} "$stage"/bench/ \;

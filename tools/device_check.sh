@@ -6,7 +6,10 @@
 # the picker benchmark. Writes summary.txt and one log per step into
 # OUT_DIR; each step has its own time limit, so one hang costs only its own.
 #
-#   device_check.sh OUT_DIR [STEP...]     steps: tests probe sanitizer picks bench
+#   device_check.sh OUT_DIR [STEP...]     steps: tests probe sanitizer picks bench hostbench
+#
+# hostbench (not run by default) is the picker benchmark with no GPU visible:
+# the host back end on this machine's cores, plans from wisdom included.
 set -uo pipefail
 B=$(cd "$(dirname "$0")" && pwd)
 OUT=${1:?usage: device_check.sh OUT_DIR [STEP...]}
@@ -95,5 +98,11 @@ if has bench; then
         b_*.mrc 2>&1 | tail -1 | sed "s/^/bench_session ${d:-plain}: /") >>"$S"
     done
   fi
+fi
+if has hostbench; then
+  CUDA_VISIBLE_DEVICES= timeout 300 sh "$B"/bench/bench_picker.sh "$B" /tmp/gvex_hbench "${BENCH_MICROGRAPHS:-6}" \
+    >"$OUT"/hostbench.log 2>&1
+  say "bench_picker, host back end: status $?  [$(elapsed) s]"
+  grep -E 'machine:|bare FFT|^\(|steady state|first micrograph|run per micrograph|Running on' "$OUT"/hostbench.log >>"$S"
 fi
 say "done in $(elapsed) s"
