@@ -199,8 +199,8 @@ void FftPlan2d::make(bool forward) {
   // thread only, never from inside a parallel loop.
   if (omp_in_parallel()) gvex_check_fft(FFT_SETUP_FAILED, __FILE__, __LINE__);
 #endif
-  // FFTW_ESTIMATE: the plan, and so every bit of the result, depends only on
-  // the shape and the job count, never on timings taken at planning time.
+  // Estimated or from wisdom, never timed here: the plan, and so every bit of
+  // the result, depends only on the shape, the job count and the wisdom.
   // The arrays only tell the planner the alignment; it does not touch them.
   const size_t nr = (size_t)nx_ * ny_;
   const size_t nc = (size_t)(nx_ / 2 + 1) * ny_;
