@@ -1,0 +1,154 @@
+#!/usr/bin/python3
+"""Two leads for the sparse micrographs, scored beside the decoy rule.
+
+  leads.py SET=LIST [SET=LIST ...]
+
+LIST as for cutoff_eval.py (the lists realistic_sets.sh and bgal_set.sh
+leave in WORK/runs/*/list and WORK/list); run it from the folder the list's
+paths start in. Needs python3-numpy.
+
+- "edge": on micrographs the rule finds sparse, picks whose surroundings
+  (an annulus of 1.5 to 3 particle radii) hold a gradient of more than
+  EDGE times the micrograph's median (over its picks and decoys) are
+  dropped: the edge of carbon or of contamination the rejected cells
+  missed, where the real run scores above the decoys.
+- "run": a micrograph of crowding between 0.05 and 0.15 takes the branch
+  of its run's median crowding (a sample is crowded or not on the whole
+  grid, and the estimate of one micrograph straddles the switch); below
+  and above that its own.
+- "both": the run's branches, and the sparse ones lose their edge picks.
+Prints the F1 of each (kept picks per micrograph on a set without
+particles) and how many sets meet the targets.
+"""
+import math
+import os
+import statistics
+import struct
+import sys
+
+import numpy as np
+
+sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
+import cutoff_eval as ce  # noqa: E402
+
+EDGE = 4.0
+CROWDED = 0.10  # decoy_rule's switch
+
+
+def read_mrc(path):
+    with open(path, "rb") as f:
+        head = f.read(1024)
+        nx, ny, _, mode = struct.unpack("<4i", head[:16])
+        f.seek(1024 + struct.unpack("<i", head[92:96])[0])
+        dtype = {0: np.int8, 1: np.int16, 2: np.float32, 6: np.uint16, 12: np.float16}[mode]
+        data = np.frombuffer(f.read(nx * ny * np.dtype(dtype).itemsize), dtype=dtype)
+    return data.astype(np.float32).reshape(ny, nx)
+
+
+class Gradient:
+    """Gradient of a plane fitted to the annulus around a point, on the
+    micrograph binned to about 8 pixels a particle radius."""
+
+    def __init__(self, mrc, particle_radius):
+        img = read_mrc(mrc)
+        self.bin = max(1, int(round(particle_radius / 8)))
+        ny, nx = (n // self.bin * self.bin for n in img.shape)
+        self.img = img[:ny, :nx].reshape(ny // self.bin, self.bin, nx // self.bin, self.bin).mean(axis=(1, 3))
+        r = particle_radius / self.bin
+        self.reach = int(math.ceil(3 * r))
+        yy, xx = np.mgrid[-self.reach:self.reach + 1, -self.reach:self.reach + 1]
+        rr = np.hypot(xx, yy)
+        self.ring = (rr >= 1.5 * r) & (rr <= 3 * r)
+
+    def at(self, x, y):
+        cx, cy, k = int(round(x / self.bin)), int(round(y / self.bin)), self.reach
+        ny, nx = self.img.shape
+        x0, x1, y0, y1 = max(0, cx - k), min(nx, cx + k + 1), max(0, cy - k), min(ny, cy + k + 1)
+        ring = self.ring[y0 - cy + k:y1 - cy + k, x0 - cx + k:x1 - cx + k]
+        ys, xs = np.nonzero(ring)
+        if len(xs) < 4:
+            return 0.0
+        values = self.img[y0:y1, x0:x1][ring]
+        a = np.c_[xs - xs.mean(), ys - ys.mean(), np.ones(len(xs))]
+        coef = np.linalg.lstsq(a, values, rcond=None)[0]
+        return math.hypot(coef[0], coef[1])
+
+
+def load(path):
+    """[(Mic, Mic without the edge picks)] of a list."""
+    out = []
+    for v in (line.split() for line in open(path)):
+        if len(v) < 6:
+            continue
+        picks, decoys, truth = ce.read_box(v[0]), ce.read_box(v[1]), ce.read_truth(v[2])
+        cap = ce.capacity(v[0], float(v[5]))
+        grad = Gradient(v[0][: -len("_vexmatch.box")] + ".mrc", float(v[5]))
+        g = [grad.at(x, y) for x, y, _ in picks]
+        median = statistics.median(g + [grad.at(x, y) for x, y, _ in decoys] or [1.0])
+        smooth = [p for p, gp in zip(picks, g) if gp <= EDGE * median]
+        out.append((ce.Mic(picks, truth, float(v[4]), decoys, cap, None),
+                    ce.Mic(smooth, truth, float(v[4]), decoys, cap, None)))
+    return out
+
+
+def crowding(m):
+    t = ce.tally(m.scores, m.decoys)
+    h = ce.half_decoy(t) if t else None
+    return (h[1] - h[2]) / m.cap if h and m.cap > 0 else 0.0
+
+
+def sparse(m):
+    return bool(m.scores) and crowding(m) < CROWDED
+
+
+def rule_edge(pairs):
+    """(micrographs, cuts): the decoy rule's cut; sparse ones lose their edge picks."""
+    return [s if sparse(m) else m for m, s in pairs], [ce.decoy_rule(m) for m, _ in pairs]
+
+
+def run_branches(mics):
+    """Whether each micrograph takes the crowded branch, by the run lead."""
+    c = [crowding(m) for m in mics]
+    run = statistics.median(c) if c else 0
+    return [cm >= 0.15 or (cm >= 0.05 and run >= CROWDED) for cm in c]
+
+
+def rule_run(pairs, edge=False):
+    mics, cuts = [], []
+    for (m, s), crowded in zip(pairs, run_branches([m for m, _ in pairs])):
+        t = ce.tally(m.scores, m.decoys)
+        mics.append(s if edge and t and not crowded else m)
+        cuts.append(0.0 if not t else ce.half_decoy(t)[0] if crowded else ce.est_f1(t))
+    return mics, cuts
+
+
+RULES = {"decoy": lambda p: ([m for m, _ in p], [ce.decoy_rule(m) for m, _ in p]), "edge": rule_edge, "run": rule_run,
+         "both": lambda p: rule_run(p, edge=True)}
+
+
+def main(args):
+    if not args:
+        sys.exit(__doc__)
+    met = {k: [0, 0] for k in RULES}
+    print("%-28s%9s%9s%9s" % ("set", "none", "0.15", "best") + "".join("%9s" % k for k in RULES))
+    for arg in args:
+        label, path = arg.split("=", 1)
+        pairs = load(path)
+        mics = [m for m, _ in pairs]
+        if sum(m.n_truth for m in mics) == 0:
+            kept = [sum(m.counts(c)[1] for m, c in zip(*r(pairs))) / len(mics) for r in RULES.values()]
+            print("%-28s" % (label + " (kept)") + " " * 27 + "".join("%9.1f" % k for k in kept))
+            continue
+        best = ce.best_single(mics)[0]
+        floor = max(ce.set_f1(mics, [-ce.NONE] * len(mics)), ce.set_f1(mics, [0.15] * len(mics))) - 0.01
+        row = [ce.set_f1(*r(pairs)) for r in RULES.values()]
+        for k, f in zip(RULES, row):
+            met[k][0] += f >= 0.95 * best and f >= floor
+            met[k][1] += 1
+        print("%-28s%9.3f%9.3f%9.3f" % (label, ce.set_f1(mics, [-ce.NONE] * len(mics)),
+                                        ce.set_f1(mics, [0.15] * len(mics)), best) + "".join("%9.3f" % f for f in row))
+    print("sets meeting the targets: " + ", ".join("%s %d of %d" % (k, *v) for k, v in met.items()))
+
+
+if __name__ == "__main__":
+    main(sys.argv[1:])
