@@ -498,14 +498,17 @@ void Job::write_one(Picked& p) {
   rejected_read(beside(p.link, "_rejected.box"), r.rejected);
   r.coords = job_file_for(o_.out, r.mic, "_autopick.star", why);
   r.picture = job_file_for("pictures/", r.mic, ".png", why);
+  Micrograph m;
+  m.name = r.mic;
+  const bool pixels = read_for_report(m, why);
+  long edge_dropped = 0;
   if (o_.cutoff_auto) {
-    r.cutoff = auto_cutoff(p.result, p.settings.opt.diameter, p.settings.opt.apixM);
+    r.cutoff = auto_cutoff(p.result, p.settings.opt.diameter, p.settings.opt.apixM, m.pixels, m.nx, m.ny, r.picks,
+                           edge_dropped);
   } else {
     r.cutoff = o_.cutoff;
   }
-  Micrograph m;
-  m.name = r.mic;
-  if (read_for_report(m, why)) {
+  if (pixels) {
     m.picks_found = true;
     m.picks = r.picks;
     m.rejected = r.rejected;
@@ -520,7 +523,8 @@ void Job::write_one(Picked& p) {
   const std::vector<Pick> kept = kept_picks(r);
   const std::string comment = "gvexmatch_relion: cut-off " + fmt("%.6f", r.cutoff) +
                               (o_.cutoff_auto ? " (automatic)" : " (given)") + ", " + std::to_string(kept.size()) +
-                              " of " + std::to_string(r.picks.size()) + " picks kept" +
+                              " of " + std::to_string(r.picks.size() + edge_dropped) + " picks kept" +
+                              (edge_dropped > 0 ? ", " + std::to_string(edge_dropped) + " on strong edges left out" : "") +
                               (o_.extract_box > 0 ? ", boxes of " + std::to_string(o_.extract_box) + " px inside" : "");
   if (!write_coordinates(r.coords, kept, comment)) throw std::runtime_error("cannot write " + r.coords);
   gvex_test_stop_point("relion_coordinates");

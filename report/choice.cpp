@@ -26,6 +26,21 @@ double capacity_of(const Micrograph& m, const Settings& s) {
   return disc_capacity(m.usable_pixels, s.diameter, s.apix);
 }
 
+// On a sparse micrograph the picks on strong edges pass the decoys' count
+// as particles: they are left out. (On a crowded one they are mostly
+// particles beside the edge, and the half-decoy cut already holds.)
+void drop_edge_picks(Micrograph& m) {
+  if (m.on_edge.size() != m.picks.size()) return;
+  m.drop_edges = true;
+  for (size_t i = 0; i < m.picks.size(); i++) m.choice.edge_dropped += m.on_edge[i] && pick_kept(m.picks[i], m.cutoff);
+  if (m.choice.edge_dropped > 0)
+    m.choice.why += fmt(m.choice.edge_dropped == 1 ? "; %.0f pick above it lies on a strong edge (carbon or "
+                                                     "contamination the rejected cells missed) and is left out"
+                                                   : "; %.0f picks above it lie on strong edges (carbon or "
+                                                     "contamination the rejected cells missed) and are left out",
+                        (double)m.choice.edge_dropped);
+}
+
 void with_decoys(Micrograph& m, const Settings& s) {
   CutoffChoice& c = m.choice;
   const DecoyCutoff d = null_model_cutoff(scores_of(m.picks), scores_of(m.decoys), capacity_of(m, s));
@@ -47,6 +62,7 @@ void with_decoys(Micrograph& m, const Settings& s) {
                 "for one; the cut-off maximises the F1 estimated with them (about %.0f particles among the picks), "
                 "no lower than where decoys are 0.4 of the picks",
                 100 * d.crowding, d.particles);
+    drop_edge_picks(m);
   }
 }
 
@@ -97,8 +113,19 @@ long count_kept(const std::vector<Pick>& picks, double cut) {
   return std::count_if(picks.begin(), picks.end(), [&](const Pick& p) { return pick_kept(p, cut); });
 }
 
+bool kept_in(const Micrograph& m, size_t i) {
+  return pick_kept(m.picks[i], m.cutoff) && !(m.drop_edges && i < m.on_edge.size() && m.on_edge[i]);
+}
+
+long count_kept(const Micrograph& m) {
+  long n = 0;
+  for (size_t i = 0; i < m.picks.size(); i++) n += kept_in(m, i);
+  return n;
+}
+
 void decide_cutoff(Micrograph& m, const Settings& s, double pooled, double fixed) {
   m.choice = CutoffChoice();
+  m.drop_edges = false;
   if (std::isfinite(fixed)) {
     m.cutoff = fixed;
     m.choice.rule = "fixed";

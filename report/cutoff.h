@@ -51,7 +51,8 @@ Cutoff pooled_cutoff(const std::vector<double>& all_scores);
 //    contamination lifts the real run's noise maxima above the decoys', and
 //    an empty micrograph must not read as a sparse one. None are kept
 //    unless at some cut the excess of picks over decoys is beyond chance:
-//    N - D >= kExcess sqrt(N + D).
+//    N - D >= kExcess sqrt(N + D). The picks on strong edges are then left
+//    out (report/edges.h): decoys do not count the false picks there.
 constexpr double kDecoyHalf = 0.5;
 constexpr double kDecoyFloor = 0.4;
 constexpr double kCrowded = 0.10;

@@ -26,6 +26,7 @@
 #include "picker/startup.h"
 #include "picker/timer.h"
 #include "report/cutoff.h"
+#include "report/edges.h"
 #include "report/micrograph.h"
 #include "report/page.h"
 
@@ -44,7 +45,8 @@ const char* const kUsage =
     "writing gvexmatch's files beside each micrograph (its transcript goes to DIR/pick.log). The same\n"
     "scan gives decoys: the picks of the same templates with their contrast inverted, which match no\n"
     "particle and show how noise and the specimen's edges score on each micrograph; the cut-off comes\n"
-    "from them. Without --pick it reads the picks gvexmatch wrote beside each micrograph (run it with\n"
+    "from them, and on a sparse micrograph the picks on strong edges (carbon or contamination the\n"
+    "rejected cells missed) are left out; a fixed --cutoff keeps them. Without --pick it reads the picks gvexmatch wrote beside each micrograph (run it with\n"
     "--cc_cutoff 0 to keep every grid maximum); without decoys the cut-off is less reliable. Picks\n"
     "already cut (the STAR files gvexreport writes record their cut-off) are kept as cut.\n"
     "\n"
@@ -53,7 +55,8 @@ const char* const kUsage =
     "  --pick           pick first, with decoys; words gvexreport does not know go to gvexmatch\n"
     "                   (gvexmatch --help lists them; --cc_cutoff is always 0)\n"
     "  --apply          also write NAME_vexmatch_auto.box and .star beside each micrograph, keeping\n"
-    "                   the picks at or above its cut-off (the STAR file records the cut-off)\n"
+    "                   the picks at or above its cut-off less those left out on edges (the STAR\n"
+    "                   file records the cut-off)\n"
     "  --cutoff X       one fixed cut-off for every micrograph instead of the automatic ones (the\n"
     "                   page's slider prints the command for the cut-off it is set to)\n"
     "  --apixM A        micrograph pixel size, A (default 1.34; compared with the header's)\n"
@@ -299,6 +302,7 @@ void pick_run(const ReportOptions& o, const char* prog, Run& run) {
       m.decoys_found = true;
       m.decoys = as_written(r.decoys);
       m.usable_pixels = r.usable_pixels;
+      m.on_edge = edge_picks(m.pixels, m.nx, m.ny, run.set.diameter / 2 / run.set.apix, m.picks, m.decoys);
       printf("%s: picked, %zu picks and %zu decoys (%.1f s)\n", m.name.c_str(), m.picks.size(), m.decoys.size(),
              gvex_wall_seconds() - t0);
     }
@@ -317,7 +321,7 @@ void choose_cutoffs(Run& run, const ReportOptions& o, double pooled) {
     std::string decoys;
     if (m.choice.decoys_above >= 0) decoys = ", " + std::to_string(m.choice.decoys_above) + " decoys above it";
     printf("%s: %zu picks, cut-off %.4f keeps %ld%s; %s\n", m.name.c_str(), m.picks.size(), m.cutoff,
-           count_kept(m.picks, m.cutoff), decoys.c_str(), m.choice.why.c_str());
+           count_kept(m), decoys.c_str(), m.choice.why.c_str());
     for (const std::string& w : m.warnings) printf("warning: %s: %s\n", m.name.c_str(), w.c_str());
     if (o.apply && m.picks_found) {
       const std::string failed = write_kept(m, beside(m.name, "_vexmatch_auto.box"), beside(m.name, "_vexmatch_auto.star"));

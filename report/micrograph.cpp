@@ -94,8 +94,8 @@ void add_warnings(Micrograph& m, const Settings& s) {
     return;
   }
   std::vector<const Pick*> kept;
-  for (const Pick& p : m.picks)
-    if (pick_kept(p, m.cutoff)) kept.push_back(&p);
+  for (size_t i = 0; i < m.picks.size(); i++)
+    if (kept_in(m, i)) kept.push_back(&m.picks[i]);
   if (kept.empty()) {
     w.push_back("no picks");
     return;
@@ -135,8 +135,8 @@ void add_run_warnings(std::vector<Micrograph>& mics) {
 
 std::string write_kept(const Micrograph& m, const std::string& box_path, const std::string& star_path) {
   std::vector<Pick> kept;
-  for (const Pick& p : m.picks)
-    if (pick_kept(p, m.cutoff)) kept.push_back(p);
+  for (size_t i = 0; i < m.picks.size(); i++)
+    if (kept_in(m, i)) kept.push_back(m.picks[i]);
   // Both written whole under their partial names, then renamed as one
   // commit, as gvexmatch commits its pair.
   for (const std::string* path : {&box_path, &star_path}) {

@@ -19,6 +19,7 @@ struct CutoffChoice {
   double crowding = 0;      // share of the usable area under particles (decoy rules)
   double particles = 0;     // particles among the picks, as the decoys estimate them
   long decoys_above = -1;   // decoys at or above the cut-off (-1: no decoys)
+  long edge_dropped = 0;    // picks at or above the cut-off left out as on strong edges
 };
 
 struct Micrograph {
@@ -40,6 +41,10 @@ struct Micrograph {
   double cut_before = NAN;           // the picks were already cut at this score
   bool cut_recorded = false;         // ... as the picks file records (else its lowest score shows it)
   double cutoff = 0;                 // suggested cut-off of this micrograph
+  // One flag per pick: on a strong edge (edge_picks), set while the pixels
+  // and the decoys are in hand. The sparse rule leaves those picks out.
+  std::vector<char> on_edge;
+  bool drop_edges = false;           // the cut-off's rule leaves the picks on edges out
   CutoffChoice choice;               // how it was chosen
   std::vector<std::string> warnings;
 };
@@ -79,6 +84,11 @@ double run_cutoff(const std::vector<Micrograph>& mics, const Settings& s);
 // The scores of picks (or decoys), as doubles.
 std::vector<double> scores_of(const std::vector<Pick>& picks);
 long count_kept(const std::vector<Pick>& picks, double cut);
+
+// Whether m keeps its pick i: at or above its cut-off, and not on an edge
+// its rule leaves out; and how many it keeps.
+bool kept_in(const Micrograph& m, size_t i);
+long count_kept(const Micrograph& m);
 
 // The warnings a user needs about this micrograph and its picks.
 void add_warnings(Micrograph& m, const Settings& s);

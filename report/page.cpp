@@ -179,7 +179,8 @@ std::string score_colour(double t) {
 }
 
 // The picks over a picture of the region (x0, y0, w, h): circles of the
-// particle's diameter, coloured by score when kept, thin grey when not.
+// particle's diameter, coloured by score when kept, thin grey when not,
+// dashed orange when the rule leaves them out as on a strong edge.
 std::string marks_svg(const Micrograph& m, const Settings& s, double x0, double y0, double w, double h) {
   double top = m.cutoff;
   for (const Pick& p : m.picks) top = std::max(top, (double)p.score);
@@ -187,11 +188,13 @@ std::string marks_svg(const Micrograph& m, const Settings& s, double x0, double 
   std::string svg = "<svg class=\"marks\" viewBox=\"" + num("%.0f", x0) + " " + num("%.0f", y0) + " " +
                     num("%.0f", w) + " " + num("%.0f", h) + "\" preserveAspectRatio=\"none\" " +
                     "xmlns=\"http://www.w3.org/2000/svg\">";
-  for (const Pick& p : m.picks) {
+  for (size_t i = 0; i < m.picks.size(); i++) {
+    const Pick& p = m.picks[i];
     if (p.x + r < x0 || p.y + r < y0 || p.x - r > x0 + w || p.y - r > y0 + h) continue;
-    const bool kept = pick_kept(p, m.cutoff);
+    const bool kept = kept_in(m, i), edge = !kept && pick_kept(p, m.cutoff);
     svg += "<circle cx=\"" + num("%.0f", p.x) + "\" cy=\"" + num("%.0f", p.y) + "\" r=\"" + num("%.1f", r) +
-           "\" data-s=\"" + num("%.6f", p.score) + "\" class=\"" + (kept ? "k" : "d") + "\"";
+           "\" data-s=\"" + num("%.6f", p.score) + "\"" + (edge ? " data-e=\"1\"" : "") + " class=\"" +
+           (kept ? "k" : edge ? "e" : "d") + "\"";
     if (kept) svg += " stroke=\"" + score_colour(top > m.cutoff ? (p.score - m.cutoff) / (top - m.cutoff) : 1.0) + "\"";
     svg += "/>";
   }
@@ -218,7 +221,7 @@ const char* const kStyle =
     "figcaption{font-size:12px;color:#555;max-width:512px}.stack{position:relative;line-height:0}"
     ".stack img{width:100%;image-rendering:pixelated;border:1px solid #999}"
     ".stack svg{position:absolute;left:0;top:0;width:100%;height:100%}"
-    "circle{fill:none;stroke-width:2px;vector-effect:non-scaling-stroke}circle.d{stroke:#999;stroke-width:1px}"
+    "circle{fill:none;stroke-width:2px;vector-effect:non-scaling-stroke}circle.d{stroke:#999;stroke-width:1px}circle.e{stroke:#e80;stroke-dasharray:4 3}"
     ".why{max-width:60em}.control{margin:8px 0}.control input{width:420px;vertical-align:middle}"
     "code.cmd{display:block;background:#f3f3f3;padding:4px 8px;margin-top:4px;user-select:all;max-width:60em;"
     "overflow-wrap:anywhere}ul.warn{color:#b00}";
@@ -239,6 +242,8 @@ const char* const kScript =
     "  var marks = Array.from(sec.querySelectorAll('svg.marks circle'));\n"
     "  var texts = Array.from(sec.querySelector('svg.marks').querySelectorAll('circle'), function(c) {\n"
     "    return c.dataset.s; });\n"
+    "  var edges = Array.from(sec.querySelector('svg.marks').querySelectorAll('circle[data-e]'), function(c) {\n"
+    "    return parseFloat(c.dataset.s); });\n"
     "  var scores = texts.map(parseFloat), decoys = (sec.dataset.decoys || '').split(' ').filter(Boolean).map(parseFloat);\n"
     "  var steps = [], seen = {};\n"
     "  texts.slice().sort(function(a, b) { return parseFloat(a) - parseFloat(b); }).forEach(function(t) {\n"
@@ -251,9 +256,12 @@ const char* const kScript =
     "    return i; return steps.length - 1; }\n"
     "  function show() {\n"
     "    var text = steps[slider.value], cut = parseFloat(text), k = sec.dataset.k;\n"
+    // At the automatic cut-off the picks its rule leaves out as on edges stay out;
+    // a cut-off given to --apply keeps them.
+    "    var atAuto = +slider.value === position(parseFloat(sec.dataset.cut));\n"
     "    marks.forEach(function(c) {\n"
-    "      var s = parseFloat(c.dataset.s), kept = f32(s) >= f32(cut);\n"
-    "      c.setAttribute('class', kept ? 'k' : 'd');\n"
+    "      var s = parseFloat(c.dataset.s), edge = atAuto && c.dataset.e, kept = !edge && f32(s) >= f32(cut);\n"
+    "      c.setAttribute('class', kept ? 'k' : edge ? 'e' : 'd');\n"
     "      if (kept) c.setAttribute('stroke', colour(top > cut ? (s - cut) / (top - cut) : 1));\n"
     "      else c.removeAttribute('stroke'); });\n"
     "    var hist = sec.querySelector('svg.hist'), lo = parseFloat(hist.dataset.lo), hi = parseFloat(hist.dataset.hi);\n"
@@ -262,7 +270,7 @@ const char* const kScript =
     "    hist.querySelectorAll('rect').forEach(function(r) {\n"
     "      r.setAttribute('fill', parseFloat(r.dataset.hi) > cut ? '#3a7' : '#bbb'); });\n"
     "    document.getElementById('value-' + k).textContent = text;\n"
-    "    document.getElementById('kept-' + k).textContent = atLeast(scores, cut);\n"
+    "    document.getElementById('kept-' + k).textContent = atLeast(scores, cut) - (atAuto ? atLeast(edges, cut) : 0);\n"
     "    var d = document.getElementById('decoys-' + k); if (d) d.textContent = atLeast(decoys, cut);\n"
     "    document.getElementById('cmd-' + k).textContent = 'gvexreport --apply --cutoff ' + text +\n"
     "      (sec.dataset.words ? ' ' + sec.dataset.words : '') + ' ' + sec.dataset.mic;\n"
@@ -317,7 +325,7 @@ std::string section(const Micrograph& m, size_t k, const Settings& s, const std:
   if (!m.picks.empty()) {
     h += "<div class=\"control\"><label>Cut-off <input type=\"range\" class=\"cut\" min=\"0\" max=\"0\" step=\"1\"></label> "
          "<b id=\"value-" + id + "\">" + html_escape(cut_text(m.cutoff)) + "</b> keeps <b id=\"kept-" + id + "\">" +
-         std::to_string(count_kept(m.picks, m.cutoff)) + "</b> of " + std::to_string(m.picks.size()) + " picks";
+         std::to_string(count_kept(m)) + "</b> of " + std::to_string(m.picks.size()) + " picks";
     if (m.decoys_found)
       h += "; <span id=\"decoys-" + id + "\">" + std::to_string(m.choice.decoys_above) + "</span> of " +
            std::to_string(m.decoys.size()) + " decoys score as high";
@@ -328,7 +336,8 @@ std::string section(const Micrograph& m, size_t k, const Settings& s, const std:
   }
   h += "<div class=\"pics\">\n<figure><div class=\"stack\" style=\"width:" + num("%.0f", view_w) + "px\"><a href=\"" +
        html_escape(picture) + "\"><img src=\"" + html_escape(picture) + "\" alt=\"" + html_escape(m.name) + "\"></a>" +
-       marks_svg(m, s, 0, 0, m.nx, m.ny) + "</div><figcaption>The whole micrograph; red shade: rejected areas.</figcaption>"
+       marks_svg(m, s, 0, 0, m.nx, m.ny) + "</div><figcaption>The whole micrograph; red shade: rejected areas" +
+       (m.choice.edge_dropped > 0 ? "; dashed orange: picks left out as on strong edges" : "") + ".</figcaption>"
        "</figure>\n";
   h += "<figure><div class=\"stack\" style=\"width:" + std::to_string(c.side * c.zoom) + "px\"><img src=\"" +
        html_escape(crop_name(picture)) + "\" alt=\"crop of " + html_escape(m.name) + "\">" +
@@ -425,7 +434,7 @@ bool write_page(const std::vector<Micrograph>& mics, const std::vector<std::stri
     std::string warn;
     for (const std::string& w : m.warnings) warn += (warn.empty() ? "" : "; ") + html_escape(w);
     h += "<tr><td class=\"name\"><a href=\"#m" + std::to_string(k + 1) + "\">" + html_escape(m.name) + "</a></td><td>" +
-         std::to_string(sc.size()) + "</td><td>" + std::to_string(count_kept(m.picks, m.cutoff)) + "</td><td>" +
+         std::to_string(sc.size()) + "</td><td>" + std::to_string(count_kept(m)) + "</td><td>" +
          (m.decoys_found ? std::to_string(m.choice.decoys_above) : std::string("-")) + "</td><td>" +
          num("%.4f", quantile(sc, 0.5)) + "</td><td>" + num("%.4f", quantile(sc, 0.9)) + "</td><td>" +
          num("%.3f", m.masked) + "</td><td>" + num("%.4f", m.cutoff) + "</td><td class=\"rule\">" +
@@ -451,7 +460,7 @@ bool write_summary_star(const std::vector<Micrograph>& mics, const std::string& 
     const std::vector<double> v = scores_of(m.picks);
     double mean = 0;
     for (double x : v) mean += x / v.size();
-    t.rows.push_back({m.name, std::to_string(v.size()), std::to_string(count_kept(m.picks, m.cutoff)),
+    t.rows.push_back({m.name, std::to_string(v.size()), std::to_string(count_kept(m)),
                       fmt("%.6f", v.empty() ? 0.0 : mean), fmt("%.6f", v.empty() ? 0.0 : quantile(v, 0.5)),
                       fmt("%.4f", m.masked), fmt("%.6f", m.cutoff), m.choice.rule, std::to_string(m.choice.decoys_above)});
   }

@@ -4,29 +4,40 @@
 # sliders start at the printed cut-offs, and a slider moved (through the
 # page's "#cut=K:X" fragment, as a user's drag moves it) redraws the kept
 # circles and counts and prints a command that keeps exactly those picks.
+# A fourth micrograph, sparse with a carbon edge, has picks the automatic
+# choice leaves out as on the edge: dashed at its cut-off, not counted.
 # Skips (status 77) with a line saying why when Chromium cannot start.
-# Usage: report_browser.sh GVEXREPORT MAKEMIC SCRATCH
+# Usage: report_browser.sh GVEXREPORT MAKEMIC REALMIC SCRATCH
 set -eu
-report=$1 makemic=$2 work=$3
+report=$1 makemic=$2 realmic=$3 work=$4
 browser=$(command -v chromium || command -v chromium-browser || true)
 [ -n "$browser" ] || { echo "SKIP: no chromium on this machine (apt-get install chromium)"; exit 77; }
 rm -rf "$work" && mkdir -p "$work" && cd "$work"
 fail() { echo "FAIL: $*"; exit 1; }
-for i in 1 2 3; do "$makemic" make m$i.mrc --nx 1024 --ny 1024 --apix 1.34 --diameter 120 --seed $i >/dev/null; done
-"$report" --out rep --pick --apixM 1.34 --diameter 120 m1.mrc m2.mrc m3.mrc >report.log || fail "gvexreport failed"
+for i in 1 2 3; do "$makemic" make m$i.mrc --nx 2048 --ny 2048 --apix 1.34 --diameter 120 --seed $i >/dev/null; done
+"$realmic" m4.mrc --nx 2048 --ny 2048 --apix 1.34 --diameter 120 --snr 0.1 --density 0.06 --seed 1 --carbon 0.15 \
+  --carbon-step 0.3 >/dev/null
+"$report" --out rep --pick --apixM 1.34 --diameter 120 m1.mrc m2.mrc m3.mrc m4.mrc >report.log || fail "gvexreport failed"
 dom() { timeout 120 "$browser" --headless --no-sandbox --disable-gpu --no-first-run --user-data-dir="$work/profile" \
           --enable-logging=stderr --v=0 --dump-dom "file://$work/rep/index.html$1" >"$2" 2>>console.log; }
 if ! dom "" dom.html; then
   echo "SKIP: chromium could not start here:"; tail -3 console.log; exit 77
 fi
-grep -q 'data-images="6"' dom.html || fail "the page does not show 6 pictures (a view and a crop per micrograph)"
+grep -q 'data-images="8"' dom.html || fail "the page does not show 8 pictures (a view and a crop per micrograph)"
 grep -q 'data-broken="0"' dom.html || fail "a picture did not load"
-[ "$(grep -c '<td class="name">' dom.html)" = 3 ] || fail "the table does not list 3 micrographs"
+[ "$(grep -c '<td class="name">' dom.html)" = 4 ] || fail "the table does not list 4 micrographs"
 # Each slider starts where gvexreport cut.
-for k in 1 2 3; do
+for k in 1 2 3 4; do
   printed=$(sed -n "s/^m$k.mrc: .* keeps \([0-9]*\),.*/\1/p" report.log)
   grep -q "id=\"kept-$k\">$printed<" dom.html || fail "micrograph $k: the page does not start at the $printed picks kept"
 done
+# m4's picks on the carbon edge: dashed at the automatic cut-off, as many as
+# gvexreport left out, and none in m1.
+marks() { tr -d '\n' <"$1" | sed 's/<section/\n<section/g' | grep "id=\"m$2\"" | sed 's/<svg class="marks"/\n&/g' | sed -n '2p'; }
+left=$(sed -n 's/^m4.mrc: .*; \([0-9]*\) picks\{0,1\} above it lie.*/\1/p' report.log)
+[ -n "$left" ] || fail "gvexreport left no pick on m4's carbon edge out"
+[ "$(marks dom.html 4 | grep -o 'class="e"' | wc -l)" = "$left" ] || fail "m4: not $left circles dashed as on the edge"
+[ "$(marks dom.html 1 | grep -o 'class="e"' | wc -l)" = 0 ] || fail "m1: circles dashed as on an edge"
 # m1's slider moved to its median score: the circles kept, the count and the
 # command follow.
 scores=$(awk '$1 ~ /^[0-9]/ { print $5 }' m1_vexmatch.star | sort -g)
@@ -36,8 +47,7 @@ want=$(echo "$scores" | awk -v c="$cut" '$1 >= c' | wc -l)
 dom "#cut=1:$cut" moved.html
 grep -q "id=\"kept-1\">$want<" moved.html || fail "slider at $cut: the page does not show the $want picks kept"
 grep -q "id=\"value-1\">$cut<" moved.html || fail "slider at $cut: the cut-off shown is not $cut"
-circles=$(tr -d '\n' <moved.html | sed 's/<section/\n<section/g' | grep 'id="m1"' |
-  sed 's/<svg class="marks"/\n&/g' | sed -n '2p' | grep -o 'class="k"' | wc -l)
+circles=$(marks moved.html 1 | grep -o 'class="k"' | wc -l)
 [ "$circles" = "$want" ] || fail "slider at $cut: $circles circles drawn as kept, not $want"
 cmd=$(sed -n 's/.*id="cmd-1">\([^<]*\)<.*/\1/p' moved.html)
 case $cmd in "gvexreport --apply --cutoff $cut "*" m1.mrc") ;; *) fail "slider at $cut: the command reads '$cmd'" ;; esac
@@ -46,4 +56,4 @@ case $cmd in "gvexreport --apply --cutoff $cut "*" m1.mrc") ;; *) fail "slider a
 [ "$(awk '$1 ~ /^[0-9]/' m1_vexmatch_auto.star | wc -l)" = "$want" ] || fail "the page's command did not keep $want picks"
 # The page says nothing on the console unless something is wrong.
 if grep -q ':CONSOLE' console.log; then grep ':CONSOLE' console.log; fail "console messages"; fi
-echo "report_browser: 6 pictures loaded, 3 rows, the slider moved to $cut keeps $want, as its command does"
+echo "report_browser: 8 pictures loaded, 4 rows, $left picks dashed on m4's edge, the slider moved to $cut keeps $want, as its command does"

@@ -15,6 +15,7 @@
 #include <string>
 #include <vector>
 
+#include "relion/cutoff_rule.h"
 #include "relion/job_options.h"
 #include "relion/mic_input.h"
 #include "relion/relion_files.h"
@@ -169,6 +170,42 @@ TEST(RelionJob, CommandLineOfAnExternalJob) {
 // RELION names the files it derives from a micrograph after what follows
 // the first "jobNNN" folder, drops from the last '.', and a job's files must
 // stay in its folder.
+// The job cuts each micrograph as gvexreport --pick does: on a sparse one
+// the picks beside a strong edge are left out, on a crowded one, or
+// without the pixels, not.
+TEST(RelionJob, AutomaticCutLeavesPicksOnStrongEdgesOutOfSparseMicrographs) {
+  const int n = 1024;
+  std::vector<float> pixels((size_t)n * n);
+  for (int y = 0; y < n; y++)
+    for (int x = 0; x < n; x++) pixels[(size_t)y * n + x] = (float)((x * 7 + y * 13) % 11) / 11 + (x >= 512 ? 4 : 0);
+  PickResult r;
+  r.usable_pixels = (double)n * n;
+  for (int i = 0; i < 200; i++) {  // noise maxima, and decoys like them
+    Pick p;
+    p.x = 40 + (i % 20) * 22, p.y = 40 + (i / 20) * 90, p.score = (float)(0.2 * i / 199);
+    r.picks.push_back(p);
+    r.decoys.push_back(p);
+  }
+  for (int i = 0; i < 12; i++) {  // particles; the last four beside the step
+    Pick p;
+    p.x = i < 8 ? 100 + 40 * i : 512 - 30, p.y = i < 8 ? 980 : 100 + 200 * (i - 8), p.score = (float)(0.5 + 0.01 * i);
+    r.picks.push_back(p);
+  }
+  // Particles of 40 px at 1 A: radius 20, the annulus 30-60 px out.
+  std::vector<Pick> picks = r.picks;
+  long dropped = -1;
+  const double cut = auto_cutoff(r, 40, 1, pixels, n, n, picks, dropped);
+  EXPECT_GT(cut, 0.2);
+  EXPECT_LE(cut, 0.5);
+  EXPECT_EQ(dropped, 4);
+  EXPECT_EQ(picks.size(), r.picks.size() - 4);
+  for (const Pick& p : picks) EXPECT_NE(p.x, 512 - 30) << "a pick beside the step was kept";
+  picks = r.picks;
+  EXPECT_EQ(auto_cutoff(r, 40, 1, {}, 0, 0, picks, dropped), cut);
+  EXPECT_EQ(dropped, 0);
+  EXPECT_EQ(picks.size(), r.picks.size());
+}
+
 TEST(RelionJob, FileNamesAsRelionDerivesThem) {
   std::string why;
   const struct {

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "io/picks.h"
+#include "report/edges.h"
 #include "report/micrograph.h"
 #include "report/page.h"
 #include "support/run.h"
@@ -44,6 +45,15 @@ Micrograph micrograph(const std::vector<double>& scores) {
   m.picks_found = true;
   m.picks = picks_at(scores);
   m.usable_pixels = (double)m.nx * m.ny;
+  return m;
+}
+
+// Sparse: 30 particles above 200 noise maxima, decoys like the noise.
+Micrograph sparse_micrograph() {
+  Micrograph m = micrograph(spread(200, 0.0, 0.2));
+  for (const Pick& p : picks_at(spread(30, 0.4, 0.6))) m.picks.push_back(p);
+  m.decoys_found = true;
+  m.decoys = picks_at(spread(200, 0.0, 0.2));
   return m;
 }
 
@@ -89,11 +99,7 @@ TEST(PickFiles, CutOffTextKeepsWhatTheCutOffKeeps) {
 
 TEST(DecideCutoff, WithDecoysTheNullModelAndItsReasons) {
   const Settings s = report_settings(1.0, 40.0, true);
-  // Sparse: 30 particles above 200 noise maxima, decoys like the noise.
-  Micrograph m = micrograph(spread(200, 0.0, 0.2));
-  for (const Pick& p : picks_at(spread(30, 0.4, 0.6))) m.picks.push_back(p);
-  m.decoys_found = true;
-  m.decoys = picks_at(spread(200, 0.0, 0.2));
+  Micrograph m = sparse_micrograph();
   decide_cutoff(m, s, 0.0);
   EXPECT_EQ(m.choice.rule, "sparse");
   EXPECT_EQ(count_kept(m.picks, m.cutoff), 30);
@@ -111,6 +117,88 @@ TEST(DecideCutoff, WithDecoysTheNullModelAndItsReasons) {
   decide_cutoff(n, s, 0.0, 0.15);
   EXPECT_EQ(n.choice.rule, "fixed");
   EXPECT_EQ(n.cutoff, 0.15);
+}
+
+// A micrograph of noise with a step (carbon's edge) down the column
+// x = 512: scale and offset say nothing about edges, the step does.
+std::vector<float> step_image(int n, float gain, float offset, float step) {
+  std::vector<float> v((size_t)n * n);
+  unsigned s = 12345;
+  for (int y = 0; y < n; y++)
+    for (int x = 0; x < n; x++) {
+      s = s * 1103515245u + 12345u;
+      const float noise = (float)((s >> 8) & 0xffff) / 65536.0f - 0.5f;
+      v[(size_t)y * n + x] = offset + gain * (noise + (x >= 512 ? step : 0.0f));
+    }
+  return v;
+}
+
+Pick pick_xy(double x, double y, double score = 0.5) {
+  Pick p;
+  p.x = x, p.y = y, p.w = p.h = 64, p.score = (float)score;
+  return p;
+}
+
+TEST(EdgePicks, PicksBesideAStepAreOnAnEdgeWhateverTheScale) {
+  // Particles of radius 16 px: the annulus reaches 24-48 px out. Picks
+  // within that of the step see it; the rest see noise.
+  std::vector<Pick> picks, decoys;
+  for (int y = 64; y < 1000; y += 96) {
+    picks.push_back(pick_xy(200, y));  // far left
+    picks.push_back(pick_xy(512 - 32, y));  // the step inside the annulus
+    picks.push_back(pick_xy(850, y));  // far right
+    decoys.push_back(pick_xy(350, y + 48));
+  }
+  for (float gain : {1.0f, 1000.0f}) {
+    const std::vector<char> e = edge_picks(step_image(1024, gain, 7 * gain, 3.0f), 1024, 1024, 16, picks, decoys);
+    ASSERT_EQ(e.size(), picks.size());
+    for (size_t i = 0; i < picks.size(); i++)
+      EXPECT_EQ((bool)e[i], i % 3 == 1) << "gain " << gain << ", pick at " << picks[i].x << ", " << picks[i].y;
+  }
+  // Without a step nothing stands out; a flat image has no slope at all,
+  // and a radius under a pixel or no picks flag nothing.
+  for (char f : edge_picks(step_image(1024, 1, 0, 0), 1024, 1024, 16, picks, decoys)) EXPECT_FALSE(f);
+  for (char f : edge_picks(std::vector<float>(1024 * 1024, 2.0f), 1024, 1024, 16, picks, decoys)) EXPECT_FALSE(f);
+  for (char f : edge_picks(step_image(1024, 1, 0, 3), 1024, 1024, 0.5, picks, decoys)) EXPECT_FALSE(f);
+  EXPECT_TRUE(edge_picks(step_image(64, 1, 0, 3), 64, 64, 16, {}, decoys).empty());
+  // Picks at and past the micrograph's corners are measured on what lies inside.
+  const std::vector<Pick> corners = {pick_xy(0, 0), pick_xy(1023, 1023), pick_xy(-50, 2000)};
+  EXPECT_EQ(edge_picks(step_image(1024, 1, 0, 3), 1024, 1024, 16, corners, decoys).size(), 3u);
+}
+
+TEST(DecideCutoff, SparseMicrographsLeaveEdgePicksOutCrowdedAndFixedOnesKeepThem) {
+  const Settings s = report_settings(1.0, 40.0, true);
+  Micrograph m = sparse_micrograph();
+  m.on_edge.assign(m.picks.size(), 0);
+  m.on_edge[205] = m.on_edge[206] = 1;  // two of the particles' scores
+  m.on_edge[3] = 1;                     // and a noise maximum, below the cut anyway
+  decide_cutoff(m, s, 0.0);
+  EXPECT_EQ(m.choice.rule, "sparse");
+  EXPECT_EQ(count_kept(m.picks, m.cutoff), 30);
+  EXPECT_EQ(count_kept(m), 28);
+  EXPECT_FALSE(kept_in(m, 205));
+  EXPECT_TRUE(kept_in(m, 207));
+  EXPECT_EQ(m.choice.edge_dropped, 2);
+  EXPECT_NE(m.choice.why.find("2 picks above it lie on strong edges"), std::string::npos) << m.choice.why;
+  // A fixed cut-off keeps what scores as high, edges or not.
+  decide_cutoff(m, s, 0.0, 0.4);
+  EXPECT_EQ(count_kept(m), 30);
+  EXPECT_EQ(m.choice.edge_dropped, 0);
+  // Crowded: particles fill the micrograph and the picks beside edges are
+  // mostly particles too.
+  Micrograph c = micrograph(spread(400, 0.3, 0.6));
+  c.nx = c.ny = 400;
+  c.usable_pixels = 400.0 * 400;
+  c.decoys_found = true;
+  c.decoys = picks_at(spread(50, 0.0, 0.2));
+  c.on_edge.assign(c.picks.size(), 1);
+  decide_cutoff(c, s, 0.0);
+  EXPECT_EQ(c.choice.rule, "crowded");
+  EXPECT_EQ(count_kept(c), count_kept(c.picks, c.cutoff));
+  // Flags that do not match the picks (a file read after them) are ignored.
+  m.on_edge.pop_back();
+  decide_cutoff(m, s, 0.0);
+  EXPECT_EQ(count_kept(m), 30);
 }
 
 // Without decoys: picks already cut are kept as cut (their noise tail,

@@ -68,9 +68,12 @@ class Mic:
 
     def __init__(self, picks, truth, radius, decoys, cap, auto):
         self.scores = [p[2] for p in picks]
+        # gvexreport's kept picks: a cut, less the picks its rule leaves out
+        # as on strong edges (those scored as kept by no cut)
+        self.auto_keep = None if auto is None else [p in auto for p in picks]
         self.has_decoys = decoys is not None
         self.decoys = sorted(d[2] for d in decoys or [])
-        self.n_truth, self.cap, self.auto = len(truth), cap, auto
+        self.n_truth, self.cap = len(truth), cap
         cell = {}
         for j, (x, y) in enumerate(truth):
             cell.setdefault((int(x // radius), int(y // radius)), []).append(j)
@@ -83,13 +86,15 @@ class Mic:
             if math.hypot(x - truth[j][0], y - truth[j][1]) <= radius)
 
     def counts(self, cut):
-        """(true picks, picks, centres) keeping scores >= cut."""
+        """(true picks, picks, centres) keeping scores >= cut, or with cut
+        "auto" the picks gvexreport kept."""
+        keep = self.auto_keep if cut == "auto" else [s >= cut for s in self.scores]
         used_p, used_t = set(), set()
         for _, i, j in self.pairs:
-            if self.scores[i] >= cut and i not in used_p and j not in used_t:
+            if keep[i] and i not in used_p and j not in used_t:
                 used_p.add(i)
                 used_t.add(j)
-        return len(used_p), sum(1 for s in self.scores if s >= cut), self.n_truth
+        return len(used_p), sum(keep), self.n_truth
 
 
 def set_f1(mics, cuts):
@@ -156,7 +161,7 @@ def load_list(path):
             continue
         auto = None
         if v[3] != "-" and os.path.exists(v[3]):
-            auto = min([p[2] for p in read_box(v[3])] or [NONE])  # gvexreport keeps scores >= its cut
+            auto = set(read_box(v[3]))
         decoys = read_box(v[1]) if v[1] != "-" else None
         mics.append(Mic(read_box(v[0]), read_truth(v[2]), float(v[4]), decoys,
                         capacity(v[0], float(v[5])), auto))
@@ -179,7 +184,7 @@ def table(args):
         label, path = arg.split("=", 1)
         mics = load_list(path)
         cuts = [[-NONE] * len(mics), [0.15] * len(mics), None,
-                [m.auto for m in mics] if all(m.auto is not None for m in mics) else None]
+                ["auto"] * len(mics) if all(m.auto_keep is not None for m in mics) else None]
         cuts += [[rule(m) for m in mics] if all(m.has_decoys for m in mics) else None for rule in RULES.values()]
         if sum(m.n_truth for m in mics) == 0:
             kept = [sum(m.counts(c)[1] for m, c in zip(mics, cs)) / len(mics) if cs else float("nan")
