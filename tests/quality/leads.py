@@ -1,5 +1,5 @@
 #!/usr/bin/python3
-"""Two leads for the sparse micrographs, scored beside the decoy rule.
+"""Rules for the sparse micrographs, scored beside the decoy rule.
 
   leads.py SET=LIST [SET=LIST ...]
 
@@ -7,16 +7,22 @@ LIST as for cutoff_eval.py (the lists realistic_sets.sh and bgal_set.sh
 leave in WORK/runs/*/list and WORK/list); run it from the folder the list's
 paths start in. Needs python3-numpy.
 
+- "decoy": the decoy rule alone (gvexreport before it left edge picks out).
 - "edge": on micrographs the rule finds sparse, picks whose surroundings
   (an annulus of 1.5 to 3 particle radii) hold a gradient of more than
   EDGE times the micrograph's median (over its picks and decoys) are
   dropped: the edge of carbon or of contamination the rejected cells
-  missed, where the real run scores above the decoys.
+  missed, where the real run scores above the decoys. This is what
+  gvexreport --pick does now (report/edges.h).
 - "run": a micrograph of crowding between 0.05 and 0.15 takes the branch
   of its run's median crowding (a sample is crowded or not on the whole
   grid, and the estimate of one micrograph straddles the switch); below
   and above that its own.
 - "both": the run's branches, and the sparse ones lose their edge picks.
+- "retry": "edge", and a micrograph whose picks never outnumber the decoys
+  beyond chance is tried again without the picks and decoys on edges
+  (decoys on contamination rims at the top of the scores keep the 0.4
+  floor from being met).
 Prints the F1 of each (kept picks per micrograph on a set without
 particles) and how many sets meet the targets.
 """
@@ -75,7 +81,7 @@ class Gradient:
 
 
 def load(path):
-    """[(Mic, Mic without the edge picks)] of a list."""
+    """[(Mic, Mic without the edge picks, Mic without edge picks or decoys)] of a list."""
     out = []
     for v in (line.split() for line in open(path)):
         if len(v) < 6:
@@ -84,10 +90,13 @@ def load(path):
         cap = ce.capacity(v[0], float(v[5]))
         grad = Gradient(v[0][: -len("_vexmatch.box")] + ".mrc", float(v[5]))
         g = [grad.at(x, y) for x, y, _ in picks]
-        median = statistics.median(g + [grad.at(x, y) for x, y, _ in decoys] or [1.0])
+        gd = [grad.at(x, y) for x, y, _ in decoys]
+        median = statistics.median(g + gd or [1.0])
         smooth = [p for p, gp in zip(picks, g) if gp <= EDGE * median]
+        calm = [d for d, gp in zip(decoys, gd) if gp <= EDGE * median]
         out.append((ce.Mic(picks, truth, float(v[4]), decoys, cap, None),
-                    ce.Mic(smooth, truth, float(v[4]), decoys, cap, None)))
+                    ce.Mic(smooth, truth, float(v[4]), decoys, cap, None),
+                    ce.Mic(smooth, truth, float(v[4]), calm, cap, None)))
     return out
 
 
@@ -101,9 +110,17 @@ def sparse(m):
     return bool(m.scores) and crowding(m) < CROWDED
 
 
-def rule_edge(pairs):
+def rule_edge(triples, retry=False):
     """(micrographs, cuts): the decoy rule's cut; sparse ones lose their edge picks."""
-    return [s if sparse(m) else m for m, s in pairs], [ce.decoy_rule(m) for m, _ in pairs]
+    mics, cuts = [], []
+    for m, s, calm in triples:
+        cut = ce.decoy_rule(m)
+        retried = retry and cut == ce.NONE and bool(calm.scores)
+        if retried:
+            cut = ce.est_f1(ce.tally(calm.scores, calm.decoys))
+        mics.append(s if sparse(m) or retried else m)
+        cuts.append(cut)
+    return mics, cuts
 
 
 def run_branches(mics):
@@ -115,15 +132,15 @@ def run_branches(mics):
 
 def rule_run(pairs, edge=False):
     mics, cuts = [], []
-    for (m, s), crowded in zip(pairs, run_branches([m for m, _ in pairs])):
+    for (m, s, _), crowded in zip(pairs, run_branches([m for m, _, _ in pairs])):
         t = ce.tally(m.scores, m.decoys)
         mics.append(s if edge and t and not crowded else m)
         cuts.append(0.0 if not t else ce.half_decoy(t)[0] if crowded else ce.est_f1(t))
     return mics, cuts
 
 
-RULES = {"decoy": lambda p: ([m for m, _ in p], [ce.decoy_rule(m) for m, _ in p]), "edge": rule_edge, "run": rule_run,
-         "both": lambda p: rule_run(p, edge=True)}
+RULES = {"decoy": lambda p: ([m for m, _, _ in p], [ce.decoy_rule(m) for m, _, _ in p]), "edge": rule_edge,
+         "run": rule_run, "both": lambda p: rule_run(p, edge=True), "retry": lambda p: rule_edge(p, retry=True)}
 
 
 def main(args):
@@ -134,7 +151,7 @@ def main(args):
     for arg in args:
         label, path = arg.split("=", 1)
         pairs = load(path)
-        mics = [m for m, _ in pairs]
+        mics = [m for m, _, _ in pairs]
         if sum(m.n_truth for m in mics) == 0:
             kept = [sum(m.counts(c)[1] for m, c in zip(*r(pairs))) / len(mics) for r in RULES.values()]
             print("%-28s" % (label + " (kept)") + " " * 27 + "".join("%9.1f" % k for k in kept))
