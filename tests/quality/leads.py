@@ -117,7 +117,7 @@ def rule_edge(triples, retry=False):
         cut = ce.decoy_rule(m)
         retried = retry and cut == ce.NONE and bool(calm.scores)
         if retried:
-            cut = ce.est_f1(ce.tally(calm.scores, calm.decoys))
+            cut = ce.decoy_rule(calm)
         mics.append(s if sparse(m) or retried else m)
         cuts.append(cut)
     return mics, cuts

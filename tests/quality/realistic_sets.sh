@@ -14,7 +14,8 @@
 # densities (sparse, medium, crowded) and other proteins. BATCH "fresh", for
 # a rule settled on both: 3072^2 at 1.2 A, particles 130, 170 and 110 A.
 # BATCH "hold", for rules found on all three: 2560^2 at 1.1 A, particles 140,
-# 190 and 125 A.
+# 190 and 125 A. BATCH "late", for rules found on hold: 2880^2 at 1.15 A,
+# particles 160, 115 and 210 A, sparse, medium and empty.
 # Usage: realistic_sets.sh BUILD_DIR WORK_DIR [MICROGRAPHS_PER_SET [BATCH]]
 set -eu
 build=$(cd "$1" && pwd) work=$2 per_set=${3:-4} batch=${4:-main}
@@ -25,7 +26,8 @@ case $batch in
   check) apix=1.35 size=2048 densities="sparse medium crowded" prefix="check " ;;
   fresh) apix=1.2 size=3072 densities="sparse medium crowded" prefix="fresh " ;;
   hold) apix=1.1 size=2560 densities="sparse medium crowded" prefix="hold " ;;
-  *) echo "realistic_sets: batch main, check, fresh or hold, not $batch" >&2; exit 2 ;;
+  late) apix=1.15 size=2880 densities="sparse medium empty" prefix="late " ;;
+  *) echo "realistic_sets: batch main, check, fresh, hold or late, not $batch" >&2; exit 2 ;;
 esac
 mkdir -p "$work" && cd "$work"
 lists=""
@@ -33,12 +35,14 @@ for snr in 0.03 0.05 0.1; do
   case $batch$snr in main0.03) d=180 ;; main0.05) d=150 ;; main*) d=120 ;;
     check0.03) d=200 ;; check0.05) d=100 ;; check*) d=160 ;;
     fresh0.03) d=130 ;; fresh0.05) d=170 ;; fresh*) d=110 ;;
-    hold0.03) d=140 ;; hold0.05) d=190 ;; *) d=125 ;; esac
+    hold0.03) d=140 ;; hold0.05) d=190 ;; hold*) d=125 ;;
+    late0.03) d=160 ;; late0.05) d=115 ;; *) d=210 ;; esac
   for density in $densities; do
     case $batch$density in mainsparse) f=0.08 ;; mainempty) f=0 ;; main*) f=0.45 ;;
       checksparse) f=0.05 ;; checkmedium) f=0.2 ;; check*) f=0.5 ;;
       freshsparse) f=0.1 ;; freshmedium) f=0.25 ;; fresh*) f=0.4 ;;
-      holdsparse) f=0.06 ;; holdmedium) f=0.2 ;; *) f=0.45 ;; esac
+      holdsparse) f=0.06 ;; holdmedium) f=0.2 ;; hold*) f=0.45 ;;
+      latesparse) f=0.07 ;; latemedium) f=0.22 ;; lateempty) f=0 ;; *) f=0.45 ;; esac
     set=$(echo "${prefix}snr${snr}_$density" | tr ' ' _)
     protein=$(echo "$prefix$snr $density" | cksum | cut -c1-6)
     mkdir -p "sets/$set"
