@@ -19,6 +19,9 @@ paths start in. Needs python3-numpy.
   grid, and the estimate of one micrograph straddles the switch); below
   and above that its own.
 - "both": the run's branches, and the sparse ones lose their edge picks.
+- "grid": the decoy rule, and a micrograph is also crowded when the picks
+  less the decoys at the half-decoy cut are at least 0.4 of all its grid
+  maxima (large particles: few maxima, nearly all of them particles).
 - "retry": "edge", and a micrograph whose picks never outnumber the decoys
   beyond chance is tried again without the picks and decoys on edges
   (decoys on contamination rims at the top of the scores keep the 0.4
@@ -139,8 +142,19 @@ def rule_run(pairs, edge=False):
     return mics, cuts
 
 
+def rule_grid(triples):
+    mics, cuts = [], []
+    for m, _, _ in triples:
+        t = ce.tally(m.scores, m.decoys)
+        h = ce.half_decoy(t) if t else None
+        mics.append(m)
+        cuts.append(h[0] if h and h[1] - h[2] >= 0.4 * len(m.scores) else ce.decoy_rule(m))
+    return mics, cuts
+
+
 RULES = {"decoy": lambda p: ([m for m, _, _ in p], [ce.decoy_rule(m) for m, _, _ in p]), "edge": rule_edge,
-         "run": rule_run, "both": lambda p: rule_run(p, edge=True), "retry": lambda p: rule_edge(p, retry=True)}
+         "run": rule_run, "both": lambda p: rule_run(p, edge=True), "retry": lambda p: rule_edge(p, retry=True),
+         "grid": rule_grid}
 
 
 def main(args):
