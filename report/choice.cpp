@@ -49,10 +49,15 @@ void with_decoys(Micrograph& m, const Settings& s) {
   c.particles = d.particles;
   if (d.crowded) {
     c.rule = "crowded";
-    c.why = fmt("crowded: particles cover about %.0f%% of the usable area, so decoys also answer in the gaps between "
-                "them and overcount the false picks; the cut-off is the lowest score with at most half as many "
-                "decoys as picks above it",
-                100 * d.crowding);
+    c.why = d.crowding >= kCrowded
+                ? fmt("crowded: particles cover about %.0f%% of the usable area, so decoys also answer in the gaps "
+                      "between them and overcount the false picks",
+                      100 * d.crowding)
+                : fmt("crowded: about %.0f%% of its grid maxima are particles, though they cover only about %.0f%% "
+                      "of the usable area (few maxima, as of large particles), so decoys also answer in the gaps "
+                      "between them and overcount the false picks",
+                      100 * d.of_maxima, 100 * d.crowding);
+    c.why += "; the cut-off is the lowest score with at most half as many decoys as picks above it";
   } else if (d.particles <= 0 || count_kept(m.picks, m.cutoff) == 0) {
     c.rule = "no-excess";
     c.why = "the picks never outnumber the decoys beyond chance: no particles found, none kept";

@@ -105,11 +105,14 @@ DecoyCutoff null_model_cutoff(const std::vector<double>& real_scores, const std:
     return nullptr;
   };
   const Tally* half = lowest(kDecoyHalf);
+  bool most_maxima = false;
   if (half) {
     const double particles = (double)(half->picks - half->decoys);
     c.crowding = capacity > 0 ? particles / capacity : std::numeric_limits<double>::infinity();
+    c.of_maxima = particles / (double)real_scores.size();
+    most_maxima = c.of_maxima >= kMostMaxima && particles >= kMostSure * std::sqrt((double)(half->picks + half->decoys));
   }
-  if (half && c.crowding >= kCrowded) {
+  if (half && (c.crowding >= kCrowded || most_maxima)) {
     c.value = half->score;
     c.crowded = true;
     return c;

@@ -42,8 +42,12 @@ Cutoff pooled_cutoff(const std::vector<double>& all_scores);
 // number at most half of the picks scoring >= s. Its picks less its decoys
 // (the particles there, were decoys false picks), times the area of a
 // particle's disc over the usable area, measure crowding:
-//  - crowded (>= kCrowded): decoys in the gaps outnumber the real false
-//    picks many times over, and the half-decoy cut is taken;
+//  - crowded (>= kCrowded), or most maxima particles (that excess is at
+//    least kMostMaxima of all the grid maxima, and kMostSure sd beyond
+//    chance: large particles leave room for few maxima, nearly all of them
+//    particles, and too few for the sparse rule's proof): decoys in the
+//    gaps outnumber the real false picks many times over, and the
+//    half-decoy cut is taken;
 //  - sparse: decoys count false picks about one for one, and the cut that
 //    maximises F1 estimated with them is taken: 2 (N(s) - D(s)) / (N(s) + P),
 //    P the largest N(s) - D(s) (the particles among the picks), but no lower
@@ -56,11 +60,14 @@ Cutoff pooled_cutoff(const std::vector<double>& all_scores);
 constexpr double kDecoyHalf = 0.5;
 constexpr double kDecoyFloor = 0.4;
 constexpr double kCrowded = 0.10;
+constexpr double kMostMaxima = 0.4;
+constexpr double kMostSure = 2.0;
 constexpr double kExcess = 3.0;
 
 struct DecoyCutoff {
   double value = 0;      // keep picks with score >= value
   double crowding = 0;   // share of the usable area under particles at the half-decoy cut
+  double of_maxima = 0;  // share of the grid maxima that are particles at the half-decoy cut
   bool crowded = false;  // the half-decoy cut was taken
   double particles = 0;  // P of the sparse branch
 };

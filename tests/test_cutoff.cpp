@@ -116,11 +116,33 @@ TEST(NullModelCutoff, CrowdedMicrographKeepsNearlyAllPicks) {
   EXPECT_TRUE(cut.crowded);
   EXPECT_GE(at_least(particles, cut.value), 380);
   EXPECT_LE(at_least(weak, cut.value), 20);
-  // The same scores on a micrograph with room for ten times as many
-  // particles read as sparse, and the gap decoys then cost particles.
-  const DecoyCutoff sparse = null_model_cutoff(join(particles, noise), gaps, 9000);
+  // The same particles on a micrograph with room for ten times as many,
+  // its noise maxima filling the rest, read as sparse, and the gap decoys
+  // then cost particles.
+  const std::vector<double> wide = d.normal(3000, 0.1, 0.04);
+  const DecoyCutoff sparse = null_model_cutoff(join(join(particles, noise), wide), join(gaps, d.normal(3000, 0.1, 0.04)), 9000);
   EXPECT_FALSE(sparse.crowded);
   EXPECT_GT(sparse.value, c.value);
+}
+
+// Large particles: the micrograph holds few grid maxima, nearly all of them
+// particles, though they cover little of its area.
+TEST(NullModelCutoff, FewMaximaMostlyParticlesAreCutAsCrowded) {
+  Draws d(24);
+  const std::vector<double> particles = d.normal(40, 0.2, 0.06), noise = d.normal(10, 0.1, 0.04);
+  const DecoyCutoff c = null_model_cutoff(join(particles, noise), d.normal(15, 0.1, 0.04), 800);
+  EXPECT_LT(c.crowding, kCrowded);
+  EXPECT_TRUE(c.crowded);
+  EXPECT_GE(c.of_maxima, kMostMaxima);
+  EXPECT_GE(at_least(particles, c.value), 34);
+  // A handful of noise maxima a little above the decoys proves nothing.
+  for (uint64_t seed = 25; seed < 30; seed++) {
+    Draws n(seed);
+    const std::vector<double> real = n.normal(8, 0.13, 0.04);
+    const DecoyCutoff none = null_model_cutoff(real, n.normal(7, 0.1, 0.04), 800);
+    EXPECT_FALSE(none.crowded) << "seed " << seed;
+    EXPECT_EQ(at_least(real, none.value), 0) << "seed " << seed;
+  }
 }
 
 TEST(NullModelCutoff, NoiseAloneKeepsAlmostNothing) {
@@ -152,7 +174,8 @@ TEST(NullModelCutoff, EdgeCases) {
   EXPECT_EQ(null_model_cutoff(real, {}, 1000).value, 0.2);
   EXPECT_GT(null_model_cutoff({0.2, 0.3, 0.4}, {}, 1000).value, 0.4);
   // Tied scores are kept or dropped together.
-  EXPECT_EQ(null_model_cutoff(real, {0.2, 0.25}, 1000).value, 0.3);
+  const std::vector<double> low(30, 0.05);
+  EXPECT_EQ(null_model_cutoff(join(real, low), join({0.2, 0.25}, low), 1000).value, 0.3);
   // No usable area: the picks are taken as crowded.
   EXPECT_TRUE(null_model_cutoff(real, {0.1}, 0).crowded);
 }

@@ -195,6 +195,18 @@ TEST(DecideCutoff, SparseMicrographsLeaveEdgePicksOutCrowdedAndFixedOnesKeepThem
   decide_cutoff(c, s, 0.0);
   EXPECT_EQ(c.choice.rule, "crowded");
   EXPECT_EQ(count_kept(c), count_kept(c.picks, c.cutoff));
+  // Large particles on a wide micrograph: little of its area, but most of
+  // its few grid maxima, and the reason says so.
+  c.nx = c.ny = 4000;
+  c.usable_pixels = 4000.0 * 4000;
+  c.picks = picks_at(spread(40, 0.3, 0.6));
+  for (const Pick& p : picks_at(spread(10, 0.0, 0.2))) c.picks.push_back(p);
+  c.decoys = picks_at(spread(12, 0.0, 0.2));
+  c.on_edge.assign(c.picks.size(), 1);
+  decide_cutoff(c, s, 0.0);
+  EXPECT_EQ(c.choice.rule, "crowded");
+  EXPECT_GE(count_kept(c), 40);
+  EXPECT_NE(c.choice.why.find("% of its grid maxima are particles"), std::string::npos) << c.choice.why;
   // Flags that do not match the picks (a file read after them) are ignored.
   m.on_edge.pop_back();
   decide_cutoff(m, s, 0.0);

@@ -125,24 +125,34 @@ def half_decoy(t):
     return lowest(t, 0.5)
 
 
-def est_f1(t, floor=0.4):
+def est_f1(t, floor=0.4, need=3.0):
     """Cut maximising F1 with decoys as the false picks, no lower than the
-    floor's ratio cut; NONE without evidence."""
+    floor's ratio cut; NONE without evidence (need sd beyond chance)."""
     most = max([0] + [n - d for _, n, d in t])
     excess = max([0] + [(n - d) / math.sqrt(n + d) for _, n, d in t])
-    if most <= 0 or excess < 3:
+    if most <= 0 or excess < need:
         return NONE
     best = max(t, key=lambda x: (2 * max(0, x[1] - x[2]) / (x[1] + most), -x[0]))[0]
     low = lowest(t, floor) if floor else (best,)
     return max(best, low[0]) if low else NONE
 
 
-def decoy_rule(m):
+def crowded(m, h, sure=2.0):
+    """At the half-decoy cut h: particles cover 0.10 of the usable area, or
+    are 0.4 of all the grid maxima and sure sd beyond chance."""
+    excess = h[1] - h[2]
+    if m.cap <= 0 or excess >= 0.10 * m.cap:
+        return True
+    return excess >= 0.4 * len(m.scores) and excess >= sure * math.sqrt(h[1] + h[2])
+
+
+def decoy_rule(m, sure=2.0):
+    """sure=None: crowded by area alone (the rule before the grid maxima counted)."""
     t = tally(m.scores, m.decoys)
     if not t:
         return 0.0
     h = half_decoy(t)
-    if h and (h[1] - h[2] >= 0.10 * m.cap if m.cap > 0 else True):
+    if h and (crowded(m, h, sure) if sure is not None else m.cap <= 0 or h[1] - h[2] >= 0.10 * m.cap):
         return h[0]
     return est_f1(t)
 
