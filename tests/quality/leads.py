@@ -7,25 +7,30 @@ LIST as for cutoff_eval.py (the lists realistic_sets.sh and bgal_set.sh
 leave in WORK/runs/*/list and WORK/list); run it from the folder the list's
 paths start in. Needs python3-numpy.
 
-- "decoy": the decoy rule alone (gvexreport before it left edge picks out).
+- "area": gvexreport's rule before it counted the grid maxima: crowded
+  only when the particles cover 0.10 of the usable area.
+- "decoy": the decoy rule alone, without its edge step.
 - "edge": on micrographs the rule finds sparse, picks whose surroundings
   (an annulus of 1.5 to 3 particle radii) hold a gradient of more than
   EDGE times the micrograph's median (over its picks and decoys) are
   dropped: the edge of carbon or of contamination the rejected cells
   missed, where the real run scores above the decoys. This is what
-  gvexreport --pick does now (report/edges.h).
+  gvexreport --pick does now (report/edges.h); a micrograph is crowded
+  when its particles cover 0.10 of the usable area or are 0.4 of all its
+  grid maxima, 2 sd beyond chance (report/cutoff.h).
 - "run": a micrograph of crowding between 0.05 and 0.15 takes the branch
   of its run's median crowding (a sample is crowded or not on the whole
   grid, and the estimate of one micrograph straddles the switch); below
-  and above that its own.
+  and above that its own (area measure only).
 - "both": the run's branches, and the sparse ones lose their edge picks.
-- "grid": the decoy rule, and a micrograph is also crowded when the picks
-  less the decoys at the half-decoy cut are at least 0.4 of all its grid
-  maxima (large particles: few maxima, nearly all of them particles).
 - "retry": "edge", and a micrograph whose picks never outnumber the decoys
   beyond chance is tried again without the picks and decoys on edges
   (decoys on contamination rims at the top of the scores keep the 0.4
   floor from being met).
+- "unsure": "edge" without the chance test on the grid maxima measure.
+- "evidence": "edge", but the grid maxima measure stands in for the sparse
+  rule's proof of particles (its 3 sd) instead of making the micrograph
+  crowded: the estimated-F1 cut then decides.
 Prints the F1 of each (kept picks per micrograph on a set without
 particles) and how many sets meet the targets.
 """
@@ -41,7 +46,7 @@ sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
 import cutoff_eval as ce  # noqa: E402
 
 EDGE = 4.0
-CROWDED = 0.10  # decoy_rule's switch
+CROWDED = 0.10  # the area measure's switch
 
 
 def read_mrc(path):
@@ -109,19 +114,24 @@ def crowding(m):
     return (h[1] - h[2]) / m.cap if h and m.cap > 0 else 0.0
 
 
-def sparse(m):
-    return bool(m.scores) and crowding(m) < CROWDED
+def sparse(m, sure=2.0):
+    """Not crowded by the rule (sure=None: by the area measure alone)."""
+    t = ce.tally(m.scores, m.decoys)
+    h = ce.half_decoy(t) if t else None
+    if not h:
+        return bool(t)
+    return not (ce.crowded(m, h, sure) if sure is not None else m.cap <= 0 or crowding(m) >= CROWDED)
 
 
-def rule_edge(triples, retry=False):
+def rule_edge(triples, retry=False, sure=2.0):
     """(micrographs, cuts): the decoy rule's cut; sparse ones lose their edge picks."""
     mics, cuts = [], []
     for m, s, calm in triples:
-        cut = ce.decoy_rule(m)
+        cut = ce.decoy_rule(m, sure)
         retried = retry and cut == ce.NONE and bool(calm.scores)
         if retried:
-            cut = ce.decoy_rule(calm)
-        mics.append(s if sparse(m) or retried else m)
+            cut = ce.decoy_rule(calm, sure)
+        mics.append(s if sparse(m, sure) or retried else m)
         cuts.append(cut)
     return mics, cuts
 
@@ -142,33 +152,42 @@ def rule_run(pairs, edge=False):
     return mics, cuts
 
 
-def rule_grid(triples):
+def rule_evidence(triples):
+    """"edge", but the grid maxima measure stands for the sparse rule's proof
+    of particles instead of making the micrograph crowded."""
     mics, cuts = [], []
-    for m, _, _ in triples:
+    for m, s, _ in triples:
         t = ce.tally(m.scores, m.decoys)
         h = ce.half_decoy(t) if t else None
-        mics.append(m)
-        cuts.append(h[0] if h and h[1] - h[2] >= 0.4 * len(m.scores) else ce.decoy_rule(m))
+        if not t or (h and (m.cap <= 0 or h[1] - h[2] >= 0.10 * m.cap)):
+            mics.append(m)
+            cuts.append(h[0] if h else 0.0)
+            continue
+        proof = h and h[1] - h[2] >= 0.4 * len(m.scores) and h[1] - h[2] >= 2.0 * math.sqrt(h[1] + h[2])
+        mics.append(s)
+        cuts.append(ce.est_f1(t, need=0.0 if proof else 3.0))
     return mics, cuts
 
 
-RULES = {"decoy": lambda p: ([m for m, _, _ in p], [ce.decoy_rule(m) for m, _, _ in p]), "edge": rule_edge,
-         "run": rule_run, "both": lambda p: rule_run(p, edge=True), "retry": lambda p: rule_edge(p, retry=True),
-         "grid": rule_grid}
+RULES = {"area": lambda p: rule_edge(p, sure=None),
+         "decoy": lambda p: ([m for m, _, _ in p], [ce.decoy_rule(m) for m, _, _ in p]),
+         "edge": rule_edge, "run": rule_run, "both": lambda p: rule_run(p, edge=True),
+         "retry": lambda p: rule_edge(p, retry=True), "unsure": lambda p: rule_edge(p, sure=0.0),
+         "evidence": rule_evidence}
 
 
 def main(args):
     if not args:
         sys.exit(__doc__)
     met = {k: [0, 0] for k in RULES}
-    print("%-28s%9s%9s%9s" % ("set", "none", "0.15", "best") + "".join("%9s" % k for k in RULES))
+    print("%-28s%9s%9s%9s" % ("set", "none", "0.15", "best") + "".join("%10s" % k for k in RULES))
     for arg in args:
         label, path = arg.split("=", 1)
         pairs = load(path)
         mics = [m for m, _, _ in pairs]
         if sum(m.n_truth for m in mics) == 0:
             kept = [sum(m.counts(c)[1] for m, c in zip(*r(pairs))) / len(mics) for r in RULES.values()]
-            print("%-28s" % (label + " (kept)") + " " * 27 + "".join("%9.1f" % k for k in kept))
+            print("%-28s" % (label + " (kept)") + " " * 27 + "".join("%10.1f" % k for k in kept))
             continue
         best = ce.best_single(mics)[0]
         floor = max(ce.set_f1(mics, [-ce.NONE] * len(mics)), ce.set_f1(mics, [0.15] * len(mics))) - 0.01
@@ -177,7 +196,7 @@ def main(args):
             met[k][0] += f >= 0.95 * best and f >= floor
             met[k][1] += 1
         print("%-28s%9.3f%9.3f%9.3f" % (label, ce.set_f1(mics, [-ce.NONE] * len(mics)),
-                                        ce.set_f1(mics, [0.15] * len(mics)), best) + "".join("%9.3f" % f for f in row))
+                                        ce.set_f1(mics, [0.15] * len(mics)), best) + "".join("%10.3f" % f for f in row))
     print("sets meeting the targets: " + ", ".join("%s %d of %d" % (k, *v) for k, v in met.items()))
 
 

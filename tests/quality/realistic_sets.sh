@@ -6,7 +6,7 @@
 # the other way round (the decoy run) for the rules cutoff_eval.py scores
 # beside it, and prints the F1 of every rule; then the warnings gvexreport
 # gave on each set. Sets and picks already in WORK are reused (remove
-# WORK/runs to pick again).
+# WORK/runs to pick again, WORK/runs/*/real to run only gvexreport again).
 # BATCH "main" (default): 4096^2 at 1.06 A, particles 180, 150 and 120 A at
 # SNR 0.03, 0.05 and 0.1, sparse, crowded and empty (no particles: the
 # table shows the picks kept per micrograph). BATCH "check", for rules tuned
@@ -15,7 +15,11 @@
 # a rule settled on both: 3072^2 at 1.2 A, particles 130, 170 and 110 A.
 # BATCH "hold", for rules found on all three: 2560^2 at 1.1 A, particles 140,
 # 190 and 125 A. BATCH "late", for rules found on hold: 2880^2 at 1.15 A,
-# particles 160, 115 and 210 A, sparse, medium and empty.
+# particles 160, 115 and 210 A, sparse, medium and empty. BATCH "next", for
+# rules found on late: 2304^2 at 1.25 A, particles 150, 95 and 230 A,
+# sparse, medium, crowded and empty. BATCH "last", for rules found on next:
+# 2688^2 at 1.0 A, particles 240, 125 and 175 A, sparse, medium, crowded
+# and empty.
 # Usage: realistic_sets.sh BUILD_DIR WORK_DIR [MICROGRAPHS_PER_SET [BATCH]]
 set -eu
 build=$(cd "$1" && pwd) work=$2 per_set=${3:-4} batch=${4:-main}
@@ -27,7 +31,9 @@ case $batch in
   fresh) apix=1.2 size=3072 densities="sparse medium crowded" prefix="fresh " ;;
   hold) apix=1.1 size=2560 densities="sparse medium crowded" prefix="hold " ;;
   late) apix=1.15 size=2880 densities="sparse medium empty" prefix="late " ;;
-  *) echo "realistic_sets: batch main, check, fresh, hold or late, not $batch" >&2; exit 2 ;;
+  next) apix=1.25 size=2304 densities="sparse medium crowded empty" prefix="next " ;;
+  last) apix=1.0 size=2688 densities="sparse medium crowded empty" prefix="last " ;;
+  *) echo "realistic_sets: batch main, check, fresh, hold, late, next or last, not $batch" >&2; exit 2 ;;
 esac
 mkdir -p "$work" && cd "$work"
 lists=""
@@ -36,13 +42,17 @@ for snr in 0.03 0.05 0.1; do
     check0.03) d=200 ;; check0.05) d=100 ;; check*) d=160 ;;
     fresh0.03) d=130 ;; fresh0.05) d=170 ;; fresh*) d=110 ;;
     hold0.03) d=140 ;; hold0.05) d=190 ;; hold*) d=125 ;;
-    late0.03) d=160 ;; late0.05) d=115 ;; *) d=210 ;; esac
+    late0.03) d=160 ;; late0.05) d=115 ;; late*) d=210 ;;
+    next0.03) d=150 ;; next0.05) d=95 ;; next*) d=230 ;;
+    last0.03) d=240 ;; last0.05) d=125 ;; *) d=175 ;; esac
   for density in $densities; do
     case $batch$density in mainsparse) f=0.08 ;; mainempty) f=0 ;; main*) f=0.45 ;;
       checksparse) f=0.05 ;; checkmedium) f=0.2 ;; check*) f=0.5 ;;
       freshsparse) f=0.1 ;; freshmedium) f=0.25 ;; fresh*) f=0.4 ;;
       holdsparse) f=0.06 ;; holdmedium) f=0.2 ;; hold*) f=0.45 ;;
-      latesparse) f=0.07 ;; latemedium) f=0.22 ;; lateempty) f=0 ;; *) f=0.45 ;; esac
+      latesparse) f=0.07 ;; latemedium) f=0.22 ;; lateempty) f=0 ;;
+      nextsparse) f=0.05 ;; nextmedium) f=0.15 ;; nextempty) f=0 ;; next*) f=0.35 ;;
+      lastsparse) f=0.08 ;; lastmedium) f=0.18 ;; lastempty) f=0 ;; *) f=0.4 ;; esac
     set=$(echo "${prefix}snr${snr}_$density" | tr ' ' _)
     protein=$(echo "$prefix$snr $density" | cksum | cut -c1-6)
     mkdir -p "sets/$set"
@@ -65,23 +75,20 @@ for snr in 0.03 0.05 0.1; do
       run=runs/${set}_$kind
       tmpl=""
       [ $kind = proj ] && tmpl="--T $work/sets/$set/templates.mrcs --apixT $apix"
-      if [ ! -e "$run/picked" ]; then
-        for side in real decoy; do
-          rm -rf "$run/$side" && mkdir -p "$run/$side"
-          for m in sets/$set/m*.mrc; do ln -s "$work/$m" "$run/$side/"; done
-          flag=""
-          [ $side = decoy ] && flag=--dont_invertT
-          # The flag goes first: a flag takes a following word that starts
-          # with neither a letter nor "-" as its value.
-          # shellcheck disable=SC2086 # options held in words
-          if [ $side = decoy ]; then
-            (cd "$run/$side" && "$gvex" $flag --apixM $apix --diameter $d --cc_cutoff 0 $tmpl m*.mrc >pick.log)
-          else
-            (cd "$run/$side" && "$report" --out rep --pick --apply --apixM $apix --diameter $d $tmpl m*.mrc >report.log)
-          fi
-        done
-        touch "$run/picked"
-      fi
+      for side in real decoy; do
+        [ -e "$run/picked" ] && [ -d "$run/$side" ] && continue
+        rm -rf "${run:?}/$side" && mkdir -p "$run/$side"
+        for m in sets/$set/m*.mrc; do ln -s "$work/$m" "$run/$side/"; done
+        # The flag goes first: a flag takes a following word that starts
+        # with neither a letter nor "-" as its value.
+        # shellcheck disable=SC2086 # options held in words
+        if [ $side = decoy ]; then
+          (cd "$run/$side" && "$gvex" --dont_invertT --apixM $apix --diameter $d --cc_cutoff 0 $tmpl m*.mrc >pick.log)
+        else
+          (cd "$run/$side" && "$report" --out rep --pick --apply --apixM $apix --diameter $d $tmpl m*.mrc >report.log)
+        fi
+      done
+      touch "$run/picked"
       # A pick is true within half a particle radius.
       radii=$(awk -v d=$d -v a=$apix 'BEGIN { print d / 4 / a, d / 2 / a }')
       : >"$run/list"
