@@ -8,11 +8,16 @@
 
 namespace {
 
-std::string fmt(const char* f, double a, double b = 0) {
-  char buf[512];
-  snprintf(buf, sizeof buf, f, a, b);
+template <class... Doubles>
+std::string fmt(const char* f, Doubles... v) {
+  char buf[768];
+  snprintf(buf, sizeof buf, f, (double)v...);
   return buf;
 }
+
+// The way from the sparse cut to the half-decoy cut, for micrographs
+// between sparse and crowded.
+const char* const kHalfCut = "the lowest score with at most half as many decoys as picks above it";
 
 // The lowest float score at or above a chosen cut (one above the highest
 // score is no float), so that picks compared as floats are kept as chosen.
@@ -57,16 +62,28 @@ void with_decoys(Micrograph& m, const Settings& s) {
                       "of the usable area (few maxima, as of large particles), so decoys also answer in the gaps "
                       "between them and overcount the false picks",
                       100 * d.of_maxima, 100 * d.crowding);
-    c.why += "; the cut-off is the lowest score with at most half as many decoys as picks above it";
+    c.why += d.toward_half >= 1 ? std::string("; the cut-off is ") + kHalfCut
+                                : fmt("; as they are near sparse, the cut-off lies %.0f%% of the way from the cut that "
+                                      "maximises the F1 estimated with the decoys (%.4f) to ",
+                                      100 * d.toward_half, d.sparse_cut) +
+                                      kHalfCut;
   } else if (d.particles <= 0 || count_kept(m.picks, m.cutoff) == 0) {
     c.rule = "no-excess";
     c.why = "the picks never outnumber the decoys beyond chance: no particles found, none kept";
   } else {
     c.rule = "sparse";
     c.why = fmt("sparse: particles cover about %.0f%% of the usable area and decoys count the false picks about one "
-                "for one; the cut-off maximises the F1 estimated with them (about %.0f particles among the picks), "
-                "no lower than where decoys are 0.4 of the picks",
-                100 * d.crowding, d.particles);
+                "for one; ",
+                100 * d.crowding);
+    c.why += d.toward_half > 0
+                 ? fmt("as they are near crowded, where decoys overcount, the cut-off lies %.0f%% of the way from the "
+                       "cut that maximises the F1 estimated with them (%.4f; about %.0f particles among the picks, no "
+                       "lower than where decoys are 0.4 of the picks) to ",
+                       100 * d.toward_half, d.sparse_cut, d.particles) +
+                       kHalfCut
+                 : fmt("the cut-off maximises the F1 estimated with them (about %.0f particles among the picks), no "
+                       "lower than where decoys are 0.4 of the picks",
+                       d.particles);
     drop_edge_picks(m);
   }
 }

@@ -112,24 +112,35 @@ DecoyCutoff null_model_cutoff(const std::vector<double>& real_scores, const std:
     c.of_maxima = particles / (double)real_scores.size();
     most_maxima = c.of_maxima >= kMostMaxima && particles >= kMostSure * std::sqrt((double)(half->picks + half->decoys));
   }
-  if (half && (c.crowding >= kCrowded || most_maxima)) {
+  const bool area_crowded = half && c.crowding >= kCrowded;
+  c.crowded = area_crowded || (half && most_maxima);
+  if (half && (most_maxima || c.crowding >= kBlendHigh)) {
     c.value = half->score;
-    c.crowded = true;
+    c.toward_half = 1;
     return c;
   }
   long most = 0;
   double beyond = 0;
   excess(real_scores, decoy_scores, most, beyond);
   c.particles = (double)most;
-  c.value = above_all(real_scores);
-  if (most <= 0 || beyond < kExcess) return c;
+  const Tally* floor = lowest(kDecoyFloor);
+  if (most <= 0 || beyond < kExcess || !floor) {
+    // No evidence for the sparse reading: crowded ones keep the half-decoy cut, the others nothing.
+    c.value = area_crowded ? half->score : above_all(real_scores);
+    c.toward_half = area_crowded ? 1 : 0;
+    return c;
+  }
   double best = -1;
   for (const Tally& x : t) {
     const double f1 = 2.0 * (double)std::max(0L, x.picks - x.decoys) / (double)(x.picks + most);
     if (f1 > best) best = f1, c.value = x.score;
   }
-  const Tally* floor = lowest(kDecoyFloor);
-  c.value = floor ? std::max(c.value, floor->score) : above_all(real_scores);
+  c.value = std::max(c.value, floor->score);
+  c.sparse_cut = c.value;
+  if (half && c.crowding > kBlendLow) {
+    c.toward_half = (c.crowding - kBlendLow) / (kBlendHigh - kBlendLow);
+    c.value = c.toward_half * half->score + (1 - c.toward_half) * c.value;
+  }
   return c;
 }
 

@@ -8,6 +8,7 @@
 // particle peaks when their 90th percentile reaches the run's pooled cut-off
 // (a crowded micrograph: keep every pick), noise when not (keep none).
 #pragma once
+#include <cmath>
 #include <cstddef>
 #include <vector>
 
@@ -49,7 +50,7 @@ Cutoff pooled_cutoff(const std::vector<double>& all_scores);
 //    gaps outnumber the real false picks many times over, and the
 //    half-decoy cut is taken;
 //  - sparse: decoys count false picks about one for one, and the cut that
-//    maximises F1 estimated with them is taken: 2 (N(s) - D(s)) / (N(s) + P),
+//    maximises F1 estimated with them (the sparse cut) is taken: 2 (N(s) - D(s)) / (N(s) + P),
 //    P the largest N(s) - D(s) (the particles among the picks), but no lower
 //    than where decoys are at most kDecoyFloor of the picks: large dark
 //    contamination lifts the real run's noise maxima above the decoys', and
@@ -57,18 +58,28 @@ Cutoff pooled_cutoff(const std::vector<double>& all_scores);
 //    unless at some cut the excess of picks over decoys is beyond chance:
 //    N - D >= kExcess sqrt(N + D). The picks on strong edges are then left
 //    out (report/edges.h): decoys do not count the false picks there.
+// Decoys overcount the false picks more and more as particles crowd, so
+// between kBlendLow and kBlendHigh of crowding the cut moves in proportion
+// from the sparse cut to the half-decoy cut; a hard switch at kCrowded cut
+// micrographs near it too high or too low (edge picks are still left out
+// below kCrowded only). Without evidence for the sparse cut a crowded
+// micrograph keeps the half-decoy cut.
 constexpr double kDecoyHalf = 0.5;
 constexpr double kDecoyFloor = 0.4;
 constexpr double kCrowded = 0.10;
 constexpr double kMostMaxima = 0.4;
 constexpr double kMostSure = 2.0;
+constexpr double kBlendLow = 0.05;
+constexpr double kBlendHigh = 0.15;
 constexpr double kExcess = 3.0;
 
 struct DecoyCutoff {
   double value = 0;      // keep picks with score >= value
   double crowding = 0;   // share of the usable area under particles at the half-decoy cut
   double of_maxima = 0;  // share of the grid maxima that are particles at the half-decoy cut
-  bool crowded = false;  // the half-decoy cut was taken
+  bool crowded = false;  // read as crowded: edge picks stay
+  double toward_half = 0;  // how far the cut lies from the sparse cut to the half-decoy cut
+  double sparse_cut = NAN; // the sparse cut, where there is evidence for it
   double particles = 0;  // P of the sparse branch
 };
 

@@ -125,6 +125,30 @@ TEST(NullModelCutoff, CrowdedMicrographKeepsNearlyAllPicks) {
   EXPECT_GT(sparse.value, c.value);
 }
 
+// Between sparse and crowded the cut moves with crowding from the sparse
+// cut to the half-decoy cut, without a jump anywhere.
+TEST(NullModelCutoff, BetweenSparseAndCrowdedTheCutMovesSmoothly) {
+  Draws d(31);
+  const std::vector<double> real = join(d.normal(80, 0.3, 0.07), d.normal(500, 0.1, 0.04));
+  const std::vector<double> decoys = d.normal(520, 0.1, 0.045);
+  const DecoyCutoff sparse = null_model_cutoff(real, decoys, 1e6), crowded = null_model_cutoff(real, decoys, 1);
+  const double excess = sparse.crowding * 1e6;  // picks less decoys at the half-decoy cut
+  ASSERT_GT(sparse.value, crowded.value);
+  EXPECT_EQ(sparse.toward_half, 0);
+  EXPECT_EQ(crowded.toward_half, 1);
+  double last = sparse.value;
+  for (double crowding = 0.04; crowding <= 0.16; crowding += 0.005) {
+    const DecoyCutoff c = null_model_cutoff(real, decoys, excess / crowding);
+    EXPECT_LE(c.value, last + 1e-12) << "crowding " << crowding;
+    EXPECT_GE(c.value, crowded.value) << "crowding " << crowding;
+    EXPECT_EQ(c.crowded, crowding >= kCrowded) << "crowding " << crowding;
+    last = c.value;
+  }
+  const double below = null_model_cutoff(real, decoys, excess / (kCrowded - 1e-6)).value;
+  const double above = null_model_cutoff(real, decoys, excess / (kCrowded + 1e-6)).value;
+  EXPECT_NEAR(below, above, 1e-4 * (sparse.value - crowded.value));
+}
+
 // Large particles: the micrograph holds few grid maxima, nearly all of them
 // particles, though they cover little of its area.
 TEST(NullModelCutoff, FewMaximaMostlyParticlesAreCutAsCrowded) {

@@ -137,24 +137,42 @@ def est_f1(t, floor=0.4, need=3.0):
     return max(best, low[0]) if low else NONE
 
 
-def crowded(m, h, sure=2.0):
-    """At the half-decoy cut h: particles cover 0.10 of the usable area, or
-    are 0.4 of all the grid maxima and sure sd beyond chance."""
+def most_maxima(m, h, sure=2.0):
+    """At the half-decoy cut h the picks less the decoys are 0.4 of all the
+    grid maxima and sure sd beyond chance."""
     excess = h[1] - h[2]
-    if m.cap <= 0 or excess >= 0.10 * m.cap:
-        return True
     return excess >= 0.4 * len(m.scores) and excess >= sure * math.sqrt(h[1] + h[2])
 
 
-def decoy_rule(m, sure=2.0):
-    """sure=None: crowded by area alone (the rule before the grid maxima counted)."""
+def crowded(m, h, sure=2.0):
+    """Read as crowded (edge picks stay): particles cover 0.10 of the usable
+    area, or most maxima (sure=None: by area alone)."""
+    if m.cap <= 0 or h[1] - h[2] >= 0.10 * m.cap:
+        return True
+    return sure is not None and most_maxima(m, h, sure)
+
+
+def decoy_rule(m, sure=2.0, blend=(0.05, 0.15)):
+    """gvexreport's rule without its edge step. sure=None: crowded by area
+    alone; blend=None: the half-decoy cut from 0.10 of crowding up, the
+    sparse cut below (no move between them)."""
     t = tally(m.scores, m.decoys)
     if not t:
         return 0.0
     h = half_decoy(t)
-    if h and (crowded(m, h, sure) if sure is not None else m.cap <= 0 or h[1] - h[2] >= 0.10 * m.cap):
+    if not h:
+        return est_f1(t)
+    crowd = (h[1] - h[2]) / m.cap if m.cap > 0 else math.inf
+    hi = blend[1] if blend else 0.10
+    if (sure is not None and most_maxima(m, h, sure)) or crowd >= hi:
         return h[0]
-    return est_f1(t)
+    e = est_f1(t)
+    if e == NONE:
+        return h[0] if crowd >= 0.10 else NONE
+    if blend and crowd > blend[0]:
+        w = (crowd - blend[0]) / (blend[1] - blend[0])
+        return w * h[0] + (1 - w) * e
+    return e
 
 
 RULES = {
