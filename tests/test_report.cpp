@@ -105,6 +105,17 @@ TEST(DecideCutoff, WithDecoysTheNullModelAndItsReasons) {
   EXPECT_EQ(count_kept(m.picks, m.cutoff), 30);
   EXPECT_EQ(m.choice.decoys_above, 0);
   EXPECT_NEAR(m.choice.particles, 30, 1);
+  // Between sparse and crowded the reason says how far the cut has moved
+  // toward the half-decoy cut (the 30 particles on less area).
+  for (double crowding : {0.08, 0.12}) {
+    Micrograph b = sparse_micrograph();
+    b.usable_pixels = 30 / crowding * 3.14159265358979 * 20 * 20;
+    decide_cutoff(b, s, 0.0);
+    EXPECT_EQ(b.choice.rule, crowding < 0.1 ? "sparse" : "crowded");
+    const std::string moved = crowding < 0.1 ? "30% of the way" : "70% of the way";
+    EXPECT_NE(b.choice.why.find(moved), std::string::npos) << b.choice.why;
+    EXPECT_LT(b.cutoff, m.cutoff);
+  }
   // Decoys as high as the picks: nothing beats them, and the cut-off above
   // the highest score keeps none even compared as floats.
   Micrograph n = micrograph(spread(200, 0.0, 0.3));
