@@ -59,8 +59,9 @@ Cutoff pooled_cutoff(const std::vector<double>& all_scores);
 //    N - D >= kExcess sqrt(N + D). The picks on strong edges are then left
 //    out (report/edges.h): decoys do not count the false picks there.
 // Decoys overcount the false picks more and more as particles crowd, so
-// between kBlendLow and kBlendHigh of crowding the cut moves in proportion
-// from the sparse cut to the half-decoy cut; a hard switch at kCrowded cut
+// between kBlendLow and kBlendHigh of crowding (most maxima particles or
+// not, from kCrowded up) the cut moves in proportion from the sparse cut
+// to the half-decoy cut; a hard switch at kCrowded cut
 // micrographs near it too high or too low (edge picks are still left out
 // below kCrowded only). Without evidence for the sparse cut a crowded
 // micrograph keeps the half-decoy cut.
