@@ -8,7 +8,8 @@ leave in WORK/runs/*/list and WORK/list); run it from the folder the list's
 paths start in. Needs python3-numpy.
 
 - "area": gvexreport's rule before it counted the grid maxima: crowded
-  only when the particles cover 0.10 of the usable area.
+  only when the particles cover 0.10 of the usable area, a hard switch.
+- "switch": "edge" with the hard switch at 0.10 instead of the move.
 - "decoy": the decoy rule alone, without its edge step.
 - "edge": on micrographs the rule finds sparse, picks whose surroundings
   (an annulus of 1.5 to 3 particle radii) hold a gradient of more than
@@ -17,7 +18,9 @@ paths start in. Needs python3-numpy.
   missed, where the real run scores above the decoys. This is what
   gvexreport --pick does now (report/edges.h); a micrograph is crowded
   when its particles cover 0.10 of the usable area or are 0.4 of all its
-  grid maxima, 2 sd beyond chance (report/cutoff.h).
+  grid maxima, 2 sd beyond chance, and between 0.05 and 0.15 of crowding
+  the cut moves from the sparse cut to the half-decoy cut in proportion
+  (report/cutoff.h).
 - "run": a micrograph of crowding between 0.05 and 0.15 takes the branch
   of its run's median crowding (a sample is crowded or not on the whole
   grid, and the estimate of one micrograph straddles the switch); below
@@ -120,17 +123,17 @@ def sparse(m, sure=2.0):
     h = ce.half_decoy(t) if t else None
     if not h:
         return bool(t)
-    return not (ce.crowded(m, h, sure) if sure is not None else m.cap <= 0 or crowding(m) >= CROWDED)
+    return not ce.crowded(m, h, sure)
 
 
-def rule_edge(triples, retry=False, sure=2.0):
+def rule_edge(triples, retry=False, sure=2.0, blend=(0.05, 0.15)):
     """(micrographs, cuts): the decoy rule's cut; sparse ones lose their edge picks."""
     mics, cuts = [], []
     for m, s, calm in triples:
-        cut = ce.decoy_rule(m, sure)
+        cut = ce.decoy_rule(m, sure, blend)
         retried = retry and cut == ce.NONE and bool(calm.scores)
         if retried:
-            cut = ce.decoy_rule(calm, sure)
+            cut = ce.decoy_rule(calm, sure, blend)
         mics.append(s if sparse(m, sure) or retried else m)
         cuts.append(cut)
     return mics, cuts
@@ -169,11 +172,11 @@ def rule_evidence(triples):
     return mics, cuts
 
 
-RULES = {"area": lambda p: rule_edge(p, sure=None),
+RULES = {"area": lambda p: rule_edge(p, sure=None, blend=None),
          "decoy": lambda p: ([m for m, _, _ in p], [ce.decoy_rule(m) for m, _, _ in p]),
          "edge": rule_edge, "run": rule_run, "both": lambda p: rule_run(p, edge=True),
          "retry": lambda p: rule_edge(p, retry=True), "unsure": lambda p: rule_edge(p, sure=0.0),
-         "evidence": rule_evidence}
+         "evidence": rule_evidence, "switch": lambda p: rule_edge(p, blend=None)}
 
 
 def main(args):

@@ -19,7 +19,8 @@
 # rules found on late: 2304^2 at 1.25 A, particles 150, 95 and 230 A,
 # sparse, medium, crowded and empty. BATCH "last", for rules found on next:
 # 2688^2 at 1.0 A, particles 240, 125 and 175 A, sparse, medium, crowded
-# and empty.
+# and empty. BATCH "extra", for rules found on last: 2560^2 at 1.3 A,
+# particles 170, 140 and 110 A, sparse, medium, crowded and empty.
 # Usage: realistic_sets.sh BUILD_DIR WORK_DIR [MICROGRAPHS_PER_SET [BATCH]]
 set -eu
 build=$(cd "$1" && pwd) work=$2 per_set=${3:-4} batch=${4:-main}
@@ -33,7 +34,8 @@ case $batch in
   late) apix=1.15 size=2880 densities="sparse medium empty" prefix="late " ;;
   next) apix=1.25 size=2304 densities="sparse medium crowded empty" prefix="next " ;;
   last) apix=1.0 size=2688 densities="sparse medium crowded empty" prefix="last " ;;
-  *) echo "realistic_sets: batch main, check, fresh, hold, late, next or last, not $batch" >&2; exit 2 ;;
+  extra) apix=1.3 size=2560 densities="sparse medium crowded empty" prefix="extra " ;;
+  *) echo "realistic_sets: batch main, check, fresh, hold, late, next, last or extra, not $batch" >&2; exit 2 ;;
 esac
 mkdir -p "$work" && cd "$work"
 lists=""
@@ -44,7 +46,8 @@ for snr in 0.03 0.05 0.1; do
     hold0.03) d=140 ;; hold0.05) d=190 ;; hold*) d=125 ;;
     late0.03) d=160 ;; late0.05) d=115 ;; late*) d=210 ;;
     next0.03) d=150 ;; next0.05) d=95 ;; next*) d=230 ;;
-    last0.03) d=240 ;; last0.05) d=125 ;; *) d=175 ;; esac
+    last0.03) d=240 ;; last0.05) d=125 ;; last*) d=175 ;;
+    extra0.03) d=170 ;; extra0.05) d=140 ;; *) d=110 ;; esac
   for density in $densities; do
     case $batch$density in mainsparse) f=0.08 ;; mainempty) f=0 ;; main*) f=0.45 ;;
       checksparse) f=0.05 ;; checkmedium) f=0.2 ;; check*) f=0.5 ;;
@@ -52,7 +55,8 @@ for snr in 0.03 0.05 0.1; do
       holdsparse) f=0.06 ;; holdmedium) f=0.2 ;; hold*) f=0.45 ;;
       latesparse) f=0.07 ;; latemedium) f=0.22 ;; lateempty) f=0 ;;
       nextsparse) f=0.05 ;; nextmedium) f=0.15 ;; nextempty) f=0 ;; next*) f=0.35 ;;
-      lastsparse) f=0.08 ;; lastmedium) f=0.18 ;; lastempty) f=0 ;; *) f=0.4 ;; esac
+      lastsparse) f=0.08 ;; lastmedium) f=0.18 ;; lastempty) f=0 ;; last*) f=0.4 ;;
+      extrasparse) f=0.06 ;; extramedium) f=0.2 ;; extraempty) f=0 ;; *) f=0.4 ;; esac
     set=$(echo "${prefix}snr${snr}_$density" | tr ' ' _)
     protein=$(echo "$prefix$snr $density" | cksum | cut -c1-6)
     mkdir -p "sets/$set"
