@@ -113,7 +113,7 @@ DecoyCutoff null_model_cutoff(const std::vector<double>& real_scores, const std:
     most_maxima = c.of_maxima >= kMostMaxima && particles >= kMostSure * std::sqrt((double)(half->picks + half->decoys));
   }
   const bool area_crowded = half && c.crowding >= kCrowded;
-  c.crowded = area_crowded || (half && most_maxima);
+  c.crowded = area_crowded || most_maxima;
   if (half && ((most_maxima && !area_crowded) || c.crowding >= kBlendHigh)) {
     c.value = half->score;
     c.toward_half = 1;

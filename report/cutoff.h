@@ -42,29 +42,29 @@ Cutoff pooled_cutoff(const std::vector<double>& all_scores);
 // The half-decoy cut is the lowest score s at which the decoys scoring >= s
 // number at most half of the picks scoring >= s. Its picks less its decoys
 // (the particles there, were decoys false picks), times the area of a
-// particle's disc over the usable area, measure crowding:
-//  - crowded (>= kCrowded), or most maxima particles (that excess is at
-//    least kMostMaxima of all the grid maxima, and kMostSure sd beyond
-//    chance: large particles leave room for few maxima, nearly all of them
-//    particles, and too few for the sparse rule's proof): decoys in the
-//    gaps outnumber the real false picks many times over, and the
-//    half-decoy cut is taken;
-//  - sparse: decoys count false picks about one for one, and the cut that
-//    maximises F1 estimated with them (the sparse cut) is taken: 2 (N(s) - D(s)) / (N(s) + P),
-//    P the largest N(s) - D(s) (the particles among the picks), but no lower
-//    than where decoys are at most kDecoyFloor of the picks: large dark
-//    contamination lifts the real run's noise maxima above the decoys', and
-//    an empty micrograph must not read as a sparse one. None are kept
-//    unless at some cut the excess of picks over decoys is beyond chance:
-//    N - D >= kExcess sqrt(N + D). The picks on strong edges are then left
-//    out (report/edges.h): decoys do not count the false picks there.
-// Decoys overcount the false picks more and more as particles crowd, so
-// between kBlendLow and kBlendHigh of crowding (most maxima particles or
-// not, from kCrowded up) the cut moves in proportion from the sparse cut
-// to the half-decoy cut; a hard switch at kCrowded cut
-// micrographs near it too high or too low (edge picks are still left out
-// below kCrowded only). Without evidence for the sparse cut a crowded
-// micrograph keeps the half-decoy cut.
+// particle's disc over the usable area, measure crowding. Decoys in the
+// gaps between particles overcount the real false picks more and more as
+// particles crowd, so:
+//  - from kBlendHigh up the half-decoy cut is taken;
+//  - up to kBlendLow the sparse cut, where decoys count false picks about
+//    one for one: the cut that maximises F1 estimated with them,
+//    2 (N(s) - D(s)) / (N(s) + P), P the largest N(s) - D(s) (the particles
+//    among the picks), but no lower than where decoys are at most
+//    kDecoyFloor of the picks (large dark contamination lifts the real
+//    run's noise maxima above the decoys', and an empty micrograph must not
+//    read as a sparse one). None are kept unless at some cut the excess of
+//    picks over decoys is beyond chance: N - D >= kExcess sqrt(N + D);
+//  - in between the cut moves from the one to the other in proportion to
+//    crowding (a hard switch cut micrographs near it too high or too low);
+//    from kCrowded up, without evidence for a sparse cut, the half-decoy
+//    cut is taken.
+// Below kCrowded, most maxima particles also take the half-decoy cut (the
+// excess is at least kMostMaxima of all the grid maxima, and kMostSure sd
+// beyond chance): large particles leave room for few maxima, nearly all of
+// them particles, and too few for the sparse rule's proof. Micrographs read
+// as crowded (from kCrowded up, or most maxima particles) keep their picks
+// on strong edges; the others leave them out (report/edges.h): decoys do
+// not count the false picks there.
 constexpr double kDecoyHalf = 0.5;
 constexpr double kDecoyFloor = 0.4;
 constexpr double kCrowded = 0.10;

@@ -162,11 +162,11 @@ def rule_evidence(triples):
     for m, s, _ in triples:
         t = ce.tally(m.scores, m.decoys)
         h = ce.half_decoy(t) if t else None
-        if not t or (h and (m.cap <= 0 or h[1] - h[2] >= 0.10 * m.cap)):
+        if not t or (h and ce.crowded(m, h, None)):
             mics.append(m)
             cuts.append(h[0] if h else 0.0)
             continue
-        proof = h and h[1] - h[2] >= 0.4 * len(m.scores) and h[1] - h[2] >= 2.0 * math.sqrt(h[1] + h[2])
+        proof = h and ce.most_maxima(m, h)
         mics.append(s)
         cuts.append(ce.est_f1(t, need=0.0 if proof else 3.0))
     return mics, cuts
