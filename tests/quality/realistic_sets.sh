@@ -20,7 +20,10 @@
 # sparse, medium, crowded and empty. BATCH "last", for rules found on next:
 # 2688^2 at 1.0 A, particles 240, 125 and 175 A, sparse, medium, crowded
 # and empty. BATCH "extra", for rules found on last: 2560^2 at 1.3 A,
-# particles 170, 140 and 110 A, sparse, medium, crowded and empty.
+# particles 170, 140 and 110 A, sparse, medium, crowded and empty. BATCHes
+# "spare" and "other", for rules found on all eight: 2432^2 at 1.15 A,
+# particles 190, 135 and 155 A, and 2304^2 at 1.4 A, particles 120, 200 and
+# 145 A; sparse, medium, crowded and empty.
 # Usage: realistic_sets.sh BUILD_DIR WORK_DIR [MICROGRAPHS_PER_SET [BATCH]]
 set -eu
 build=$(cd "$1" && pwd) work=$2 per_set=${3:-4} batch=${4:-main}
@@ -35,7 +38,9 @@ case $batch in
   next) apix=1.25 size=2304 densities="sparse medium crowded empty" prefix="next " ;;
   last) apix=1.0 size=2688 densities="sparse medium crowded empty" prefix="last " ;;
   extra) apix=1.3 size=2560 densities="sparse medium crowded empty" prefix="extra " ;;
-  *) echo "realistic_sets: batch main, check, fresh, hold, late, next, last or extra, not $batch" >&2; exit 2 ;;
+  spare) apix=1.15 size=2432 densities="sparse medium crowded empty" prefix="spare " ;;
+  other) apix=1.4 size=2304 densities="sparse medium crowded empty" prefix="other " ;;
+  *) echo "realistic_sets: batch main, check, fresh, hold, late, next, last, extra, spare or other, not $batch" >&2; exit 2 ;;
 esac
 mkdir -p "$work" && cd "$work"
 lists=""
@@ -47,7 +52,9 @@ for snr in 0.03 0.05 0.1; do
     late0.03) d=160 ;; late0.05) d=115 ;; late*) d=210 ;;
     next0.03) d=150 ;; next0.05) d=95 ;; next*) d=230 ;;
     last0.03) d=240 ;; last0.05) d=125 ;; last*) d=175 ;;
-    extra0.03) d=170 ;; extra0.05) d=140 ;; *) d=110 ;; esac
+    extra0.03) d=170 ;; extra0.05) d=140 ;; extra*) d=110 ;;
+    spare0.03) d=190 ;; spare0.05) d=135 ;; spare*) d=155 ;;
+    other0.03) d=120 ;; other0.05) d=200 ;; *) d=145 ;; esac
   for density in $densities; do
     case $batch$density in mainsparse) f=0.08 ;; mainempty) f=0 ;; main*) f=0.45 ;;
       checksparse) f=0.05 ;; checkmedium) f=0.2 ;; check*) f=0.5 ;;
@@ -56,7 +63,9 @@ for snr in 0.03 0.05 0.1; do
       latesparse) f=0.07 ;; latemedium) f=0.22 ;; lateempty) f=0 ;;
       nextsparse) f=0.05 ;; nextmedium) f=0.15 ;; nextempty) f=0 ;; next*) f=0.35 ;;
       lastsparse) f=0.08 ;; lastmedium) f=0.18 ;; lastempty) f=0 ;; last*) f=0.4 ;;
-      extrasparse) f=0.06 ;; extramedium) f=0.2 ;; extraempty) f=0 ;; *) f=0.4 ;; esac
+      extrasparse) f=0.06 ;; extramedium) f=0.2 ;; extraempty) f=0 ;; extra*) f=0.4 ;;
+      sparesparse) f=0.06 ;; sparemedium) f=0.18 ;; spareempty) f=0 ;; spare*) f=0.4 ;;
+      othersparse) f=0.07 ;; othermedium) f=0.2 ;; otherempty) f=0 ;; *) f=0.45 ;; esac
     set=$(echo "${prefix}snr${snr}_$density" | tr ' ' _)
     protein=$(echo "$prefix$snr $density" | cksum | cut -c1-6)
     mkdir -p "sets/$set"
