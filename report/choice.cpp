@@ -46,9 +46,25 @@ void drop_edge_picks(Micrograph& m) {
                         (double)m.choice.edge_dropped);
 }
 
-void with_decoys(Micrograph& m, const Settings& s) {
+// The scores of picks (or decoys) not flagged on an edge; all of them
+// without flags.
+std::vector<double> off_edges(const std::vector<Pick>& picks, const std::vector<char>& on_edge) {
+  std::vector<double> s;
+  for (size_t i = 0; i < picks.size(); i++)
+    if (on_edge.size() != picks.size() || !on_edge[i]) s.push_back(picks[i].score);
+  return s;
+}
+
+void with_decoys(Micrograph& m, const Settings& s, double run_sparse) {
   CutoffChoice& c = m.choice;
-  const DecoyCutoff d = null_model_cutoff(scores_of(m.picks), scores_of(m.decoys), capacity_of(m, s));
+  const DecoyCutoff d = null_model_cutoff(scores_of(m.picks), scores_of(m.decoys), capacity_of(m, s), run_sparse);
+  // Where its own picks prove nothing the sparse cut is the run's.
+  const std::string sparse_cut =
+      d.from_run ? fmt("the run's sparse cut (%.4f: its own picks do not outnumber the decoys beyond chance, so the "
+                       "cut that maximises the F1 estimated over the picks and decoys of the run's sparse micrographs "
+                       "together, off strong edges, no lower than where decoys are 0.4 of the picks)",
+                       d.sparse_cut)
+                 : "";
   m.cutoff = as_score(d.value);
   c.crowding = d.crowding;
   c.particles = d.particles;
@@ -63,13 +79,27 @@ void with_decoys(Micrograph& m, const Settings& s) {
                       "between them and overcount the false picks",
                       100 * d.of_maxima, 100 * d.crowding);
     c.why += d.toward_half >= 1 ? std::string("; the cut-off is ") + kHalfCut
-                                : fmt("; as they are near sparse, the cut-off lies %.0f%% of the way from the cut that "
-                                      "maximises the F1 estimated with the decoys (%.4f) to ",
-                                      100 * d.toward_half, d.sparse_cut) +
-                                      kHalfCut;
-  } else if (d.particles <= 0 || count_kept(m.picks, m.cutoff) == 0) {
+             : d.from_run ? fmt("; as they are near sparse, the cut-off lies %.0f%% of the way from ",
+                                100 * d.toward_half) +
+                                sparse_cut + " to " + kHalfCut
+                          : fmt("; as they are near sparse, the cut-off lies %.0f%% of the way from the cut that "
+                                "maximises the F1 estimated with the decoys (%.4f) to ",
+                                100 * d.toward_half, d.sparse_cut) +
+                                kHalfCut;
+  } else if (count_kept(m.picks, m.cutoff) == 0 || (!d.from_run && d.particles <= 0)) {
     c.rule = "no-excess";
-    c.why = "the picks never outnumber the decoys beyond chance: no particles found, none kept";
+    c.why = d.from_run ? fmt("the picks never outnumber the decoys beyond chance, and none reach the run's sparse cut "
+                             "%.4f: none kept",
+                             d.sparse_cut)
+                       : "the picks never outnumber the decoys beyond chance: no particles found, none kept";
+  } else if (d.from_run) {
+    c.rule = "sparse";
+    c.why = fmt("sparse: particles cover about %.0f%% of the usable area; ", 100 * d.crowding);
+    c.why += d.toward_half > 0 ? fmt("as they are near crowded, the cut-off lies %.0f%% of the way from ",
+                                     100 * d.toward_half) +
+                                     sparse_cut + " to " + kHalfCut
+                               : "the cut-off is " + sparse_cut;
+    drop_edge_picks(m);
   } else {
     c.rule = "sparse";
     c.why = fmt("sparse: particles cover about %.0f%% of the usable area and decoys count the false picks about one "
@@ -145,7 +175,7 @@ long count_kept(const Micrograph& m) {
   return n;
 }
 
-void decide_cutoff(Micrograph& m, const Settings& s, double pooled, double fixed) {
+void decide_cutoff(Micrograph& m, const Settings& s, double pooled, double fixed, double run_sparse) {
   m.choice = CutoffChoice();
   m.drop_edges = false;
   if (std::isfinite(fixed)) {
@@ -159,11 +189,23 @@ void decide_cutoff(Micrograph& m, const Settings& s, double pooled, double fixed
     m.choice.rule = "no-picks";
     m.choice.why = "no picks";
   } else if (m.decoys_found) {
-    with_decoys(m, s);
+    with_decoys(m, s, run_sparse);
   } else {
     without_decoys(m, pooled);
   }
   if (m.decoys_found) m.choice.decoys_above = count_kept(m.decoys, m.cutoff);
+}
+
+double run_sparse_cut(const std::vector<Micrograph>& mics, const Settings& s) {
+  std::vector<double> real, decoys;
+  for (const Micrograph& m : mics) {
+    if (!m.decoys_found || m.picks.empty()) continue;
+    if (null_model_cutoff(scores_of(m.picks), scores_of(m.decoys), capacity_of(m, s)).crowded) continue;
+    const std::vector<double> r = off_edges(m.picks, m.on_edge), d = off_edges(m.decoys, m.decoy_on_edge);
+    real.insert(real.end(), r.begin(), r.end());
+    decoys.insert(decoys.end(), d.begin(), d.end());
+  }
+  return real.empty() ? NAN : sparse_cut(real, decoys);
 }
 
 double run_cutoff(const std::vector<Micrograph>& mics, const Settings& s) {

@@ -77,11 +77,11 @@ std::vector<Tally> tally(std::vector<double> real, std::vector<double> decoy) {
   return t;
 }
 
-// The most a's at or above any score exceed b's, and that excess in sd of
-// chance (sqrt of the two counts).
-void excess(const std::vector<double>& a, const std::vector<double>& b, long& most, double& sd) {
+// The most picks at or above any score exceed the decoys, and that excess
+// in sd of chance (sqrt of the two counts).
+void excess_of(const std::vector<Tally>& t, long& most, double& sd) {
   most = 0, sd = 0;
-  for (const Tally& x : tally(a, b)) {
+  for (const Tally& x : t) {
     most = std::max(most, x.picks - x.decoys);
     sd = std::max(sd, (x.picks - x.decoys) / std::sqrt((double)(x.picks + x.decoys)));
   }
@@ -91,20 +91,41 @@ double above_all(const std::vector<double>& s) {
   return std::nextafter(*std::max_element(s.begin(), s.end()), std::numeric_limits<double>::infinity());
 }
 
+// The lowest cut with at most `ratio` decoys per pick above it.
+const Tally* lowest(const std::vector<Tally>& t, double ratio) {
+  for (const Tally& x : t)
+    if (x.decoys <= ratio * x.picks) return &x;
+  return nullptr;
+}
+
+// The sparse cut of a tally (most: the largest excess of picks over
+// decoys), NaN without evidence for particles.
+double sparse_of(const std::vector<Tally>& t, long& most) {
+  double beyond = 0;
+  excess_of(t, most, beyond);
+  const Tally* floor = lowest(t, kDecoyFloor);
+  if (most <= 0 || beyond < kExcess || !floor) return NAN;
+  double best = -1, cut = 0;
+  for (const Tally& x : t) {
+    const double f1 = 2.0 * (double)std::max(0L, x.picks - x.decoys) / (double)(x.picks + most);
+    if (f1 > best) best = f1, cut = x.score;
+  }
+  return std::max(cut, floor->score);
+}
+
 }  // namespace
 
+double sparse_cut(const std::vector<double>& real_scores, const std::vector<double>& decoy_scores) {
+  long most = 0;
+  return sparse_of(tally(real_scores, decoy_scores), most);
+}
+
 DecoyCutoff null_model_cutoff(const std::vector<double>& real_scores, const std::vector<double>& decoy_scores,
-                              double capacity) {
+                              double capacity, double run_sparse_cut) {
   DecoyCutoff c;
   if (real_scores.empty()) return c;
   const std::vector<Tally> t = tally(real_scores, decoy_scores);
-  // The lowest cut with at most `ratio` decoys per pick above it.
-  auto lowest = [&](double ratio) -> const Tally* {
-    for (const Tally& x : t)
-      if (x.decoys <= ratio * x.picks) return &x;
-    return nullptr;
-  };
-  const Tally* half = lowest(kDecoyHalf);
+  const Tally* half = lowest(t, kDecoyHalf);
   bool most_maxima = false;
   if (half) {
     const double particles = (double)(half->picks - half->decoys);
@@ -120,23 +141,19 @@ DecoyCutoff null_model_cutoff(const std::vector<double>& real_scores, const std:
     return c;
   }
   long most = 0;
-  double beyond = 0;
-  excess(real_scores, decoy_scores, most, beyond);
+  double cut = sparse_of(t, most);
   c.particles = (double)most;
-  const Tally* floor = lowest(kDecoyFloor);
-  if (most <= 0 || beyond < kExcess || !floor) {
+  if (std::isnan(cut) && std::isfinite(run_sparse_cut)) {
+    cut = run_sparse_cut;
+    c.from_run = true;
+  }
+  if (std::isnan(cut)) {
     // No evidence for the sparse reading: crowded ones keep the half-decoy cut, the others nothing.
     c.value = area_crowded ? half->score : above_all(real_scores);
     c.toward_half = area_crowded ? 1 : 0;
     return c;
   }
-  double best = -1;
-  for (const Tally& x : t) {
-    const double f1 = 2.0 * (double)std::max(0L, x.picks - x.decoys) / (double)(x.picks + most);
-    if (f1 > best) best = f1, c.value = x.score;
-  }
-  c.value = std::max(c.value, floor->score);
-  c.sparse_cut = c.value;
+  c.value = c.sparse_cut = cut;
   if (half && c.crowding > kBlendLow) {
     c.toward_half = (c.crowding - kBlendLow) / (kBlendHigh - kBlendLow);
     c.value = c.toward_half * half->score + (1 - c.toward_half) * c.value;
@@ -158,7 +175,7 @@ double cut_shown_by_scores(const std::vector<double>& scores) {
 bool decoys_outscore(const std::vector<double>& real_scores, const std::vector<double>& decoy_scores) {
   long real_most = 0, decoy_most = 0;
   double real_sd = 0, decoy_sd = 0;
-  excess(real_scores, decoy_scores, real_most, real_sd);
-  excess(decoy_scores, real_scores, decoy_most, decoy_sd);
+  excess_of(tally(real_scores, decoy_scores), real_most, real_sd);
+  excess_of(tally(decoy_scores, real_scores), decoy_most, decoy_sd);
   return decoy_sd >= kExcess && (real_sd < kExcess || decoy_most > 2 * real_most);
 }

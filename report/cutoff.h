@@ -65,6 +65,13 @@ Cutoff pooled_cutoff(const std::vector<double>& all_scores);
 // as crowded (from kCrowded up, or most maxima particles) keep their picks
 // on strong edges; the others leave them out (report/edges.h): decoys do
 // not count the false picks there.
+//
+// A sparse micrograph holds too few particles to prove them alone (ten
+// among fifty maxima is 2 sd, short of kExcess). Where a run is at hand its
+// sparse micrographs pool their picks and decoys (those on strong edges left
+// out), and one without evidence of its own takes the sparse cut of the
+// pool: the particles of one sample and one set of templates score alike
+// across a run, while each micrograph alone is a handful.
 constexpr double kDecoyHalf = 0.5;
 constexpr double kDecoyFloor = 0.4;
 constexpr double kCrowded = 0.10;
@@ -82,6 +89,7 @@ struct DecoyCutoff {
   double toward_half = 0;  // how far the cut lies from the sparse cut to the half-decoy cut
   double sparse_cut = NAN; // the sparse cut, where there is evidence for it
   double particles = 0;  // P of the sparse branch
+  bool from_run = false;  // the sparse cut is the run's: the micrograph alone gave no evidence
 };
 
 // capacity: how many particle discs fit the usable area, i.e. the
@@ -89,8 +97,14 @@ struct DecoyCutoff {
 // Particle discs of the diameter (A) that fit usable_pixels pixels of apix A.
 double disc_capacity(double usable_pixels, double diameter, double apix);
 
+// run_sparse_cut: the sparse cut of the run's pool (sparse_cut), NaN
+// without a run or evidence in it.
 DecoyCutoff null_model_cutoff(const std::vector<double>& real_scores, const std::vector<double>& decoy_scores,
-                              double capacity);
+                              double capacity, double run_sparse_cut = NAN);
+
+// The sparse cut (the estimated-F1 cut no lower than the kDecoyFloor one)
+// of picks and decoys, NaN without evidence of particles among them.
+double sparse_cut(const std::vector<double>& real_scores, const std::vector<double>& decoy_scores);
 
 // Picks already cut: a run that keeps every grid maximum (--cc_cutoff 0)
 // has noise maxima down to a few thousandths, so a lowest score of at least

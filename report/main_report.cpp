@@ -303,7 +303,9 @@ void pick_run(const ReportOptions& o, const char* prog, Run& run) {
       m.decoys_found = true;
       m.decoys = as_written(r.decoys);
       m.usable_pixels = r.usable_pixels;
-      m.on_edge = edge_picks(m.pixels, m.nx, m.ny, run.set.diameter / 2 / run.set.apix, m.picks, m.decoys);
+      const double radius = run.set.diameter / 2 / run.set.apix;
+      m.on_edge = edge_picks(m.pixels, m.nx, m.ny, radius, m.picks, m.decoys);
+      m.decoy_on_edge = edge_picks(m.pixels, m.nx, m.ny, radius, m.decoys, m.picks);
       printf("%s: picked, %zu picks and %zu decoys (%.1f s)\n", m.name.c_str(), m.picks.size(), m.decoys.size(),
              gvex_wall_seconds() - t0);
     }
@@ -316,8 +318,9 @@ void pick_run(const ReportOptions& o, const char* prog, Run& run) {
 // kept picks written.
 void choose_cutoffs(Run& run, const ReportOptions& o, double pooled) {
   add_run_warnings(run.mics);
+  const double run_sparse = run_sparse_cut(run.mics, run.set);
   for (Micrograph& m : run.mics) {
-    decide_cutoff(m, run.set, pooled, o.fixed);
+    decide_cutoff(m, run.set, pooled, o.fixed, run_sparse);
     add_warnings(m, run.set);
     std::string decoys;
     if (m.choice.decoys_above >= 0) decoys = ", " + std::to_string(m.choice.decoys_above) + " decoys above it";

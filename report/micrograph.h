@@ -44,6 +44,7 @@ struct Micrograph {
   // One flag per pick: on a strong edge (edge_picks), set while the pixels
   // and the decoys are in hand. The sparse rule leaves those picks out.
   std::vector<char> on_edge;
+  std::vector<char> decoy_on_edge;   // the same for each decoy
   bool drop_edges = false;           // the cut-off's rule leaves the picks on edges out
   CutoffChoice choice;               // how it was chosen
   std::vector<std::string> warnings;
@@ -71,9 +72,16 @@ struct Settings {
 Settings report_settings(double apix, double diameter, bool apix_given);
 
 // Chooses m's cut-off: fixed (finite) when given; else with decoys the null
-// model (null_model_cutoff); else, for picks already cut, that cut; else
-// the split of the scores against the run's pooled cut-off (choose_cutoff).
-void decide_cutoff(Micrograph& m, const Settings& s, double pooled, double fixed = NAN);
+// model (null_model_cutoff, which takes run_sparse, the run's sparse cut,
+// where m alone proves nothing); else, for picks already cut, that cut;
+// else the split of the scores against the run's pooled cut-off
+// (choose_cutoff).
+void decide_cutoff(Micrograph& m, const Settings& s, double pooled, double fixed = NAN, double run_sparse = NAN);
+
+// The sparse cut of the picks and decoys, off strong edges, of the run's
+// micrographs with decoys that the null model reads as sparse (sparse_cut);
+// NaN without evidence.
+double run_sparse_cut(const std::vector<Micrograph>& mics, const Settings& s);
 
 // The run's cut-off for a fixed --cc_cutoff: the null model over all
 // micrographs' picks and decoys when every micrograph has decoys, else the

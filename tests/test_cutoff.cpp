@@ -34,6 +34,12 @@ std::vector<double> join(std::vector<double> a, const std::vector<double>& b) {
   return a;
 }
 
+std::vector<double> evenly(int n, double lo, double hi) {
+  std::vector<double> v;
+  for (int i = 0; i < n; i++) v.push_back(lo + (hi - lo) * i / std::max(1, n - 1));
+  return v;
+}
+
 long at_least(const std::vector<double>& v, double cut) {
   return std::count_if(v.begin(), v.end(), [&](double s) { return s >= cut; });
 }
@@ -188,6 +194,38 @@ TEST(NullModelCutoff, NoiseAloneKeepsAlmostNothing) {
   // The same scores in both runs: nothing beats the decoys.
   const std::vector<double> same = Draws(17).normal(100, 0.1, 0.05);
   EXPECT_EQ(at_least(same, null_model_cutoff(same, same, 800).value), 0);
+}
+
+// Sparse micrographs of a run: six particles above forty noise maxima are
+// under 3 sd alone (sqrt 6), four such micrographs pooled are not, and each
+// takes the pool's cut; one that proves its own particles, or is crowded,
+// keeps its own cut.
+TEST(NullModelCutoff, SparseMicrographsTooSmallAloneTakeTheRunsCut) {
+  const std::vector<double> noise = evenly(40, 0.0, 0.2), decoys = evenly(40, 0.001, 0.201);
+  const std::vector<double> real = join(noise, evenly(6, 0.25, 0.3));
+  std::vector<double> run_real, run_decoys;
+  for (int i = 0; i < 4; i++) run_real = join(run_real, real), run_decoys = join(run_decoys, decoys);
+  const double run = sparse_cut(run_real, run_decoys);
+  EXPECT_EQ(run, 0.25);
+  const DecoyCutoff own = null_model_cutoff(real, decoys, 800), c = null_model_cutoff(real, decoys, 800, run);
+  EXPECT_TRUE(std::isnan(sparse_cut(real, decoys)));
+  EXPECT_EQ(at_least(real, own.value), 0);
+  EXPECT_TRUE(c.from_run);
+  EXPECT_EQ(c.value, run);
+  // Evidence of its own, or crowded: the run's cut plays no part.
+  const std::vector<double> strong = join(noise, evenly(12, 0.25, 0.3));
+  EXPECT_EQ(null_model_cutoff(strong, decoys, 800, 0.1).value, null_model_cutoff(strong, decoys, 800).value);
+  EXPECT_FALSE(null_model_cutoff(strong, decoys, 800, 0.1).from_run);
+  EXPECT_EQ(null_model_cutoff(real, decoys, 1, 0.1).value, null_model_cutoff(real, decoys, 1).value);
+  // Near crowded the cut moves from the run's cut toward the half-decoy cut.
+  const DecoyCutoff near = null_model_cutoff(real, decoys, own.crowding * 800 / 0.1, run);
+  EXPECT_TRUE(near.from_run);
+  EXPECT_NEAR(near.toward_half, 0.5, 1e-9);
+  EXPECT_LT(near.value, run);
+  // A run of noise alone pools to no evidence.
+  std::vector<double> noise_run;
+  for (int i = 0; i < 4; i++) noise_run = join(noise_run, noise);
+  EXPECT_TRUE(std::isnan(sparse_cut(noise_run, run_decoys)));
 }
 
 TEST(NullModelCutoff, EdgeCases) {

@@ -273,6 +273,61 @@ TEST(RunCutoff, NeverBelowACutThePicksHad) {
   EXPECT_LE(cut, (double)0.4f);  // the lowest particle's score, a float
 }
 
+// The run's sparse cut pools the sparse micrographs' picks and decoys off
+// strong edges: six particles each prove nothing alone, four micrographs do.
+// A crowded micrograph's many low picks, and contamination rims that score
+// high in both runs, stay out of the pool.
+TEST(RunSparseCut, SparseMicrographsPoolOffTheirEdges) {
+  const Settings s = report_settings(1.0, 40.0, true);
+  Micrograph weak = micrograph(spread(40, 0.0, 0.2));
+  for (const Pick& p : picks_at(spread(6, 0.25, 0.3))) weak.picks.push_back(p);
+  weak.decoys_found = true;
+  weak.decoys = picks_at(spread(40, 0.001, 0.201));
+  weak.on_edge.assign(weak.picks.size(), 0);
+  weak.decoy_on_edge.assign(weak.decoys.size(), 0);
+  for (const Pick& p : picks_at(spread(6, 0.8, 0.9))) {
+    weak.picks.push_back(p), weak.decoys.push_back(p);
+    weak.on_edge.push_back(1), weak.decoy_on_edge.push_back(1);
+  }
+  Micrograph crowded = micrograph(spread(400, 0.05, 0.2));
+  crowded.nx = crowded.ny = 400;
+  crowded.usable_pixels = 400.0 * 400;
+  crowded.decoys_found = true;
+  crowded.decoys = picks_at(spread(20, 0.0, 0.1));
+  std::vector<Micrograph> mics(4, weak);
+  mics.push_back(crowded);
+  const double run = run_sparse_cut(mics, s);
+  EXPECT_FLOAT_EQ(run, 0.25);
+  decide_cutoff(mics[0], s, 0.0, NAN, run);
+  EXPECT_EQ(mics[0].choice.rule, "sparse");
+  EXPECT_EQ(count_kept(mics[0]), 6);  // the particles; the rims stay out as edge picks
+  EXPECT_NE(mics[0].choice.why.find("the cut-off is the run's sparse cut (0.2500: its own picks do not outnumber"),
+            std::string::npos)
+      << mics[0].choice.why;
+  // Alone it keeps nothing, and says why.
+  decide_cutoff(mics[0], s, 0.0);
+  EXPECT_EQ(mics[0].choice.rule, "no-excess");
+  EXPECT_EQ(count_kept(mics[0]), 0);
+  // Decoys above the picks at every score (no particle found alone), yet
+  // two picks at the run's cut, one on an edge: kept as sparse, the edge
+  // pick left out.
+  Micrograph few = micrograph(spread(40, 0.0, 0.2));
+  for (const Pick& p : picks_at({0.25, 0.26})) few.picks.push_back(p);
+  few.decoys_found = true;
+  few.decoys = picks_at(spread(40, 0.001, 0.201));
+  for (const Pick& p : picks_at({0.27, 0.28, 0.29})) few.decoys.push_back(p);
+  few.on_edge.assign(few.picks.size(), 0);
+  few.on_edge.back() = 1;
+  decide_cutoff(few, s, 0.0, NAN, run);
+  EXPECT_EQ(few.choice.particles, 0);
+  EXPECT_EQ(few.choice.rule, "sparse") << few.choice.why;
+  EXPECT_EQ(count_kept(few), 1);
+  // Without flags (none measured) the rims count, as high in both runs as
+  // the particles are not: no evidence left.
+  for (Micrograph& m : mics) m.on_edge.clear(), m.decoy_on_edge.clear();
+  EXPECT_TRUE(std::isnan(run_sparse_cut(mics, s)));
+}
+
 // The crop lies inside the micrograph, where the best picks crowd.
 TEST(Page, CropFollowsTheBestPicksAndStaysInside) {
   const Settings s = report_settings(1.0, 40.0, true);

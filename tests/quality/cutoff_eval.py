@@ -152,21 +152,40 @@ def crowded(m, h, sure=2.0):
     return sure is not None and most_maxima(m, h, sure)
 
 
-def decoy_rule(m, sure=2.0, blend=(0.05, 0.15)):
-    """gvexreport's rule without its edge step. sure=None: crowded by area
-    alone; blend=None: the half-decoy cut from 0.10 of crowding up, the
-    sparse cut below (no move between them)."""
+def reads_sparse(m):
+    """Picks, and read as sparse (not crowded) by the rule."""
+    t = tally(m.scores, m.decoys)
+    h = half_decoy(t) if t else None
+    return bool(t) and (not h or not crowded(m, h))
+
+
+def run_cut(mics):
+    """The run's sparse cut: est_f1 over the pooled picks and decoys of the
+    micrographs read as sparse; NONE without evidence."""
+    real = [s for m in mics if reads_sparse(m) for s in m.scores]
+    decoys = sorted(s for m in mics if reads_sparse(m) for s in m.decoys)
+    return est_f1(tally(real, decoys)) if real else NONE
+
+
+def decoy_rule(m, sure=2.0, blend=(0.05, 0.15), run=NONE, own=True):
+    """gvexreport's rule without its edge step. run: the run's sparse cut,
+    taken where the micrograph alone shows no evidence (own=False: taken
+    always). sure=None: crowded by area alone; blend=None: the half-decoy
+    cut from 0.10 of crowding up, the sparse cut below (no move between
+    them)."""
     t = tally(m.scores, m.decoys)
     if not t:
         return 0.0
     h = half_decoy(t)
+    e = est_f1(t) if own else NONE
+    if e == NONE:
+        e = run
     if not h:
-        return est_f1(t)
+        return e
     crowd = (h[1] - h[2]) / m.cap if m.cap > 0 else math.inf
     hi = blend[1] if blend else 0.10
     if (sure is not None and crowd < 0.10 and most_maxima(m, h, sure)) or crowd >= hi:
         return h[0]
-    e = est_f1(t)
     if e == NONE:
         return h[0] if crowd >= 0.10 else NONE
     if blend and crowd > blend[0]:
@@ -175,10 +194,16 @@ def decoy_rule(m, sure=2.0, blend=(0.05, 0.15)):
     return e
 
 
+def decoy_cuts(mics):
+    """decoy_rule on each micrograph of a run, with the run's sparse cut."""
+    run = run_cut(mics)
+    return [decoy_rule(m, run=run) for m in mics]
+
+
 RULES = {
-    "ratio0.5": lambda m: (half_decoy(tally(m.scores, m.decoys)) or (NONE,))[0],
-    "estF1": lambda m: est_f1(tally(m.scores, m.decoys), None),
-    "decoy": decoy_rule,
+    "ratio0.5": lambda ms: [(half_decoy(tally(m.scores, m.decoys)) or (NONE,))[0] for m in ms],
+    "estF1": lambda ms: [est_f1(tally(m.scores, m.decoys), None) for m in ms],
+    "decoy": decoy_cuts,
 }
 
 
@@ -213,7 +238,7 @@ def table(args):
         mics = load_list(path)
         cuts = [[-NONE] * len(mics), [0.15] * len(mics), None,
                 ["auto"] * len(mics) if all(m.auto_keep is not None for m in mics) else None]
-        cuts += [[rule(m) for m in mics] if all(m.has_decoys for m in mics) else None for rule in RULES.values()]
+        cuts += [rule(mics) if all(m.has_decoys for m in mics) else None for rule in RULES.values()]
         if sum(m.n_truth for m in mics) == 0:
             kept = [sum(m.counts(c)[1] for m, c in zip(mics, cs)) / len(mics) if cs else float("nan")
                     for cs in cuts]

@@ -1,39 +1,29 @@
 #!/usr/bin/python3
-"""Rules for the sparse micrographs, scored beside the decoy rule.
+"""Rules for the sparse micrographs, scored beside gvexreport's.
 
   leads.py SET=LIST [SET=LIST ...]
 
 LIST as for cutoff_eval.py (the lists realistic_sets.sh and bgal_set.sh
 leave in WORK/runs/*/list and WORK/list); run it from the folder the list's
-paths start in. Needs python3-numpy.
+paths start in. Needs python3-numpy. A set's micrographs are one run.
 
-- "area": gvexreport's rule before it counted the grid maxima: crowded
-  only when the particles cover 0.10 of the usable area, a hard switch.
-- "switch": "edge" with the hard switch at 0.10 instead of the move.
-- "decoy": the decoy rule alone, without its edge step.
-- "edge": on micrographs the rule finds sparse, picks whose surroundings
-  (an annulus of 1.5 to 3 particle radii) hold a gradient of more than
-  EDGE times the micrograph's median (over its picks and decoys) are
-  dropped: the edge of carbon or of contamination the rejected cells
-  missed, where the real run scores above the decoys. This is what
-  gvexreport --pick does now (report/edges.h); a micrograph is crowded
-  when its particles cover 0.10 of the usable area or are 0.4 of all its
-  grid maxima, 2 sd beyond chance, and between 0.05 and 0.15 of crowding
-  the cut moves from the sparse cut to the half-decoy cut in proportion
-  (report/cutoff.h).
-- "run": a micrograph of crowding between 0.05 and 0.15 takes the branch
-  of its run's median crowding (a sample is crowded or not on the whole
-  grid, and the estimate of one micrograph straddles the switch); below
-  and above that its own (area measure only).
-- "both": the run's branches, and the sparse ones lose their edge picks.
-- "retry": "edge", and a micrograph whose picks never outnumber the decoys
-  beyond chance is tried again without the picks and decoys on edges
-  (decoys on contamination rims at the top of the scores keep the 0.4
-  floor from being met).
-- "unsure": "edge" without the chance test on the grid maxima measure.
-- "evidence": "edge", but the grid maxima measure stands in for the sparse
-  rule's proof of particles (its 3 sd) instead of making the micrograph
-  crowded: the estimated-F1 cut then decides.
+- "edge": gvexreport --pick's rule (report/cutoff.h). A micrograph is
+  crowded when its particles cover 0.10 of the usable area or are 0.4 of
+  all its grid maxima, 2 sd beyond chance; between 0.05 and 0.15 of
+  crowding the cut moves from the sparse cut to the half-decoy cut in
+  proportion. On micrographs it finds sparse, picks whose surroundings (an
+  annulus of 1.5 to 3 particle radii) hold a gradient of more than EDGE
+  times the micrograph's median (over its picks and decoys) are dropped:
+  the edge of carbon or of contamination the rejected cells missed, where
+  the real run scores above the decoys (report/edges.h). A sparse
+  micrograph whose picks never outnumber its decoys beyond chance takes the
+  run's sparse cut: the one of the pooled picks and decoys off edges of
+  the run's sparse micrographs.
+- "decoy": the same without its edge step (cutoff_eval.py's), its run's
+  pool taking every pick and decoy.
+- "alone": "edge" without the run's sparse cut: gvexreport before it.
+- "pool": every sparse micrograph takes the run's sparse cut, its own
+  evidence or not.
 Prints the F1 of each (kept picks per micrograph on a set without
 particles) and how many sets meet the targets.
 """
@@ -49,7 +39,6 @@ sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
 import cutoff_eval as ce  # noqa: E402
 
 EDGE = 4.0
-CROWDED = 0.10  # the area measure's switch
 
 
 def read_mrc(path):
@@ -111,72 +100,27 @@ def load(path):
     return out
 
 
-def crowding(m):
-    t = ce.tally(m.scores, m.decoys)
-    h = ce.half_decoy(t) if t else None
-    return (h[1] - h[2]) / m.cap if h and m.cap > 0 else 0.0
+def run_sparse(triples):
+    """The run's sparse cut: over the picks and decoys off edges of the
+    micrographs read as sparse."""
+    real = [x for m, _, calm in triples if ce.reads_sparse(m) for x in calm.scores]
+    decoys = sorted(x for m, _, calm in triples if ce.reads_sparse(m) for x in calm.decoys)
+    return ce.est_f1(ce.tally(real, decoys)) if real else ce.NONE
 
 
-def sparse(m, sure=2.0):
-    """Not crowded by the rule (sure=None: by the area measure alone)."""
-    t = ce.tally(m.scores, m.decoys)
-    h = ce.half_decoy(t) if t else None
-    if not h:
-        return bool(t)
-    return not ce.crowded(m, h, sure)
+def rule_edge(triples, run=True, own=True):
+    """(micrographs, cuts): the rule's cut; sparse ones lose their edge
+    picks. run: with the run's sparse cut; own=False: the run's cut even
+    where a micrograph shows evidence of its own."""
+    cut = run_sparse(triples) if run else ce.NONE
+    return ([s if ce.reads_sparse(m) else m for m, s, _ in triples],
+            [ce.decoy_rule(m, run=cut, own=own) for m, _, _ in triples])
 
 
-def rule_edge(triples, retry=False, sure=2.0, blend=(0.05, 0.15)):
-    """(micrographs, cuts): the decoy rule's cut; sparse ones lose their edge picks."""
-    mics, cuts = [], []
-    for m, s, calm in triples:
-        cut = ce.decoy_rule(m, sure, blend)
-        retried = retry and cut == ce.NONE and bool(calm.scores)
-        if retried:
-            cut = ce.decoy_rule(calm, sure, blend)
-        mics.append(s if sparse(m, sure) or retried else m)
-        cuts.append(cut)
-    return mics, cuts
-
-
-def run_branches(mics):
-    """Whether each micrograph takes the crowded branch, by the run lead."""
-    c = [crowding(m) for m in mics]
-    run = statistics.median(c) if c else 0
-    return [cm >= 0.15 or (cm >= 0.05 and run >= CROWDED) for cm in c]
-
-
-def rule_run(pairs, edge=False):
-    mics, cuts = [], []
-    for (m, s, _), crowded in zip(pairs, run_branches([m for m, _, _ in pairs])):
-        t = ce.tally(m.scores, m.decoys)
-        mics.append(s if edge and t and not crowded else m)
-        cuts.append(0.0 if not t else ce.half_decoy(t)[0] if crowded else ce.est_f1(t))
-    return mics, cuts
-
-
-def rule_evidence(triples):
-    """"edge", but the grid maxima measure stands for the sparse rule's proof
-    of particles instead of making the micrograph crowded."""
-    mics, cuts = [], []
-    for m, s, _ in triples:
-        t = ce.tally(m.scores, m.decoys)
-        h = ce.half_decoy(t) if t else None
-        if not t or (h and ce.crowded(m, h, None)):
-            mics.append(m)
-            cuts.append(h[0] if h else 0.0)
-            continue
-        proof = h and ce.most_maxima(m, h)
-        mics.append(s)
-        cuts.append(ce.est_f1(t, need=0.0 if proof else 3.0))
-    return mics, cuts
-
-
-RULES = {"area": lambda p: rule_edge(p, sure=None, blend=None),
-         "decoy": lambda p: ([m for m, _, _ in p], [ce.decoy_rule(m) for m, _, _ in p]),
-         "edge": rule_edge, "run": rule_run, "both": lambda p: rule_run(p, edge=True),
-         "retry": lambda p: rule_edge(p, retry=True), "unsure": lambda p: rule_edge(p, sure=0.0),
-         "evidence": rule_evidence, "switch": lambda p: rule_edge(p, blend=None)}
+RULES = {"edge": rule_edge,
+         "decoy": lambda p: ([m for m, _, _ in p], ce.decoy_cuts([m for m, _, _ in p])),
+         "alone": lambda p: rule_edge(p, run=False),
+         "pool": lambda p: rule_edge(p, own=False)}
 
 
 def main(args):
