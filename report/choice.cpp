@@ -78,14 +78,12 @@ void with_decoys(Micrograph& m, const Settings& s, double run_sparse) {
                       "of the usable area (few maxima, as of large particles), so decoys also answer in the gaps "
                       "between them and overcount the false picks",
                       100 * d.of_maxima, 100 * d.crowding);
+    const std::string from =
+        d.from_run ? sparse_cut : fmt("the cut that maximises the F1 estimated with the decoys (%.4f)", d.sparse_cut);
     c.why += d.toward_half >= 1 ? std::string("; the cut-off is ") + kHalfCut
-             : d.from_run ? fmt("; as they are near sparse, the cut-off lies %.0f%% of the way from ",
-                                100 * d.toward_half) +
-                                sparse_cut + " to " + kHalfCut
-                          : fmt("; as they are near sparse, the cut-off lies %.0f%% of the way from the cut that "
-                                "maximises the F1 estimated with the decoys (%.4f) to ",
-                                100 * d.toward_half, d.sparse_cut) +
-                                kHalfCut;
+                                : fmt("; as they are near sparse, the cut-off lies %.0f%% of the way from ",
+                                      100 * d.toward_half) +
+                                      from + " to " + kHalfCut;
   } else if (count_kept(m.picks, m.cutoff) == 0 || (!d.from_run && d.particles <= 0)) {
     c.rule = "no-excess";
     c.why = d.from_run ? fmt("the picks never outnumber the decoys beyond chance, and none reach the run's sparse cut "

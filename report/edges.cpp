@@ -52,20 +52,20 @@ double slope_at(const Binned& b, double x, double y, double r) {
 }  // namespace
 
 std::vector<char> edge_picks(const std::vector<float>& pixels, int nx, int ny, double radius,
-                             const std::vector<Pick>& picks, const std::vector<Pick>& decoys) {
+                             const std::vector<Pick>& picks, const std::vector<Pick>& decoys,
+                             std::vector<char>* decoys_on_edge) {
   std::vector<char> edge(picks.size(), 0);
+  if (decoys_on_edge) decoys_on_edge->assign(decoys.size(), 0);
   if (!(radius >= 1) || nx <= 0 || ny <= 0 || pixels.size() < (size_t)nx * ny || picks.empty()) return edge;
   const int bin = std::max(1, (int)std::lround(radius / 8));
   const Binned b = bin_image(pixels, nx, ny, bin);
   const double r = radius / bin;
-  std::vector<double> slope, all;
+  std::vector<double> slope, decoy_slope, all;
   for (const Pick& p : picks) slope.push_back(slope_at(b, p.x, p.y, r));
-  for (double s : slope)
-    if (std::isfinite(s)) all.push_back(s);
-  for (const Pick& p : decoys) {
-    const double s = slope_at(b, p.x, p.y, r);
-    if (std::isfinite(s)) all.push_back(s);
-  }
+  for (const Pick& p : decoys) decoy_slope.push_back(slope_at(b, p.x, p.y, r));
+  for (const std::vector<double>* v : {&slope, &decoy_slope})
+    for (double s : *v)
+      if (std::isfinite(s)) all.push_back(s);
   if (all.empty()) return edge;
   // The median as the middle element (the upper one of an even count):
   // one rule whatever the count, and no averaging of two.
@@ -73,5 +73,7 @@ std::vector<char> edge_picks(const std::vector<float>& pixels, int nx, int ny, d
   const double median = all[all.size() / 2];
   if (!(median > 0)) return edge;
   for (size_t i = 0; i < picks.size(); i++) edge[i] = slope[i] > kEdgeGradient * median;
+  if (decoys_on_edge)
+    for (size_t i = 0; i < decoys.size(); i++) (*decoys_on_edge)[i] = decoy_slope[i] > kEdgeGradient * median;
   return edge;
 }

@@ -16,6 +16,8 @@ constexpr double kEdgeGradient = 4.0;
 
 // One flag per pick: on an edge. pixels: nx x ny, row by row; radius: the
 // particle's radius in micrograph pixels. No pick is flagged when the
-// median slope is zero or the radius is under a pixel.
+// median slope is zero or the radius is under a pixel, nor any without
+// picks. decoys_on_edge, when given, gets the same flags for the decoys.
 std::vector<char> edge_picks(const std::vector<float>& pixels, int nx, int ny, double radius,
-                             const std::vector<Pick>& picks, const std::vector<Pick>& decoys);
+                             const std::vector<Pick>& picks, const std::vector<Pick>& decoys,
+                             std::vector<char>* decoys_on_edge = nullptr);

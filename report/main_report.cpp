@@ -303,9 +303,8 @@ void pick_run(const ReportOptions& o, const char* prog, Run& run) {
       m.decoys_found = true;
       m.decoys = as_written(r.decoys);
       m.usable_pixels = r.usable_pixels;
-      const double radius = run.set.diameter / 2 / run.set.apix;
-      m.on_edge = edge_picks(m.pixels, m.nx, m.ny, radius, m.picks, m.decoys);
-      m.decoy_on_edge = edge_picks(m.pixels, m.nx, m.ny, radius, m.decoys, m.picks);
+      m.on_edge = edge_picks(m.pixels, m.nx, m.ny, run.set.diameter / 2 / run.set.apix, m.picks, m.decoys,
+                             &m.decoy_on_edge);
       printf("%s: picked, %zu picks and %zu decoys (%.1f s)\n", m.name.c_str(), m.picks.size(), m.decoys.size(),
              gvex_wall_seconds() - t0);
     }

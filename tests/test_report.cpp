@@ -159,12 +159,17 @@ TEST(EdgePicks, PicksBesideAStepAreOnAnEdgeWhateverTheScale) {
     picks.push_back(pick_xy(512 - 32, y));  // the step inside the annulus
     picks.push_back(pick_xy(850, y));  // far right
     decoys.push_back(pick_xy(350, y + 48));
+    if (y < 500) decoys.push_back(pick_xy(512 + 32, y));  // and some decoys on the step
   }
   for (float gain : {1.0f, 1000.0f}) {
-    const std::vector<char> e = edge_picks(step_image(1024, gain, 7 * gain, 3.0f), 1024, 1024, 16, picks, decoys);
+    std::vector<char> d;
+    const std::vector<char> e =
+        edge_picks(step_image(1024, gain, 7 * gain, 3.0f), 1024, 1024, 16, picks, decoys, &d);
     ASSERT_EQ(e.size(), picks.size());
     for (size_t i = 0; i < picks.size(); i++)
       EXPECT_EQ((bool)e[i], i % 3 == 1) << "gain " << gain << ", pick at " << picks[i].x << ", " << picks[i].y;
+    ASSERT_EQ(d.size(), decoys.size());
+    for (size_t i = 0; i < decoys.size(); i++) EXPECT_EQ((bool)d[i], decoys[i].x > 512) << "decoy " << i;
   }
   // Without a step nothing stands out; a flat image has no slope at all,
   // and a radius under a pixel or no picks flag nothing.
