@@ -23,7 +23,10 @@
 # particles 170, 140 and 110 A, sparse, medium, crowded and empty. BATCHes
 # "spare" and "other", for rules found on all eight: 2432^2 at 1.15 A,
 # particles 190, 135 and 155 A, and 2304^2 at 1.4 A, particles 120, 200 and
-# 145 A; sparse, medium, crowded and empty.
+# 145 A; sparse, medium, crowded and empty. BATCH "anew", for rules found on
+# all ten: 2560^2 at 1.12 A, particles 165, 105 and 215 A; sparse, medium,
+# crowded and empty. BATCH "after", to judge a rule again after anew:
+# 2816^2 at 1.08 A, particles 135, 185 and 100 A, the same densities.
 # Usage: realistic_sets.sh BUILD_DIR WORK_DIR [MICROGRAPHS_PER_SET [BATCH]]
 set -eu
 build=$(cd "$1" && pwd) work=$2 per_set=${3:-4} batch=${4:-main}
@@ -40,7 +43,9 @@ case $batch in
   extra) apix=1.3 size=2560 densities="sparse medium crowded empty" prefix="extra " ;;
   spare) apix=1.15 size=2432 densities="sparse medium crowded empty" prefix="spare " ;;
   other) apix=1.4 size=2304 densities="sparse medium crowded empty" prefix="other " ;;
-  *) echo "realistic_sets: batch main, check, fresh, hold, late, next, last, extra, spare or other, not $batch" >&2; exit 2 ;;
+  anew) apix=1.12 size=2560 densities="sparse medium crowded empty" prefix="anew " ;;
+  after) apix=1.08 size=2816 densities="sparse medium crowded empty" prefix="after " ;;
+  *) echo "realistic_sets: batch main, check, fresh, hold, late, next, last, extra, spare, other, anew or after, not $batch" >&2; exit 2 ;;
 esac
 mkdir -p "$work" && cd "$work"
 lists=""
@@ -54,7 +59,9 @@ for snr in 0.03 0.05 0.1; do
     last0.03) d=240 ;; last0.05) d=125 ;; last*) d=175 ;;
     extra0.03) d=170 ;; extra0.05) d=140 ;; extra*) d=110 ;;
     spare0.03) d=190 ;; spare0.05) d=135 ;; spare*) d=155 ;;
-    other0.03) d=120 ;; other0.05) d=200 ;; *) d=145 ;; esac
+    other0.03) d=120 ;; other0.05) d=200 ;; other*) d=145 ;;
+    anew0.03) d=165 ;; anew0.05) d=105 ;; anew*) d=215 ;;
+    after0.03) d=135 ;; after0.05) d=185 ;; *) d=100 ;; esac
   for density in $densities; do
     case $batch$density in mainsparse) f=0.08 ;; mainempty) f=0 ;; main*) f=0.45 ;;
       checksparse) f=0.05 ;; checkmedium) f=0.2 ;; check*) f=0.5 ;;
@@ -65,7 +72,9 @@ for snr in 0.03 0.05 0.1; do
       lastsparse) f=0.08 ;; lastmedium) f=0.18 ;; lastempty) f=0 ;; last*) f=0.4 ;;
       extrasparse) f=0.06 ;; extramedium) f=0.2 ;; extraempty) f=0 ;; extra*) f=0.4 ;;
       sparesparse) f=0.06 ;; sparemedium) f=0.18 ;; spareempty) f=0 ;; spare*) f=0.4 ;;
-      othersparse) f=0.07 ;; othermedium) f=0.2 ;; otherempty) f=0 ;; *) f=0.45 ;; esac
+      othersparse) f=0.07 ;; othermedium) f=0.2 ;; otherempty) f=0 ;; other*) f=0.45 ;;
+      anewsparse) f=0.06 ;; anewmedium) f=0.2 ;; anewempty) f=0 ;; anew*) f=0.4 ;;
+      aftersparse) f=0.07 ;; aftermedium) f=0.18 ;; afterempty) f=0 ;; *) f=0.45 ;; esac
     set=$(echo "${prefix}snr${snr}_$density" | tr ' ' _)
     protein=$(echo "$prefix$snr $density" | cksum | cut -c1-6)
     mkdir -p "sets/$set"
