@@ -1,9 +1,10 @@
 // The automatic cut-off of a job that picks while micrographs arrive: each
 // micrograph is cut when it is picked, from its own picks and decoys. The
-// run's sparse cut that gvexreport lends to sparse micrographs without
-// evidence of their own is not used: borrowed from the micrographs picked
-// before, it would make a micrograph's picks depend on the order of
-// arrival. One place, so that a better rule can take its place.
+// run's sparse cut that gvexreport lends to sparse micrographs (taken
+// without evidence of their own, weighed in with it) is not used: borrowed
+// from the micrographs picked before, it would make a micrograph's picks
+// depend on the order of arrival. One place, so that a better rule can take
+// its place.
 #pragma once
 #include <vector>
 

@@ -55,16 +55,34 @@ std::vector<double> off_edges(const std::vector<Pick>& picks, const std::vector<
   return s;
 }
 
-void with_decoys(Micrograph& m, const Settings& s, double run_sparse) {
+// How the sparse cut came about: the micrograph's own, the run's, or the
+// two weighted by their evidence.
+std::string sparse_reason(const DecoyCutoff& d) {
+  const std::string own = fmt("the cut that maximises the F1 estimated with the decoys (%.4f; about %.0f particles "
+                              "among the picks, no lower than where decoys are 0.4 of the picks)",
+                              d.own.value, d.particles);
+  const char* const run = "the cut that maximises the F1 estimated over the picks and decoys of the run's sparse "
+                          "micrographs together, off strong edges, no lower than where decoys are 0.4 of the picks";
+  if (d.from_run)
+    return fmt("the run's sparse cut (%.4f: its own picks do not outnumber the decoys beyond chance, so ",
+               d.sparse_cut) +
+           run + ")";
+  if (d.run_share <= 0) return own;
+  return "the mean of " + own + fmt(" and the run's sparse cut (%.4f, ", d.run.value) + run +
+         fmt("), each weighted by the square of its excess of picks over decoys in sd of chance (%.1f and %.1f)",
+             d.own.sd, d.run.sd);
+}
+
+// "the way from the sparse cut to the half-decoy cut", the sparse cut's
+// reason last where it is a mean (too long to stand between the two).
+std::string way_from_sparse(const DecoyCutoff& d) {
+  if (d.from_run || d.run_share <= 0) return sparse_reason(d) + " to " + kHalfCut;
+  return fmt("the sparse cut (%.4f) to ", d.sparse_cut) + kHalfCut + "; the sparse cut is " + sparse_reason(d);
+}
+
+void with_decoys(Micrograph& m, const Settings& s, SparseCut run_sparse) {
   CutoffChoice& c = m.choice;
   const DecoyCutoff d = null_model_cutoff(scores_of(m.picks), scores_of(m.decoys), capacity_of(m, s), run_sparse);
-  // Where its own picks prove nothing the sparse cut is the run's.
-  const std::string sparse_cut =
-      d.from_run ? fmt("the run's sparse cut (%.4f: its own picks do not outnumber the decoys beyond chance, so the "
-                       "cut that maximises the F1 estimated over the picks and decoys of the run's sparse micrographs "
-                       "together, off strong edges, no lower than where decoys are 0.4 of the picks)",
-                       d.sparse_cut)
-                 : "";
   m.cutoff = as_score(d.value);
   c.crowding = d.crowding;
   c.particles = d.particles;
@@ -78,40 +96,27 @@ void with_decoys(Micrograph& m, const Settings& s, double run_sparse) {
                       "of the usable area (few maxima, as of large particles), so decoys also answer in the gaps "
                       "between them and overcount the false picks",
                       100 * d.of_maxima, 100 * d.crowding);
-    const std::string from =
-        d.from_run ? sparse_cut : fmt("the cut that maximises the F1 estimated with the decoys (%.4f)", d.sparse_cut);
     c.why += d.toward_half >= 1 ? std::string("; the cut-off is ") + kHalfCut
                                 : fmt("; as they are near sparse, the cut-off lies %.0f%% of the way from ",
                                       100 * d.toward_half) +
-                                      from + " to " + kHalfCut;
+                                      way_from_sparse(d);
   } else if (count_kept(m.picks, m.cutoff) == 0 || (!d.from_run && d.particles <= 0)) {
     c.rule = "no-excess";
     c.why = d.from_run ? fmt("the picks never outnumber the decoys beyond chance, and none reach the run's sparse cut "
                              "%.4f: none kept",
                              d.sparse_cut)
                        : "the picks never outnumber the decoys beyond chance: no particles found, none kept";
-  } else if (d.from_run) {
-    c.rule = "sparse";
-    c.why = fmt("sparse: particles cover about %.0f%% of the usable area; ", 100 * d.crowding);
-    c.why += d.toward_half > 0 ? fmt("as they are near crowded, the cut-off lies %.0f%% of the way from ",
-                                     100 * d.toward_half) +
-                                     sparse_cut + " to " + kHalfCut
-                               : "the cut-off is " + sparse_cut;
-    drop_edge_picks(m);
   } else {
     c.rule = "sparse";
-    c.why = fmt("sparse: particles cover about %.0f%% of the usable area and decoys count the false picks about one "
-                "for one; ",
+    c.why = fmt(d.from_run ? "sparse: particles cover about %.0f%% of the usable area; "
+                           : "sparse: particles cover about %.0f%% of the usable area and decoys count the false "
+                             "picks about one for one; ",
                 100 * d.crowding);
-    c.why += d.toward_half > 0
-                 ? fmt("as they are near crowded, where decoys overcount, the cut-off lies %.0f%% of the way from the "
-                       "cut that maximises the F1 estimated with them (%.4f; about %.0f particles among the picks, no "
-                       "lower than where decoys are 0.4 of the picks) to ",
-                       100 * d.toward_half, d.sparse_cut, d.particles) +
-                       kHalfCut
-                 : fmt("the cut-off maximises the F1 estimated with them (about %.0f particles among the picks), no "
-                       "lower than where decoys are 0.4 of the picks",
-                       d.particles);
+    c.why += d.toward_half > 0 ? fmt("as they are near crowded, where decoys overcount, the cut-off lies %.0f%% of "
+                                     "the way from ",
+                                     100 * d.toward_half) +
+                                     way_from_sparse(d)
+                               : "the cut-off is " + sparse_reason(d);
     drop_edge_picks(m);
   }
 }
@@ -173,7 +178,7 @@ long count_kept(const Micrograph& m) {
   return n;
 }
 
-void decide_cutoff(Micrograph& m, const Settings& s, double pooled, double fixed, double run_sparse) {
+void decide_cutoff(Micrograph& m, const Settings& s, double pooled, double fixed, SparseCut run_sparse) {
   m.choice = CutoffChoice();
   m.drop_edges = false;
   if (std::isfinite(fixed)) {
@@ -194,7 +199,7 @@ void decide_cutoff(Micrograph& m, const Settings& s, double pooled, double fixed
   if (m.decoys_found) m.choice.decoys_above = count_kept(m.decoys, m.cutoff);
 }
 
-double run_sparse_cut(const std::vector<Micrograph>& mics, const Settings& s) {
+SparseCut run_sparse_cut(const std::vector<Micrograph>& mics, const Settings& s) {
   std::vector<double> real, decoys;
   for (const Micrograph& m : mics) {
     if (!m.decoys_found || m.picks.empty()) continue;
@@ -203,7 +208,7 @@ double run_sparse_cut(const std::vector<Micrograph>& mics, const Settings& s) {
     real.insert(real.end(), r.begin(), r.end());
     decoys.insert(decoys.end(), d.begin(), d.end());
   }
-  return real.empty() ? NAN : sparse_cut(real, decoys);
+  return real.empty() ? SparseCut() : sparse_cut(real, decoys);
 }
 
 double run_cutoff(const std::vector<Micrograph>& mics, const Settings& s) {

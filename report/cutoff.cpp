@@ -99,29 +99,30 @@ const Tally* lowest(const std::vector<Tally>& t, double ratio) {
 }
 
 // The sparse cut of a tally (most: the largest excess of picks over
-// decoys), NaN without evidence for particles.
-double sparse_of(const std::vector<Tally>& t, long& most) {
-  double beyond = 0;
-  excess_of(t, most, beyond);
+// decoys).
+SparseCut sparse_of(const std::vector<Tally>& t, long& most) {
+  SparseCut c;
+  excess_of(t, most, c.sd);
   const Tally* floor = lowest(t, kDecoyFloor);
-  if (most <= 0 || beyond < kExcess || !floor) return NAN;
+  if (most <= 0 || c.sd < kExcess || !floor) return c;
   double best = -1, cut = 0;
   for (const Tally& x : t) {
     const double f1 = 2.0 * (double)std::max(0L, x.picks - x.decoys) / (double)(x.picks + most);
     if (f1 > best) best = f1, cut = x.score;
   }
-  return std::max(cut, floor->score);
+  c.value = std::max(cut, floor->score);
+  return c;
 }
 
 }  // namespace
 
-double sparse_cut(const std::vector<double>& real_scores, const std::vector<double>& decoy_scores) {
+SparseCut sparse_cut(const std::vector<double>& real_scores, const std::vector<double>& decoy_scores) {
   long most = 0;
   return sparse_of(tally(real_scores, decoy_scores), most);
 }
 
 DecoyCutoff null_model_cutoff(const std::vector<double>& real_scores, const std::vector<double>& decoy_scores,
-                              double capacity, double run_sparse_cut) {
+                              double capacity, SparseCut run) {
   DecoyCutoff c;
   if (real_scores.empty()) return c;
   const std::vector<Tally> t = tally(real_scores, decoy_scores);
@@ -141,11 +142,15 @@ DecoyCutoff null_model_cutoff(const std::vector<double>& real_scores, const std:
     return c;
   }
   long most = 0;
-  double cut = sparse_of(t, most);
+  c.own = sparse_of(t, most);
   c.particles = (double)most;
-  if (std::isnan(cut) && std::isfinite(run_sparse_cut)) {
-    cut = run_sparse_cut;
-    c.from_run = true;
+  double cut = c.own.value;
+  c.run = run;
+  if (std::isfinite(run.value)) {
+    const double own_weight = std::isnan(cut) ? 0 : c.own.sd * c.own.sd, run_weight = run.sd * run.sd;
+    c.from_run = std::isnan(cut);
+    c.run_share = c.from_run ? 1 : run_weight / (own_weight + run_weight);
+    cut = c.from_run ? run.value : (own_weight * cut + run_weight * run.value) / (own_weight + run_weight);
   }
   if (std::isnan(cut)) {
     // No evidence for the sparse reading: crowded ones keep the half-decoy cut, the others nothing.

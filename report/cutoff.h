@@ -59,27 +59,40 @@ Cutoff pooled_cutoff(const std::vector<double>& all_scores);
 //    from kCrowded up, without evidence for a sparse cut, the half-decoy
 //    cut is taken.
 // Below kCrowded, most maxima particles also take the half-decoy cut (the
-// excess is at least kMostMaxima of all the grid maxima, and kMostSure sd
-// beyond chance): large particles leave room for few maxima, nearly all of
-// them particles, and too few for the sparse rule's proof. Micrographs read
-// as crowded (from kCrowded up, or most maxima particles) keep their picks
-// on strong edges; the others leave them out (report/edges.h): decoys do
-// not count the false picks there.
+// excess is at least kMostMaxima, half, of all the grid maxima, and
+// kMostSure sd beyond chance): large particles leave room for few maxima,
+// nearly all of them particles, and too few for the sparse rule's proof.
+// Less is no proof: where the real run's noise maxima outnumber the decoys
+// (beside contamination) a sparse micrograph's excess alone reaches 0.4 to
+// 0.5 of its maxima. Micrographs read as crowded (from kCrowded up, or most
+// maxima particles) keep their picks on strong edges; the others leave them
+// out (report/edges.h): decoys do not count the false picks there.
 //
 // A sparse micrograph holds too few particles to prove them alone (ten
 // among fifty maxima is 2 sd, short of kExcess). Where a run is at hand its
 // sparse micrographs pool their picks and decoys (those on strong edges left
-// out), and one without evidence of its own takes the sparse cut of the
-// pool: the particles of one sample and one set of templates score alike
-// across a run, while each micrograph alone is a handful.
+// out): the particles of one sample and one set of templates score alike
+// across a run, while each micrograph alone is a handful. One without
+// evidence of its own takes the sparse cut of the pool; one with evidence
+// takes the mean of its own sparse cut and the pool's, each weighted by the
+// square of its evidence (its largest excess in sd of chance), as two
+// estimates are weighted by their precision: a few dozen counts decide the
+// cut of one micrograph, and one rim or one ice patch moves it.
 constexpr double kDecoyHalf = 0.5;
 constexpr double kDecoyFloor = 0.4;
 constexpr double kCrowded = 0.10;
-constexpr double kMostMaxima = 0.4;
+constexpr double kMostMaxima = 0.5;
 constexpr double kMostSure = 2.0;
 constexpr double kBlendLow = 0.05;
 constexpr double kBlendHigh = 0.15;
 constexpr double kExcess = 3.0;
+
+// The sparse cut of picks and decoys (the estimated-F1 cut no lower than
+// the kDecoyFloor one) and the evidence for it.
+struct SparseCut {
+  double value = NAN;  // NaN without evidence of particles
+  double sd = 0;       // the largest excess of picks over decoys, in sd of chance
+};
 
 struct DecoyCutoff {
   double value = 0;      // keep picks with score >= value
@@ -90,6 +103,8 @@ struct DecoyCutoff {
   double sparse_cut = NAN; // the sparse cut, where there is evidence for it
   double particles = 0;  // P of the sparse branch
   bool from_run = false;  // the sparse cut is the run's: the micrograph alone gave no evidence
+  SparseCut own, run;     // the micrograph's own sparse cut and the run's
+  double run_share = 0;   // the run's weight in the sparse cut (1 when from_run)
 };
 
 // capacity: how many particle discs fit the usable area, i.e. the
@@ -97,14 +112,11 @@ struct DecoyCutoff {
 // Particle discs of the diameter (A) that fit usable_pixels pixels of apix A.
 double disc_capacity(double usable_pixels, double diameter, double apix);
 
-// run_sparse_cut: the sparse cut of the run's pool (sparse_cut), NaN
-// without a run or evidence in it.
+// run: the sparse cut of the run's pool (sparse_cut); none without a run.
 DecoyCutoff null_model_cutoff(const std::vector<double>& real_scores, const std::vector<double>& decoy_scores,
-                              double capacity, double run_sparse_cut = NAN);
+                              double capacity, SparseCut run = SparseCut());
 
-// The sparse cut (the estimated-F1 cut no lower than the kDecoyFloor one)
-// of picks and decoys, NaN without evidence of particles among them.
-double sparse_cut(const std::vector<double>& real_scores, const std::vector<double>& decoy_scores);
+SparseCut sparse_cut(const std::vector<double>& real_scores, const std::vector<double>& decoy_scores);
 
 // Picks already cut: a run that keeps every grid maximum (--cc_cutoff 0)
 // has noise maxima down to a few thousandths, so a lowest score of at least

@@ -317,7 +317,7 @@ void pick_run(const ReportOptions& o, const char* prog, Run& run) {
 // kept picks written.
 void choose_cutoffs(Run& run, const ReportOptions& o, double pooled) {
   add_run_warnings(run.mics);
-  const double run_sparse = run_sparse_cut(run.mics, run.set);
+  const SparseCut run_sparse = run_sparse_cut(run.mics, run.set);
   for (Micrograph& m : run.mics) {
     decide_cutoff(m, run.set, pooled, o.fixed, run_sparse);
     add_warnings(m, run.set);

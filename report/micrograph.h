@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "io/picks.h"
+#include "report/cutoff.h"
 #include "picker/settings.h"
 
 // How a micrograph's cut-off was chosen, in words and figures for the page
@@ -72,16 +73,15 @@ struct Settings {
 Settings report_settings(double apix, double diameter, bool apix_given);
 
 // Chooses m's cut-off: fixed (finite) when given; else with decoys the null
-// model (null_model_cutoff, which takes run_sparse, the run's sparse cut,
-// where m alone proves nothing); else, for picks already cut, that cut;
-// else the split of the scores against the run's pooled cut-off
-// (choose_cutoff).
-void decide_cutoff(Micrograph& m, const Settings& s, double pooled, double fixed = NAN, double run_sparse = NAN);
+// model (null_model_cutoff, which takes run_sparse, the run's sparse cut);
+// else, for picks already cut, that cut; else the split of the scores
+// against the run's pooled cut-off (choose_cutoff).
+void decide_cutoff(Micrograph& m, const Settings& s, double pooled, double fixed = NAN,
+                   SparseCut run_sparse = SparseCut());
 
 // The sparse cut of the picks and decoys, off strong edges, of the run's
-// micrographs with decoys that the null model reads as sparse (sparse_cut);
-// NaN without evidence.
-double run_sparse_cut(const std::vector<Micrograph>& mics, const Settings& s);
+// micrographs with decoys that the null model reads as sparse (sparse_cut).
+SparseCut run_sparse_cut(const std::vector<Micrograph>& mics, const Settings& s);
 
 // The run's cut-off for a fixed --cc_cutoff: the null model over all
 // micrographs' picks and decoys when every micrograph has decoys, else the

@@ -165,6 +165,16 @@ TEST(NullModelCutoff, FewMaximaMostlyParticlesAreCutAsCrowded) {
   EXPECT_TRUE(c.crowded);
   EXPECT_GE(c.of_maxima, kMostMaxima);
   EXPECT_GE(at_least(particles, c.value), 34);
+  // Less than half is no proof: beside contamination the real run's noise
+  // maxima outnumber the decoys, and a sparse micrograph's excess alone
+  // reaches 0.45 of its maxima. Its own sparse cut keeps the particles.
+  const std::vector<double> few = evenly(12, 0.25, 0.3);
+  const std::vector<double> real = join(evenly(38, 0.0, 0.2), few);
+  const DecoyCutoff sparse = null_model_cutoff(real, evenly(26, 0.001, 0.201), 800);
+  EXPECT_GT(sparse.of_maxima, 0.4);
+  EXPECT_FALSE(sparse.crowded);
+  EXPECT_EQ(at_least(few, sparse.value), 12);
+  EXPECT_LE(at_least(real, sparse.value), 16);  // the half-decoy cut keeps 48
 }
 
 TEST(NullModelCutoff, NoiseAloneKeepsAlmostNothing) {
@@ -198,34 +208,42 @@ TEST(NullModelCutoff, NoiseAloneKeepsAlmostNothing) {
 
 // Sparse micrographs of a run: six particles above forty noise maxima are
 // under 3 sd alone (sqrt 6), four such micrographs pooled are not, and each
-// takes the pool's cut; one that proves its own particles, or is crowded,
+// takes the pool's cut; one that proves its own particles takes the mean
+// of its cut and the pool's, weighted by their evidence; a crowded one
 // keeps its own cut.
-TEST(NullModelCutoff, SparseMicrographsTooSmallAloneTakeTheRunsCut) {
+TEST(NullModelCutoff, SparseMicrographsTakeTheRunsCutByEvidence) {
   const std::vector<double> noise = evenly(40, 0.0, 0.2), decoys = evenly(40, 0.001, 0.201);
   const std::vector<double> real = join(noise, evenly(6, 0.25, 0.3));
   std::vector<double> run_real, run_decoys;
   for (int i = 0; i < 4; i++) run_real = join(run_real, real), run_decoys = join(run_decoys, decoys);
-  const double run = sparse_cut(run_real, run_decoys);
-  EXPECT_EQ(run, 0.25);
+  const SparseCut run = sparse_cut(run_real, run_decoys);
+  EXPECT_EQ(run.value, 0.25);
+  EXPECT_NEAR(run.sd, std::sqrt(24.0), 1e-12);  // 24 picks above every decoy
   const DecoyCutoff own = null_model_cutoff(real, decoys, 800), c = null_model_cutoff(real, decoys, 800, run);
-  EXPECT_TRUE(std::isnan(sparse_cut(real, decoys)));
+  EXPECT_TRUE(std::isnan(sparse_cut(real, decoys).value));
   EXPECT_EQ(at_least(real, own.value), 0);
   EXPECT_TRUE(c.from_run);
-  EXPECT_EQ(c.value, run);
-  // Evidence of its own, or crowded: the run's cut plays no part.
+  EXPECT_EQ(c.value, run.value);
+  // Evidence of its own (sqrt 12 sd) against a run's of twice as many sd:
+  // the run's cut weighs four times as much.
   const std::vector<double> strong = join(noise, evenly(12, 0.25, 0.3));
-  EXPECT_EQ(null_model_cutoff(strong, decoys, 800, 0.1).value, null_model_cutoff(strong, decoys, 800).value);
-  EXPECT_FALSE(null_model_cutoff(strong, decoys, 800, 0.1).from_run);
-  EXPECT_EQ(null_model_cutoff(real, decoys, 1, 0.1).value, null_model_cutoff(real, decoys, 1).value);
+  const DecoyCutoff alone = null_model_cutoff(strong, decoys, 800);
+  EXPECT_NEAR(alone.own.sd, std::sqrt(12.0), 1e-12);
+  const DecoyCutoff both = null_model_cutoff(strong, decoys, 800, SparseCut{0.1, 2 * alone.own.sd});
+  EXPECT_FALSE(both.from_run);
+  EXPECT_NEAR(both.run_share, 0.8, 1e-12);
+  EXPECT_NEAR(both.value, 0.2 * alone.value + 0.8 * 0.1, 1e-12);
+  // Crowded: the run's cut plays no part.
+  EXPECT_EQ(null_model_cutoff(real, decoys, 1, SparseCut{0.1, 5}).value, null_model_cutoff(real, decoys, 1).value);
   // Near crowded the cut moves from the run's cut toward the half-decoy cut.
   const DecoyCutoff near = null_model_cutoff(real, decoys, own.crowding * 800 / 0.1, run);
   EXPECT_TRUE(near.from_run);
   EXPECT_NEAR(near.toward_half, 0.5, 1e-9);
-  EXPECT_LT(near.value, run);
+  EXPECT_LT(near.value, run.value);
   // A run of noise alone pools to no evidence.
   std::vector<double> noise_run;
   for (int i = 0; i < 4; i++) noise_run = join(noise_run, noise);
-  EXPECT_TRUE(std::isnan(sparse_cut(noise_run, run_decoys)));
+  EXPECT_TRUE(std::isnan(sparse_cut(noise_run, run_decoys).value));
 }
 
 TEST(NullModelCutoff, EdgeCases) {

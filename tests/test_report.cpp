@@ -116,6 +116,18 @@ TEST(DecideCutoff, WithDecoysTheNullModelAndItsReasons) {
     EXPECT_NE(b.choice.why.find(moved), std::string::npos) << b.choice.why;
     EXPECT_LT(b.cutoff, m.cutoff);
   }
+  // With a run's sparse cut of more evidence the cut lies nearer the run's,
+  // and the reason gives both.
+  Micrograph r = sparse_micrograph();
+  const double own_sd = sparse_cut(scores_of(r.picks), scores_of(r.decoys)).sd;
+  decide_cutoff(r, s, 0.0, NAN, SparseCut{m.cutoff - 0.05, 3 * own_sd});
+  EXPECT_NEAR(r.cutoff, m.cutoff - 0.045, 1e-6);
+  EXPECT_NE(r.choice.why.find("the cut-off is the mean of the cut that maximises"), std::string::npos) << r.choice.why;
+  EXPECT_NE(r.choice.why.find("weighted by the square of its excess"), std::string::npos) << r.choice.why;
+  r.usable_pixels = 30 / 0.08 * 3.14159265358979 * 20 * 20;  // near crowded: the mean is named, then told
+  decide_cutoff(r, s, 0.0, NAN, SparseCut{m.cutoff - 0.05, 3 * own_sd});
+  EXPECT_NE(r.choice.why.find("of the way from the sparse cut ("), std::string::npos) << r.choice.why;
+  EXPECT_NE(r.choice.why.find("above it; the sparse cut is the mean of"), std::string::npos) << r.choice.why;
   // Decoys as high as the picks: nothing beats them, and the cut-off above
   // the highest score keeps none even compared as floats.
   Micrograph n = micrograph(spread(200, 0.0, 0.3));
@@ -301,8 +313,8 @@ TEST(RunSparseCut, SparseMicrographsPoolOffTheirEdges) {
   crowded.decoys = picks_at(spread(20, 0.0, 0.1));
   std::vector<Micrograph> mics(4, weak);
   mics.push_back(crowded);
-  const double run = run_sparse_cut(mics, s);
-  EXPECT_FLOAT_EQ(run, 0.25);
+  const SparseCut run = run_sparse_cut(mics, s);
+  EXPECT_FLOAT_EQ(run.value, 0.25);
   decide_cutoff(mics[0], s, 0.0, NAN, run);
   EXPECT_EQ(mics[0].choice.rule, "sparse");
   EXPECT_EQ(count_kept(mics[0]), 6);  // the particles; the rims stay out as edge picks
@@ -330,7 +342,7 @@ TEST(RunSparseCut, SparseMicrographsPoolOffTheirEdges) {
   // Without flags (none measured) the rims count, as high in both runs as
   // the particles are not: no evidence left.
   for (Micrograph& m : mics) m.on_edge.clear(), m.decoy_on_edge.clear();
-  EXPECT_TRUE(std::isnan(run_sparse_cut(mics, s)));
+  EXPECT_TRUE(std::isnan(run_sparse_cut(mics, s).value));
 }
 
 // The crop lies inside the micrograph, where the best picks crowd.

@@ -125,12 +125,16 @@ def half_decoy(t):
     return lowest(t, 0.5)
 
 
+def evidence(t):
+    """The largest excess of picks over decoys, in sd of chance."""
+    return max([0] + [(n - d) / math.sqrt(n + d) for _, n, d in t])
+
+
 def est_f1(t, floor=0.4, need=3.0):
     """Cut maximising F1 with decoys as the false picks, no lower than the
     floor's ratio cut; NONE without evidence (need sd beyond chance)."""
     most = max([0] + [n - d for _, n, d in t])
-    excess = max([0] + [(n - d) / math.sqrt(n + d) for _, n, d in t])
-    if most <= 0 or excess < need:
+    if most <= 0 or evidence(t) < need:
         return NONE
     best = max(t, key=lambda x: (2 * max(0, x[1] - x[2]) / (x[1] + most), -x[0]))[0]
     low = lowest(t, floor) if floor else (best,)
@@ -138,10 +142,10 @@ def est_f1(t, floor=0.4, need=3.0):
 
 
 def most_maxima(m, h, sure=2.0):
-    """At the half-decoy cut h the picks less the decoys are 0.4 of all the
+    """At the half-decoy cut h the picks less the decoys are half of all the
     grid maxima and sure sd beyond chance."""
     excess = h[1] - h[2]
-    return excess >= 0.4 * len(m.scores) and excess >= sure * math.sqrt(h[1] + h[2])
+    return excess >= 0.5 * len(m.scores) and excess >= sure * math.sqrt(h[1] + h[2])
 
 
 def crowded(m, h, sure=2.0):
@@ -160,26 +164,32 @@ def reads_sparse(m):
 
 
 def run_cut(mics):
-    """The run's sparse cut: est_f1 over the pooled picks and decoys of the
-    micrographs read as sparse; NONE without evidence."""
+    """The run's sparse cut and its evidence: est_f1 over the pooled picks
+    and decoys of the micrographs read as sparse; NONE without evidence."""
     real = [s for m in mics if reads_sparse(m) for s in m.scores]
     decoys = sorted(s for m in mics if reads_sparse(m) for s in m.decoys)
-    return est_f1(tally(real, decoys)) if real else NONE
+    t = tally(real, decoys)
+    return (est_f1(t), evidence(t)) if real else (NONE, 0.0)
 
 
-def decoy_rule(m, sure=2.0, blend=(0.05, 0.15), run=NONE, own=True):
-    """gvexreport's rule without its edge step. run: the run's sparse cut,
-    taken where the micrograph alone shows no evidence (own=False: taken
-    always). sure=None: crowded by area alone; blend=None: the half-decoy
-    cut from 0.10 of crowding up, the sparse cut below (no move between
-    them)."""
+def decoy_rule(m, sure=2.0, blend=(0.05, 0.15), run=(NONE, 0.0), own=True, average=True):
+    """gvexreport's rule without its edge step. run: the run's sparse cut
+    and its evidence, taken where the micrograph alone shows no evidence,
+    and averaged with its own cut, weighted by the evidence squared, where
+    it does (own=False: the run's cut always; average=False: its own cut
+    where it has one). sure=None: crowded by area alone; blend=None: the
+    half-decoy cut from 0.10 of crowding up, the sparse cut below (no move
+    between them)."""
     t = tally(m.scores, m.decoys)
     if not t:
         return 0.0
     h = half_decoy(t)
     e = est_f1(t) if own else NONE
     if e == NONE:
-        e = run
+        e = run[0]
+    elif run[0] != NONE and average:
+        w_own, w_run = evidence(t) ** 2, run[1] ** 2
+        e = (w_own * e + w_run * run[0]) / (w_own + w_run)
     if not h:
         return e
     crowd = (h[1] - h[2]) / m.cap if m.cap > 0 else math.inf

@@ -8,20 +8,23 @@ leave in WORK/runs/*/list and WORK/list); run it from the folder the list's
 paths start in. Needs python3-numpy. A set's micrographs are one run.
 
 - "edge": gvexreport --pick's rule (report/cutoff.h). A micrograph is
-  crowded when its particles cover 0.10 of the usable area or are 0.4 of
+  crowded when its particles cover 0.10 of the usable area or are half of
   all its grid maxima, 2 sd beyond chance; between 0.05 and 0.15 of
   crowding the cut moves from the sparse cut to the half-decoy cut in
   proportion. On micrographs it finds sparse, picks whose surroundings (an
   annulus of 1.5 to 3 particle radii) hold a gradient of more than EDGE
   times the micrograph's median (over its picks and decoys) are dropped:
   the edge of carbon or of contamination the rejected cells missed, where
-  the real run scores above the decoys (report/edges.h). A sparse
-  micrograph whose picks never outnumber its decoys beyond chance takes the
-  run's sparse cut: the one of the pooled picks and decoys off edges of
-  the run's sparse micrographs.
+  the real run scores above the decoys (report/edges.h). The run's sparse
+  cut is the one of the pooled picks and decoys off edges of the run's
+  sparse micrographs. A sparse micrograph whose picks never outnumber its
+  decoys beyond chance takes it; one whose picks do takes the mean of its
+  own sparse cut and the run's, each weighted by the square of its
+  evidence (the largest excess of picks over decoys in sd of chance).
 - "decoy": the same without its edge step (cutoff_eval.py's), its run's
   pool taking every pick and decoy.
-- "alone": "edge" without the run's sparse cut: gvexreport before it.
+- "own": "edge" with the micrograph's own sparse cut wherever it has one.
+- "alone": "edge" without the run's sparse cut.
 - "pool": every sparse micrograph takes the run's sparse cut, its own
   evidence or not.
 Prints the F1 of each (kept picks per micrograph on a set without
@@ -101,24 +104,27 @@ def load(path):
 
 
 def run_sparse(triples):
-    """The run's sparse cut: over the picks and decoys off edges of the
-    micrographs read as sparse."""
+    """The run's sparse cut and its evidence: over the picks and decoys off
+    edges of the micrographs read as sparse."""
     real = [x for m, _, calm in triples if ce.reads_sparse(m) for x in calm.scores]
     decoys = sorted(x for m, _, calm in triples if ce.reads_sparse(m) for x in calm.decoys)
-    return ce.est_f1(ce.tally(real, decoys)) if real else ce.NONE
+    t = ce.tally(real, decoys)
+    return (ce.est_f1(t), ce.evidence(t)) if real else (ce.NONE, 0.0)
 
 
-def rule_edge(triples, run=True, own=True):
+def rule_edge(triples, run=True, own=True, average=True):
     """(micrographs, cuts): the rule's cut; sparse ones lose their edge
     picks. run: with the run's sparse cut; own=False: the run's cut even
-    where a micrograph shows evidence of its own."""
-    cut = run_sparse(triples) if run else ce.NONE
+    where a micrograph shows evidence of its own; average=False: its own
+    cut where it has one."""
+    cut = run_sparse(triples) if run else (ce.NONE, 0.0)
     return ([s if ce.reads_sparse(m) else m for m, s, _ in triples],
-            [ce.decoy_rule(m, run=cut, own=own) for m, _, _ in triples])
+            [ce.decoy_rule(m, run=cut, own=own, average=average) for m, _, _ in triples])
 
 
 RULES = {"edge": rule_edge,
          "decoy": lambda p: ([m for m, _, _ in p], ce.decoy_cuts([m for m, _, _ in p])),
+         "own": lambda p: rule_edge(p, average=False),
          "alone": lambda p: rule_edge(p, run=False),
          "pool": lambda p: rule_edge(p, own=False)}
 
