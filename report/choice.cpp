@@ -88,7 +88,7 @@ void with_decoys(Micrograph& m, const Settings& s, SparseCut run_sparse) {
   c.particles = d.particles;
   if (d.crowded) {
     c.rule = "crowded";
-    c.why = d.crowding >= kCrowded
+    c.why = !d.by_maxima
                 ? fmt("crowded: particles cover about %.0f%% of the usable area, so decoys also answer in the gaps "
                       "between them and overcount the false picks",
                       100 * d.crowding)

@@ -136,7 +136,8 @@ DecoyCutoff null_model_cutoff(const std::vector<double>& real_scores, const std:
   }
   const bool area_crowded = half && c.crowding >= kCrowded;
   c.crowded = area_crowded || most_maxima;
-  if (half && ((most_maxima && !area_crowded) || c.crowding >= kBlendHigh)) {
+  c.by_maxima = most_maxima && c.crowding < kBlendHigh;
+  if (half && (most_maxima || c.crowding >= kBlendHigh)) {
     c.value = half->score;
     c.toward_half = 1;
     return c;

@@ -58,10 +58,11 @@ Cutoff pooled_cutoff(const std::vector<double>& all_scores);
 //    crowding (a hard switch cut micrographs near it too high or too low);
 //    from kCrowded up, without evidence for a sparse cut, the half-decoy
 //    cut is taken.
-// Below kCrowded, most maxima particles also take the half-decoy cut (the
+// Below kBlendHigh, most maxima particles also take the half-decoy cut (the
 // excess is at least kMostMaxima, half, of all the grid maxima, and
 // kMostSure sd beyond chance): large particles leave room for few maxima,
-// nearly all of them particles, and too few for the sparse rule's proof.
+// nearly all of them particles, and too few for the sparse rule's proof;
+// the area they cover does not make them any less crowded.
 // Less is no proof: where the real run's noise maxima outnumber the decoys
 // (beside contamination) a sparse micrograph's excess alone reaches 0.4 to
 // 0.5 of its maxima. Micrographs read as crowded (from kCrowded up, or most
@@ -99,6 +100,7 @@ struct DecoyCutoff {
   double crowding = 0;   // share of the usable area under particles at the half-decoy cut
   double of_maxima = 0;  // share of the grid maxima that are particles at the half-decoy cut
   bool crowded = false;  // read as crowded: edge picks stay
+  bool by_maxima = false;  // crowded as most grid maxima are particles, not by the area they cover
   double toward_half = 0;  // how far the cut lies from the sparse cut to the half-decoy cut
   double sparse_cut = NAN; // the sparse cut, where there is evidence for it
   double particles = 0;  // P of the sparse branch

@@ -160,11 +160,19 @@ TEST(NullModelCutoff, BetweenSparseAndCrowdedTheCutMovesSmoothly) {
 TEST(NullModelCutoff, FewMaximaMostlyParticlesAreCutAsCrowded) {
   Draws d(24);
   const std::vector<double> particles = d.normal(40, 0.2, 0.06), noise = d.normal(10, 0.1, 0.04);
-  const DecoyCutoff c = null_model_cutoff(join(particles, noise), d.normal(15, 0.1, 0.04), 800);
+  const std::vector<double> decoys = d.normal(15, 0.1, 0.04);
+  const DecoyCutoff c = null_model_cutoff(join(particles, noise), decoys, 800);
   EXPECT_LT(c.crowding, kCrowded);
   EXPECT_TRUE(c.crowded);
   EXPECT_GE(c.of_maxima, kMostMaxima);
   EXPECT_GE(at_least(particles, c.value), 34);
+  // The reading does not jump where the area starts to count: on a smaller
+  // usable area, crowded by area but short of the half-decoy cut's own
+  // reach, the same picks keep the same cut.
+  const DecoyCutoff smaller = null_model_cutoff(join(particles, noise), decoys, 300);
+  EXPECT_GT(smaller.crowding, kCrowded);
+  EXPECT_LT(smaller.crowding, kBlendHigh);
+  EXPECT_EQ(smaller.value, c.value);
   // Less than half is no proof: beside contamination the real run's noise
   // maxima outnumber the decoys, and a sparse micrograph's excess alone
   // reaches 0.45 of its maxima. Its own sparse cut keeps the particles.

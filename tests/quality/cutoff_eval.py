@@ -194,7 +194,7 @@ def decoy_rule(m, sure=2.0, blend=(0.05, 0.15), run=(NONE, 0.0), own=True, avera
         return e
     crowd = (h[1] - h[2]) / m.cap if m.cap > 0 else math.inf
     hi = blend[1] if blend else 0.10
-    if (sure is not None and crowd < 0.10 and most_maxima(m, h, sure)) or crowd >= hi:
+    if (sure is not None and most_maxima(m, h, sure)) or crowd >= hi:
         return h[0]
     if e == NONE:
         return h[0] if crowd >= 0.10 else NONE
