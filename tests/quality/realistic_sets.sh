@@ -28,7 +28,8 @@
 # crowded and empty. BATCH "after", to judge a rule again after anew:
 # 2816^2 at 1.08 A, particles 135, 185 and 100 A, the same densities.
 # BATCH "coda", to judge a rule found on all twelve: 2944^2 at 1.18 A,
-# particles 155, 220 and 115 A, the same densities.
+# particles 155, 220 and 115 A, the same densities. BATCH "tail", for a
+# rule found on all thirteen: 2624^2 at 1.22 A, particles 175, 130 and 205 A.
 # Usage: realistic_sets.sh BUILD_DIR WORK_DIR [MICROGRAPHS_PER_SET [BATCH]]
 set -eu
 build=$(cd "$1" && pwd) work=$2 per_set=${3:-4} batch=${4:-main}
@@ -48,7 +49,8 @@ case $batch in
   anew) apix=1.12 size=2560 densities="sparse medium crowded empty" prefix="anew " ;;
   after) apix=1.08 size=2816 densities="sparse medium crowded empty" prefix="after " ;;
   coda) apix=1.18 size=2944 densities="sparse medium crowded empty" prefix="coda " ;;
-  *) echo "realistic_sets: batch main, check, fresh, hold, late, next, last, extra, spare, other, anew, after or coda, not $batch" >&2; exit 2 ;;
+  tail) apix=1.22 size=2624 densities="sparse medium crowded empty" prefix="tail " ;;
+  *) echo "realistic_sets: batch main, check, fresh, hold, late, next, last, extra, spare, other, anew, after, coda or tail, not $batch" >&2; exit 2 ;;
 esac
 mkdir -p "$work" && cd "$work"
 lists=""
@@ -65,7 +67,8 @@ for snr in 0.03 0.05 0.1; do
     other0.03) d=120 ;; other0.05) d=200 ;; other*) d=145 ;;
     anew0.03) d=165 ;; anew0.05) d=105 ;; anew*) d=215 ;;
     after0.03) d=135 ;; after0.05) d=185 ;; after*) d=100 ;;
-    coda0.03) d=155 ;; coda0.05) d=220 ;; *) d=115 ;; esac
+    coda0.03) d=155 ;; coda0.05) d=220 ;; coda*) d=115 ;;
+    tail0.03) d=175 ;; tail0.05) d=130 ;; *) d=205 ;; esac
   for density in $densities; do
     case $batch$density in mainsparse) f=0.08 ;; mainempty) f=0 ;; main*) f=0.45 ;;
       checksparse) f=0.05 ;; checkmedium) f=0.2 ;; check*) f=0.5 ;;
@@ -79,7 +82,8 @@ for snr in 0.03 0.05 0.1; do
       othersparse) f=0.07 ;; othermedium) f=0.2 ;; otherempty) f=0 ;; other*) f=0.45 ;;
       anewsparse) f=0.06 ;; anewmedium) f=0.2 ;; anewempty) f=0 ;; anew*) f=0.4 ;;
       aftersparse) f=0.07 ;; aftermedium) f=0.18 ;; afterempty) f=0 ;; after*) f=0.45 ;;
-      codasparse) f=0.06 ;; codamedium) f=0.2 ;; codaempty) f=0 ;; *) f=0.4 ;; esac
+      codasparse) f=0.06 ;; codamedium) f=0.2 ;; codaempty) f=0 ;; coda*) f=0.4 ;;
+      tailsparse) f=0.07 ;; tailmedium) f=0.2 ;; tailempty) f=0 ;; *) f=0.42 ;; esac
     set=$(echo "${prefix}snr${snr}_$density" | tr ' ' _)
     protein=$(echo "$prefix$snr $density" | cksum | cut -c1-6)
     mkdir -p "sets/$set"
