@@ -167,8 +167,8 @@ TEST(NullModelCutoff, FewMaximaMostlyParticlesAreCutAsCrowded) {
   EXPECT_GE(c.of_maxima, kMostMaxima);
   EXPECT_GE(at_least(particles, c.value), 34);
   // The reading does not jump where the area starts to count: on a smaller
-  // usable area, crowded by area but short of the half-decoy cut's own
-  // reach, the same picks keep the same cut.
+  // usable area, between kCrowded and kBlendHigh, the same picks keep the
+  // same cut.
   const DecoyCutoff smaller = null_model_cutoff(join(particles, noise), decoys, 300);
   EXPECT_GT(smaller.crowding, kCrowded);
   EXPECT_LT(smaller.crowding, kBlendHigh);

@@ -235,6 +235,15 @@ TEST(DecideCutoff, SparseMicrographsLeaveEdgePicksOutCrowdedAndFixedOnesKeepThem
   EXPECT_EQ(c.choice.rule, "crowded");
   EXPECT_GE(count_kept(c), 40);
   EXPECT_NE(c.choice.why.find("% of its grid maxima are particles"), std::string::npos) << c.choice.why;
+  // On a smaller usable area, at 12 % of it, the grid maxima still decide
+  // and the reason still names them.
+  const double cut = c.cutoff;
+  c.usable_pixels *= c.choice.crowding / 0.12;
+  decide_cutoff(c, s, 0.0);
+  EXPECT_EQ(c.cutoff, cut);
+  EXPECT_NE(c.choice.why.find("% of its grid maxima are particles, though they cover only about 12% "),
+            std::string::npos)
+      << c.choice.why;
   // Flags that do not match the picks (a file read after them) are ignored.
   m.on_edge.pop_back();
   decide_cutoff(m, s, 0.0);
