@@ -15,6 +15,10 @@ a set without particles the picks kept per micrograph are shown instead.
 --check: status 1 when gvexreport's cut-off (auto) misses the targets (>= 0.95
 x the best single cut-off, >= the better of no cut-off and 0.15 less 0.01) on
 a set with particles.
+"learnt" cuts each micrograph at the best single cut-off of the set's other
+micrographs: what a cut learnt with the truth reaches on micrographs it did
+not see (the best single cut-off sees them all, and on small sets that
+advantage is of the order of the targets' margin).
 """
 import bisect
 import math
@@ -238,18 +242,26 @@ def best_single(mics, n_cuts=800):
     return max([(set_f1(mics, [c] * len(mics)), c) for c in cuts] or [(0.0, 0.0)])
 
 
+def learnt(mics):
+    """Each micrograph at the best single cut-off of the others (None alone)."""
+    if len(mics) < 2:
+        return None
+    return [best_single(mics[:i] + mics[i + 1:])[1] for i in range(len(mics))]
+
+
 def table(args):
     check = "--check" in args
-    names = ["none", "0.15", "best", "auto"] + list(RULES)
+    names = ["none", "0.15", "best", "learnt", "auto"] + list(RULES)
     print("%-28s" % "set" + "".join("%9s" % n for n in names) + "  best at")
     missed = []
     for arg in (a for a in args if a != "--check"):
         label, path = arg.split("=", 1)
         mics = load_list(path)
-        cuts = [[-NONE] * len(mics), [0.15] * len(mics), None,
+        with_truth = sum(m.n_truth for m in mics) > 0
+        cuts = [[-NONE] * len(mics), [0.15] * len(mics), None, learnt(mics) if with_truth else None,
                 ["auto"] * len(mics) if all(m.auto_keep is not None for m in mics) else None]
         cuts += [rule(mics) if all(m.has_decoys for m in mics) else None for rule in RULES.values()]
-        if sum(m.n_truth for m in mics) == 0:
+        if not with_truth:
             kept = [sum(m.counts(c)[1] for m, c in zip(mics, cs)) / len(mics) if cs else float("nan")
                     for cs in cuts]
             print("%-28s" % (label + " (kept)") + "".join("%9.1f" % k for k in kept))
@@ -257,7 +269,7 @@ def table(args):
         best, at = best_single(mics)
         row = [best if i == 2 else set_f1(mics, cs) if cs else float("nan") for i, cs in enumerate(cuts)]
         print("%-28s" % label + "".join("%9.3f" % v for v in row) + "  %.3f" % at)
-        if not (row[3] >= 0.95 * best and row[3] >= max(row[0], row[1]) - 0.01):
+        if not (row[4] >= 0.95 * best and row[4] >= max(row[0], row[1]) - 0.01):
             missed.append(label)
     if missed:
         print("gvexreport's cut-off below the targets on: " + " ".join(missed))
