@@ -30,9 +30,10 @@
 # BATCH "coda", to judge a rule found on all twelve: 2944^2 at 1.18 A,
 # particles 155, 220 and 115 A, the same densities. BATCH "tail", for a
 # rule found on all thirteen: 2624^2 at 1.22 A, particles 175, 130 and 205 A.
-# Usage: realistic_sets.sh BUILD_DIR WORK_DIR [MICROGRAPHS_PER_SET [BATCH]]
+# DENSITIES (e.g. "sparse") limits a batch to those of its densities.
+# Usage: realistic_sets.sh BUILD_DIR WORK_DIR [MICROGRAPHS_PER_SET [BATCH [DENSITIES]]]
 set -eu
-build=$(cd "$1" && pwd) work=$2 per_set=${3:-4} batch=${4:-main}
+build=$(cd "$1" && pwd) work=$2 per_set=${3:-4} batch=${4:-main} only=${5:-}
 here=$(cd "$(dirname "$0")" && pwd)
 realmic=$build/tools/gvex_realmic gvex=$build/gvexmatch report=$build/report/gvexreport
 case $batch in
@@ -52,6 +53,14 @@ case $batch in
   tail) apix=1.22 size=2624 densities="sparse medium crowded empty" prefix="tail " ;;
   *) echo "realistic_sets: batch main, check, fresh, hold, late, next, last, extra, spare, other, anew, after, coda or tail, not $batch" >&2; exit 2 ;;
 esac
+if [ -n "$only" ]; then
+  kept=""
+  for density in $densities; do
+    case " $only " in *" $density "*) kept="$kept $density" ;; esac
+  done
+  [ -n "$kept" ] || { echo "realistic_sets: batch $batch has none of the densities $only (it has $densities)" >&2; exit 2; }
+  densities=$kept
+fi
 mkdir -p "$work" && cd "$work"
 lists=""
 for snr in 0.03 0.05 0.1; do
