@@ -80,13 +80,33 @@ std::string way_from_sparse(const DecoyCutoff& d) {
   return fmt("the sparse cut (%.4f) to ", d.sparse_cut) + kHalfCut + "; the sparse cut is " + sparse_reason(d);
 }
 
-void with_decoys(Micrograph& m, const Settings& s, SparseCut run_sparse) {
+// The micrograph's cut weighed with the run's, and why.
+double weighed_with_run(const DecoyCutoff& d, const RunCut& run, std::string& why) {
+  if (d.none) return run.d.value;
+  const double own_weight = d.evidence * d.evidence;
+  if (own_weight + run.weight <= 0) return d.value;
+  why = fmt("; that cut (%.4f) is weighed with the run's (%.4f: the same rule over the picks and decoys of its %.0f "
+            "micrographs together), each weighted by the square of its excess of picks over decoys in sd of chance "
+            "(%.1f, and the run's %.1f shared among its micrographs)",
+            d.value, run.d.value, (double)run.micrographs, d.evidence, std::sqrt(run.weight));
+  return (own_weight * d.value + run.weight * run.d.value) / (own_weight + run.weight);
+}
+
+void with_decoys(Micrograph& m, const Settings& s, SparseCut run_sparse, const RunCut& run) {
   CutoffChoice& c = m.choice;
   const DecoyCutoff d = null_model_cutoff(scores_of(m.picks), scores_of(m.decoys), capacity_of(m, s), run_sparse);
-  m.cutoff = as_score(d.value);
+  const bool with_run = run.micrographs >= 2 && !run.d.none;
+  std::string run_why;
+  m.cutoff = as_score(with_run ? weighed_with_run(d, run, run_why) : d.value);
   c.crowding = d.crowding;
   c.particles = d.particles;
-  if (d.crowded) {
+  if (d.none && with_run && count_kept(m.picks, m.cutoff) > 0) {
+    c.rule = "sparse";
+    c.why = fmt("its picks never outnumber the decoys beyond chance, so the cut-off is the run's (%.4f: the same rule "
+                "over the picks and decoys of its %.0f micrographs together)",
+                run.d.value, (double)run.micrographs);
+    drop_edge_picks(m);
+  } else if (d.crowded) {
     c.rule = "crowded";
     c.why = !d.by_maxima
                 ? fmt("crowded: particles cover about %.0f%% of the usable area, so decoys also answer in the gaps "
@@ -100,11 +120,15 @@ void with_decoys(Micrograph& m, const Settings& s, SparseCut run_sparse) {
                                 : fmt("; as they are near sparse, the cut-off lies %.0f%% of the way from ",
                                       100 * d.toward_half) +
                                       way_from_sparse(d);
+    c.why += run_why;
   } else if (count_kept(m.picks, m.cutoff) == 0 || (!d.from_run && d.particles <= 0)) {
     c.rule = "no-excess";
-    c.why = d.from_run ? fmt("the picks never outnumber the decoys beyond chance, and none reach the run's sparse cut "
+    c.why = d.from_run   ? fmt("the picks never outnumber the decoys beyond chance, and none reach the run's sparse cut "
+                               "%.4f: none kept",
+                               d.sparse_cut)
+            : with_run ? fmt("the picks never outnumber the decoys beyond chance, and none reach the run's cut-off "
                              "%.4f: none kept",
-                             d.sparse_cut)
+                             run.d.value)
                        : "the picks never outnumber the decoys beyond chance: no particles found, none kept";
   } else {
     c.rule = "sparse";
@@ -117,6 +141,7 @@ void with_decoys(Micrograph& m, const Settings& s, SparseCut run_sparse) {
                                      100 * d.toward_half) +
                                      way_from_sparse(d)
                                : "the cut-off is " + sparse_reason(d);
+    c.why += run_why;
     drop_edge_picks(m);
   }
 }
@@ -178,7 +203,8 @@ long count_kept(const Micrograph& m) {
   return n;
 }
 
-void decide_cutoff(Micrograph& m, const Settings& s, double pooled, double fixed, SparseCut run_sparse) {
+void decide_cutoff(Micrograph& m, const Settings& s, double pooled, double fixed, SparseCut run_sparse,
+                   const RunCut& run) {
   m.choice = CutoffChoice();
   m.drop_edges = false;
   if (std::isfinite(fixed)) {
@@ -192,7 +218,7 @@ void decide_cutoff(Micrograph& m, const Settings& s, double pooled, double fixed
     m.choice.rule = "no-picks";
     m.choice.why = "no picks";
   } else if (m.decoys_found) {
-    with_decoys(m, s, run_sparse);
+    with_decoys(m, s, run_sparse, run);
   } else {
     without_decoys(m, pooled);
   }
@@ -209,6 +235,27 @@ SparseCut run_sparse_cut(const std::vector<Micrograph>& mics, const Settings& s)
     decoys.insert(decoys.end(), d.begin(), d.end());
   }
   return real.empty() ? SparseCut() : sparse_cut(real, decoys);
+}
+
+RunCut run_cut(const std::vector<Micrograph>& mics, const Settings& s) {
+  RunCut run;
+  std::vector<double> real, decoys, calm_real, calm_decoys;
+  double capacity = 0;
+  for (const Micrograph& m : mics) {
+    if (!m.decoys_found || m.picks.empty()) continue;
+    const std::vector<double> r = scores_of(m.picks), d = scores_of(m.decoys);
+    const std::vector<double> cr = off_edges(m.picks, m.on_edge), cd = off_edges(m.decoys, m.decoy_on_edge);
+    real.insert(real.end(), r.begin(), r.end());
+    decoys.insert(decoys.end(), d.begin(), d.end());
+    calm_real.insert(calm_real.end(), cr.begin(), cr.end());
+    calm_decoys.insert(calm_decoys.end(), cd.begin(), cd.end());
+    capacity += capacity_of(m, s);
+    run.micrographs++;
+  }
+  if (run.micrographs == 0) return run;
+  run.d = run_null_model(real, decoys, capacity, sparse_cut(calm_real, calm_decoys));
+  run.weight = run.d.evidence * run.d.evidence / run.micrographs;
+  return run;
 }
 
 double run_cutoff(const std::vector<Micrograph>& mics, const Settings& s) {

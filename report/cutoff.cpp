@@ -121,11 +121,17 @@ SparseCut sparse_cut(const std::vector<double>& real_scores, const std::vector<d
   return sparse_of(tally(real_scores, decoy_scores), most);
 }
 
-DecoyCutoff null_model_cutoff(const std::vector<double>& real_scores, const std::vector<double>& decoy_scores,
-                              double capacity, SparseCut run) {
+namespace {
+
+// own_sparse false: the sparse cut is run's alone (the pool's own reading,
+// edge picks and all, gives way to the pool off edges).
+DecoyCutoff decoy_rule(const std::vector<double>& real_scores, const std::vector<double>& decoy_scores,
+                       double capacity, SparseCut run, bool own_sparse) {
   DecoyCutoff c;
   if (real_scores.empty()) return c;
   const std::vector<Tally> t = tally(real_scores, decoy_scores);
+  long all_most = 0;
+  excess_of(t, all_most, c.evidence);
   const Tally* half = lowest(t, kDecoyHalf);
   bool most_maxima = false;
   if (half) {
@@ -145,6 +151,7 @@ DecoyCutoff null_model_cutoff(const std::vector<double>& real_scores, const std:
   long most = 0;
   c.own = sparse_of(t, most);
   c.particles = (double)most;
+  if (!own_sparse) c.own.value = NAN;
   double cut = c.own.value;
   c.run = run;
   if (std::isfinite(run.value)) {
@@ -157,6 +164,7 @@ DecoyCutoff null_model_cutoff(const std::vector<double>& real_scores, const std:
     // No evidence for the sparse reading: crowded ones keep the half-decoy cut, the others nothing.
     c.value = area_crowded ? half->score : above_all(real_scores);
     c.toward_half = area_crowded ? 1 : 0;
+    c.none = !area_crowded;
     return c;
   }
   c.value = c.sparse_cut = cut;
@@ -165,6 +173,18 @@ DecoyCutoff null_model_cutoff(const std::vector<double>& real_scores, const std:
     c.value = c.toward_half * half->score + (1 - c.toward_half) * c.value;
   }
   return c;
+}
+
+}  // namespace
+
+DecoyCutoff null_model_cutoff(const std::vector<double>& real_scores, const std::vector<double>& decoy_scores,
+                              double capacity, SparseCut run) {
+  return decoy_rule(real_scores, decoy_scores, capacity, run, true);
+}
+
+DecoyCutoff run_null_model(const std::vector<double>& real_scores, const std::vector<double>& decoy_scores,
+                           double capacity, SparseCut sparse) {
+  return decoy_rule(real_scores, decoy_scores, capacity, sparse, false);
 }
 
 double disc_capacity(double usable_pixels, double diameter, double apix) {

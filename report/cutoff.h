@@ -107,6 +107,8 @@ struct DecoyCutoff {
   bool from_run = false;  // the sparse cut is the run's: the micrograph alone gave no evidence
   SparseCut own, run;     // the micrograph's own sparse cut and the run's
   double run_share = 0;   // the run's weight in the sparse cut (1 when from_run)
+  double evidence = 0;    // the largest excess of all picks over decoys, in sd of chance
+  bool none = false;      // nothing kept: no evidence for the sparse reading, not crowded by area
 };
 
 // capacity: how many particle discs fit the usable area, i.e. the
@@ -117,6 +119,17 @@ double disc_capacity(double usable_pixels, double diameter, double apix);
 // run: the sparse cut of the run's pool (sparse_cut); none without a run.
 DecoyCutoff null_model_cutoff(const std::vector<double>& real_scores, const std::vector<double>& decoy_scores,
                               double capacity, SparseCut run = SparseCut());
+
+// The same rule over a whole run's picks and decoys together (capacity
+// summed), with sparse, the sparse cut of the pool off strong edges, as its
+// sparse cut. Each micrograph's cut-off is then weighed with it, weighted by
+// the square of its evidence against the pool's over the number of
+// micrographs: a run reads crowded or sparse as a whole where one
+// micrograph's few dozen maxima (large particles) read either way by chance,
+// and pooled evidence squared is about the sum of its micrographs', so the
+// run weighs as much as one micrograph of average evidence.
+DecoyCutoff run_null_model(const std::vector<double>& real_scores, const std::vector<double>& decoy_scores,
+                           double capacity, SparseCut sparse);
 
 SparseCut sparse_cut(const std::vector<double>& real_scores, const std::vector<double>& decoy_scores);
 

@@ -318,8 +318,9 @@ void pick_run(const ReportOptions& o, const char* prog, Run& run) {
 void choose_cutoffs(Run& run, const ReportOptions& o, double pooled) {
   add_run_warnings(run.mics);
   const SparseCut run_sparse = run_sparse_cut(run.mics, run.set);
+  const RunCut whole = run_cut(run.mics, run.set);
   for (Micrograph& m : run.mics) {
-    decide_cutoff(m, run.set, pooled, o.fixed, run_sparse);
+    decide_cutoff(m, run.set, pooled, o.fixed, run_sparse, whole);
     add_warnings(m, run.set);
     std::string decoys;
     if (m.choice.decoys_above >= 0) decoys = ", " + std::to_string(m.choice.decoys_above) + " decoys above it";

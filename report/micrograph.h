@@ -76,8 +76,20 @@ Settings report_settings(double apix, double diameter, bool apix_given);
 // model (null_model_cutoff, which takes run_sparse, the run's sparse cut);
 // else, for picks already cut, that cut; else the split of the scores
 // against the run's pooled cut-off (choose_cutoff).
+// The run's cut-off each micrograph's is weighed with (run_null_model over
+// the micrographs with picks and decoys, its sparse cut from the pool off
+// strong edges), and the weight it has against one micrograph.
+struct RunCut {
+  DecoyCutoff d;
+  double weight = 0;    // the pool's evidence squared over its micrographs
+  int micrographs = 0;  // pooled
+};
+RunCut run_cut(const std::vector<Micrograph>& mics, const Settings& s);
+
+// With run (two micrographs or more, and a cut there) a cut from decoys is
+// weighed with the run's, each weighted by the square of its evidence.
 void decide_cutoff(Micrograph& m, const Settings& s, double pooled, double fixed = NAN,
-                   SparseCut run_sparse = SparseCut());
+                   SparseCut run_sparse = SparseCut(), const RunCut& run = RunCut());
 
 // The sparse cut of the picks and decoys, off strong edges, of the run's
 // micrographs with decoys that the null model reads as sparse (sparse_cut).

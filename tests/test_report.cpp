@@ -354,6 +354,73 @@ TEST(RunSparseCut, SparseMicrographsPoolOffTheirEdges) {
   EXPECT_TRUE(std::isnan(run_sparse_cut(mics, s).value));
 }
 
+// Each micrograph's cut is weighed with the whole run's, the run weighing
+// as one micrograph of its average evidence: like micrographs keep their
+// cuts, one with less evidence moves toward the run's, one without any takes
+// it, and a run of noise or of one micrograph moves nothing.
+TEST(RunCut, EachCutIsWeighedWithTheWholeRuns) {
+  const Settings s = report_settings(1.0, 40.0, true);
+  Micrograph alone = sparse_micrograph();
+  decide_cutoff(alone, s, 0.0);
+  const double alone_sd = null_model_cutoff(scores_of(alone.picks), scores_of(alone.decoys), 1e9).evidence;
+  std::vector<Micrograph> like(4, sparse_micrograph());
+  const RunCut run = run_cut(like, s);
+  EXPECT_EQ(run.micrographs, 4);
+  EXPECT_NEAR(run.weight, alone_sd * alone_sd, 1e-9 * alone_sd * alone_sd);
+  decide_cutoff(like[0], s, 0.0, NAN, SparseCut(), run);
+  EXPECT_EQ(like[0].cutoff, alone.cutoff);
+  EXPECT_NE(like[0].choice.why.find("is weighed with the run's (0.4000: the same rule over the picks and decoys of "
+                                    "its 4 micrographs together)"),
+            std::string::npos)
+      << like[0].choice.why;
+
+  // Twelve particles well above the noise, fewer than the others' thirty.
+  Micrograph weak = micrograph(spread(200, 0.0, 0.2));
+  for (const Pick& p : picks_at(spread(12, 0.5, 0.6))) weak.picks.push_back(p);
+  weak.decoys_found = true;
+  weak.decoys = picks_at(spread(200, 0.0, 0.2));
+  Micrograph weak_alone = weak;
+  decide_cutoff(weak_alone, s, 0.0);
+  like.push_back(weak);
+  const RunCut with_weak = run_cut(like, s);
+  decide_cutoff(weak, s, 0.0, NAN, SparseCut(), with_weak);
+  EXPECT_EQ(weak.choice.rule, "sparse");
+  EXPECT_LT(weak.cutoff, weak_alone.cutoff);
+  EXPECT_GT(weak.cutoff, (float)with_weak.d.value);
+  EXPECT_LT(weak.cutoff - with_weak.d.value, weak_alone.cutoff - weak.cutoff);  // nearer the run's
+
+  // Three particles prove nothing alone: the run's cut, edge picks left out.
+  Micrograph few = micrograph(spread(200, 0.0, 0.2));
+  for (const Pick& p : picks_at({0.45, 0.5, 0.55})) few.picks.push_back(p);
+  few.decoys_found = true;
+  few.decoys = picks_at(spread(200, 0.0, 0.2));
+  few.on_edge.assign(few.picks.size(), 0);
+  few.on_edge.back() = 1;
+  decide_cutoff(few, s, 0.0);
+  EXPECT_EQ(few.choice.rule, "no-excess");
+  decide_cutoff(few, s, 0.0, NAN, SparseCut(), run);
+  EXPECT_EQ(few.choice.rule, "sparse");
+  EXPECT_EQ(count_kept(few), 2);
+  EXPECT_NE(few.choice.why.find("never outnumber the decoys beyond chance, so the cut-off is the run's (0.4000"),
+            std::string::npos)
+      << few.choice.why;
+
+  // A run of one micrograph, or of noise, leaves the cut as it was.
+  const RunCut one = run_cut({sparse_micrograph()}, s);
+  Micrograph single = sparse_micrograph();
+  decide_cutoff(single, s, 0.0, NAN, SparseCut(), one);
+  EXPECT_EQ(single.cutoff, alone.cutoff);
+  EXPECT_EQ(single.choice.why, alone.choice.why);
+  Micrograph noise = micrograph(spread(200, 0.0, 0.2));
+  noise.decoys_found = true;
+  noise.decoys = noise.picks;
+  const RunCut of_noise = run_cut(std::vector<Micrograph>(3, noise), s);
+  EXPECT_TRUE(of_noise.d.none);
+  decide_cutoff(few, s, 0.0, NAN, SparseCut(), of_noise);
+  EXPECT_EQ(few.choice.rule, "no-excess");
+  EXPECT_EQ(count_kept(few), 0);
+}
+
 // The crop lies inside the micrograph, where the best picks crowd.
 TEST(Page, CropFollowsTheBestPicksAndStaysInside) {
   const Settings s = report_settings(1.0, 40.0, true);

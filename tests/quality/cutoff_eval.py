@@ -208,10 +208,46 @@ def decoy_rule(m, sure=2.0, blend=(0.05, 0.15), run=(NONE, 0.0), own=True, avera
     return e
 
 
+class Pool:
+    """Picks and decoys of several micrographs together."""
+
+    def __init__(self, mics):
+        self.scores = [s for m in mics for s in m.scores]
+        self.decoys = sorted(s for m in mics for s in m.decoys)
+        self.cap = sum(m.cap for m in mics)
+
+
+def whole_run(mics, calm=None):
+    """The run's cut (decoy_rule over all its picks and decoys together, its
+    sparse cut the pool's off strong edges: calm, the micrographs without
+    their edge picks and decoys) and its weight against one micrograph (the
+    pool's evidence squared over its micrographs); NONE and 0 for fewer than
+    two micrographs with picks."""
+    with_picks = [i for i, m in enumerate(mics) if m.scores]
+    if len(with_picks) < 2:
+        return NONE, 0.0
+    pool = Pool([mics[i] for i in with_picks])
+    off_edges = Pool([(calm or mics)[i] for i in with_picks])
+    t = tally(off_edges.scores, off_edges.decoys)
+    cut = decoy_rule(pool, run=(est_f1(t), evidence(t)), own=False)
+    return cut, evidence(tally(pool.scores, pool.decoys)) ** 2 / len(with_picks)
+
+
+def weigh(m, cut, run):
+    """A micrograph's cut weighed with the run's, each by its evidence squared."""
+    if run[0] == NONE:
+        return cut
+    if cut == NONE:
+        return run[0]
+    own = evidence(tally(m.scores, m.decoys)) ** 2
+    return (own * cut + run[1] * run[0]) / (own + run[1]) if own + run[1] > 0 else cut
+
+
 def decoy_cuts(mics):
-    """decoy_rule on each micrograph of a run, with the run's sparse cut."""
-    run = run_cut(mics)
-    return [decoy_rule(m, run=run) for m in mics]
+    """decoy_rule on each micrograph of a run, with the run's sparse cut,
+    weighed with the whole run's cut."""
+    run, whole = run_cut(mics), whole_run(mics)
+    return [weigh(m, decoy_rule(m, run=run), whole) for m in mics]
 
 
 RULES = {

@@ -21,6 +21,12 @@ paths start in. Needs python3-numpy. A set's micrographs are one run.
   decoys beyond chance takes it; one whose picks do takes the mean of its
   own sparse cut and the run's, each weighted by the square of its
   evidence (the largest excess of picks over decoys in sd of chance).
+  Last, each micrograph's cut is weighed with the whole run's (the same
+  rule over the run's picks and decoys together, its sparse cut from the
+  pool off edges), each by its evidence squared, the run's divided among
+  its micrographs (cutoff_eval.whole_run).
+- "permic": "edge" without the whole run's cut weighed in (the rule
+  before it).
 - "decoy": the same without its edge step (cutoff_eval.py's), its run's
   pool taking every pick and decoy.
 - "own": "edge" with the micrograph's own sparse cut wherever it has one.
@@ -112,17 +118,20 @@ def run_sparse(triples):
     return (ce.est_f1(t), ce.evidence(t)) if real else (ce.NONE, 0.0)
 
 
-def rule_edge(triples, run=True, own=True, average=True):
+def rule_edge(triples, run=True, own=True, average=True, whole=True):
     """(micrographs, cuts): the rule's cut; sparse ones lose their edge
     picks. run: with the run's sparse cut; own=False: the run's cut even
     where a micrograph shows evidence of its own; average=False: its own
-    cut where it has one."""
+    cut where it has one; whole: weighed with the whole run's cut."""
     cut = run_sparse(triples) if run else (ce.NONE, 0.0)
+    mics = [m for m, _, _ in triples]
+    w = ce.whole_run(mics, [calm for _, _, calm in triples]) if whole else (ce.NONE, 0.0)
     return ([s if ce.reads_sparse(m) else m for m, s, _ in triples],
-            [ce.decoy_rule(m, run=cut, own=own, average=average) for m, _, _ in triples])
+            [ce.weigh(m, ce.decoy_rule(m, run=cut, own=own, average=average), w) for m in mics])
 
 
 RULES = {"edge": rule_edge,
+         "permic": lambda p: rule_edge(p, whole=False),
          "decoy": lambda p: ([m for m, _, _ in p], ce.decoy_cuts([m for m, _, _ in p])),
          "own": lambda p: rule_edge(p, average=False),
          "alone": lambda p: rule_edge(p, run=False),
