@@ -72,10 +72,6 @@ struct Settings {
 };
 Settings report_settings(double apix, double diameter, bool apix_given);
 
-// Chooses m's cut-off: fixed (finite) when given; else with decoys the null
-// model (null_model_cutoff, which takes run_sparse, the run's sparse cut);
-// else, for picks already cut, that cut; else the split of the scores
-// against the run's pooled cut-off (choose_cutoff).
 // The run's cut-off each micrograph's is weighed with (run_null_model over
 // the micrographs with picks and decoys, its sparse cut from the pool off
 // strong edges), and the weight it has against one micrograph.
@@ -86,8 +82,12 @@ struct RunCut {
 };
 RunCut run_cut(const std::vector<Micrograph>& mics, const Settings& s);
 
-// With run (two micrographs or more, and a cut there) a cut from decoys is
-// weighed with the run's, each weighted by the square of its evidence.
+// Chooses m's cut-off: fixed (finite) when given; else with decoys the null
+// model (null_model_cutoff, which takes run_sparse, the run's sparse cut),
+// weighed with run's cut where there is one (two micrographs or more, and a
+// cut there), each weighted by the square of its evidence; else, for picks
+// already cut, that cut; else the split of the scores against the run's
+// pooled cut-off (choose_cutoff).
 void decide_cutoff(Micrograph& m, const Settings& s, double pooled, double fixed = NAN,
                    SparseCut run_sparse = SparseCut(), const RunCut& run = RunCut());
 
