@@ -197,6 +197,10 @@ bool kept_in(const Micrograph& m, size_t i) {
   return pick_kept(m.picks[i], m.cutoff) && !(m.drop_edges && i < m.on_edge.size() && m.on_edge[i]);
 }
 
+bool decoy_left_out(const Micrograph& m, size_t i) {
+  return m.drop_edges && m.decoy_on_edge.size() == m.decoys.size() && m.decoy_on_edge[i];
+}
+
 long count_kept(const Micrograph& m) {
   long n = 0;
   for (size_t i = 0; i < m.picks.size(); i++) n += kept_in(m, i);
@@ -222,7 +226,11 @@ void decide_cutoff(Micrograph& m, const Settings& s, double pooled, double fixed
   } else {
     without_decoys(m, pooled);
   }
-  if (m.decoys_found) m.choice.decoys_above = count_kept(m.decoys, m.cutoff);
+  if (m.decoys_found) {
+    m.choice.decoys_above = 0;
+    for (size_t i = 0; i < m.decoys.size(); i++)
+      m.choice.decoys_above += pick_kept(m.decoys[i], m.cutoff) && !decoy_left_out(m, i);
+  }
 }
 
 SparseCut run_sparse_cut(const std::vector<Micrograph>& mics, const Settings& s) {

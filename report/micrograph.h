@@ -19,7 +19,7 @@ struct CutoffChoice {
   std::string why;          // one sentence
   double crowding = 0;      // share of the usable area under particles (decoy rules)
   double particles = 0;     // particles among the picks, as the decoys estimate them
-  long decoys_above = -1;   // decoys at or above the cut-off (-1: no decoys)
+  long decoys_above = -1;   // decoys at or above the cut-off, less those on edges left out (-1: no decoys)
   long edge_dropped = 0;    // picks at or above the cut-off left out as on strong edges
 };
 
@@ -108,6 +108,9 @@ long count_kept(const std::vector<Pick>& picks, double cut);
 // Whether m keeps its pick i: at or above its cut-off, and not on an edge
 // its rule leaves out; and how many it keeps.
 bool kept_in(const Micrograph& m, size_t i);
+// Whether m's decoy i lies on an edge whose picks its rule leaves out: it
+// stands for none of the kept picks and is not counted above the cut-off.
+bool decoy_left_out(const Micrograph& m, size_t i);
 long count_kept(const Micrograph& m);
 
 // The warnings a user needs about this micrograph and its picks.

@@ -271,7 +271,8 @@ const char* const kScript =
     "      r.setAttribute('fill', parseFloat(r.dataset.hi) > cut ? '#3a7' : '#bbb'); });\n"
     "    document.getElementById('value-' + k).textContent = text;\n"
     "    document.getElementById('kept-' + k).textContent = atLeast(scores, cut) - (atAuto ? atLeast(edges, cut) : 0);\n"
-    "    var d = document.getElementById('decoys-' + k); if (d) d.textContent = atLeast(decoys, cut);\n"
+    "    var d = document.getElementById('decoys-' + k);\n"
+    "    if (d) d.textContent = atAuto ? sec.dataset.decoysAuto : atLeast(decoys, cut);\n"
     "    document.getElementById('cmd-' + k).textContent = 'gvexreport --apply --cutoff ' + text +\n"
     "      (sec.dataset.words ? ' ' + sec.dataset.words : '') + ' ' + sec.dataset.mic;\n"
     "  }\n"
@@ -312,11 +313,20 @@ std::string section(const Micrograph& m, size_t k, const Settings& s, const std:
   std::string h = "<section class=\"mic\" id=\"m" + id + "\" data-k=\"" + id + "\" data-cut=\"" +
                   html_escape(cut_text(m.cutoff)) + "\" data-mic=\"" + html_escape(shell_word(m.name)) +
                   "\" data-words=\"" + html_escape(apply_words) + "\"";
-  if (m.decoys_found) h += " data-decoys=\"" + scores_attribute(m.decoys) + "\"";
+  bool some_left_out = false;  // decoys above the cut-off on the edges whose picks are left out
+  for (size_t i = 0; i < m.decoys.size(); i++)
+    some_left_out = some_left_out || (decoy_left_out(m, i) && pick_kept(m.decoys[i], m.cutoff));
+  // At the automatic cut-off the script shows gvexreport's own count (taken
+  // at the cut-off, not at the lowest kept score, and less the decoys on
+  // edges left out); elsewhere it counts the decoys at the slider's score.
+  if (m.decoys_found)
+    h += " data-decoys=\"" + scores_attribute(m.decoys) + "\" data-decoys-auto=\"" +
+         std::to_string(m.choice.decoys_above) + "\"";
   h += ">\n<h3>" + html_escape(m.name) + "</h3>\n<p class=\"why\"><b>Cut-off " + num("%.4f", m.cutoff) + "</b>" +
        (m.choice.why.empty() ? std::string(".") : ": " + html_escape(m.choice.why) + ".");
   if (m.decoys_found)
     h += " Decoys above it: " + std::to_string(m.choice.decoys_above) +
+         (some_left_out ? " off the edges whose picks are left out" : "") +
          (m.choice.rule == "crowded" ? ", more than the false picks among the kept ones on a crowded micrograph."
                                      : ", an estimate of the false picks among the kept ones.");
   if (std::isfinite(m.cut_before) && m.choice.rule != "already-cut")
@@ -328,7 +338,8 @@ std::string section(const Micrograph& m, size_t k, const Settings& s, const std:
          std::to_string(count_kept(m)) + "</b> of " + std::to_string(m.picks.size()) + " picks";
     if (m.decoys_found)
       h += "; <span id=\"decoys-" + id + "\">" + std::to_string(m.choice.decoys_above) + "</span> of " +
-           std::to_string(m.decoys.size()) + " decoys score as high";
+           std::to_string(m.decoys.size()) + " decoys score as high" +
+           (some_left_out ? " (at the automatic cut-off, less those on the edges left out)" : "");
     h += " <button class=\"auto\" type=\"button\">back to the automatic cut-off</button>"
          "<code class=\"cmd\" id=\"cmd-" + id + "\">gvexreport --apply --cutoff " + html_escape(cut_text(m.cutoff)) +
          (apply_words.empty() ? "" : " " + html_escape(apply_words)) + " " + html_escape(shell_word(m.name)) +

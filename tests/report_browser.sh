@@ -30,6 +30,8 @@ grep -q 'data-broken="0"' dom.html || fail "a picture did not load"
 for k in 1 2 3 4; do
   printed=$(sed -n "s/^m$k.mrc: .* keeps \([0-9]*\),.*/\1/p" report.log)
   grep -q "id=\"kept-$k\">$printed<" dom.html || fail "micrograph $k: the page does not start at the $printed picks kept"
+  decoys=$(sed -n "s/^m$k.mrc: .* keeps [0-9]*, \([0-9]*\) decoys above it.*/\1/p" report.log)
+  grep -q "id=\"decoys-$k\">$decoys<" dom.html || fail "micrograph $k: the page does not start at the $decoys decoys above"
 done
 # m4's picks on the carbon edge: dashed at the automatic cut-off, as many as
 # gvexreport left out, and none in m1.

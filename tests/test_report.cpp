@@ -200,6 +200,12 @@ TEST(DecideCutoff, SparseMicrographsLeaveEdgePicksOutCrowdedAndFixedOnesKeepThem
   m.on_edge.assign(m.picks.size(), 0);
   m.on_edge[205] = m.on_edge[206] = 1;  // two of the particles' scores
   m.on_edge[3] = 1;                     // and a noise maximum, below the cut anyway
+  // The same edges answer the inverted templates: two decoys score with the particles.
+  m.decoy_on_edge.assign(m.decoys.size(), 0);
+  for (double score : {0.5, 0.55}) {
+    m.decoys.push_back(picks_at({score})[0]);
+    m.decoy_on_edge.push_back(1);
+  }
   decide_cutoff(m, s, 0.0);
   EXPECT_EQ(m.choice.rule, "sparse");
   EXPECT_EQ(count_kept(m.picks, m.cutoff), 30);
@@ -208,10 +214,14 @@ TEST(DecideCutoff, SparseMicrographsLeaveEdgePicksOutCrowdedAndFixedOnesKeepThem
   EXPECT_TRUE(kept_in(m, 207));
   EXPECT_EQ(m.choice.edge_dropped, 2);
   EXPECT_NE(m.choice.why.find("2 picks above it lie on strong edges"), std::string::npos) << m.choice.why;
-  // A fixed cut-off keeps what scores as high, edges or not.
+  // The decoys stand for the false picks among those kept: the ones on the
+  // edges left out are not counted.
+  EXPECT_EQ(m.choice.decoys_above, 0);
+  // A fixed cut-off keeps what scores as high, edges or not, and counts every decoy.
   decide_cutoff(m, s, 0.0, 0.4);
   EXPECT_EQ(count_kept(m), 30);
   EXPECT_EQ(m.choice.edge_dropped, 0);
+  EXPECT_EQ(m.choice.decoys_above, 2);
   // Crowded: particles fill the micrograph and the picks beside edges are
   // mostly particles too.
   Micrograph c = micrograph(spread(400, 0.3, 0.6));
@@ -444,6 +454,35 @@ TEST(Page, CropFollowsTheBestPicksAndStaysInside) {
   EXPECT_GT(c.x0 + c.side, 1900);
   EXPECT_LT(c.y0, 30);
   EXPECT_EQ(crop_name("1_m.png"), "1_m_crop.png");
+}
+
+// The decoys the page counts stand for the picks it keeps: at the automatic
+// cut-off of a sparse micrograph those on the edges left out are not
+// counted, and the slider shows that count there.
+TEST(Page, DecoysOnEdgesLeftOutAreNotCounted) {
+  const Settings s = report_settings(1.0, 40.0, true);
+  Micrograph m = sparse_micrograph();
+  m.on_edge.assign(m.picks.size(), 0);
+  m.on_edge[205] = 1;
+  m.decoy_on_edge.assign(m.decoys.size(), 0);
+  m.decoys.push_back(picks_at({0.55})[0]);
+  m.decoy_on_edge.push_back(1);
+  decide_cutoff(m, s, 0.0);
+  ASSERT_EQ(m.choice.edge_dropped, 1);
+  TempDir dir;
+  ASSERT_TRUE(write_page({m}, {"m.png"}, s, 0.0, dir.file("index.html")));
+  const std::string page = read_text_file(dir.file("index.html"));
+  EXPECT_NE(page.find("Decoys above it: 0 off the edges whose picks are left out, an estimate of the false picks"),
+            std::string::npos);
+  EXPECT_NE(page.find("data-decoys-auto=\"0\""), std::string::npos);
+  EXPECT_NE(page.find("decoys score as high (at the automatic cut-off, less those on the edges left out)"),
+            std::string::npos);
+  // Kept as they score (a fixed cut-off), every decoy counts.
+  decide_cutoff(m, s, 0.0, 0.4);
+  ASSERT_TRUE(write_page({m}, {"m.png"}, s, 0.0, dir.file("fixed.html")));
+  const std::string fixed = read_text_file(dir.file("fixed.html"));
+  EXPECT_NE(fixed.find("Decoys above it: 1, an estimate"), std::string::npos);
+  EXPECT_NE(fixed.find("data-decoys-auto=\"1\""), std::string::npos);
 }
 
 // The page's command must reach the shell as the words it names.
