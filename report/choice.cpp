@@ -95,8 +95,13 @@ double weighed_with_run(const DecoyCutoff& d, const RunCut& run, std::string& wh
 void with_decoys(Micrograph& m, const Settings& s, SparseCut run_sparse, const RunCut& run) {
   CutoffChoice& c = m.choice;
   const DecoyCutoff d = null_model_cutoff(scores_of(m.picks), scores_of(m.decoys), capacity_of(m, s), run_sparse);
-  const bool with_run = run.micrographs >= 2 && !run.d.none;
+  const double unlike = run.micrographs >= 2 && !run.d.none ? unlike_the_rest(scores_of(m.decoys), run.decoys) : 0;
+  const bool with_run = run.micrographs >= 2 && !run.d.none && unlike < kUnlike;
   std::string run_why;
+  if (!with_run && unlike >= kUnlike)
+    run_why = fmt("; the run's cut-off (%.4f) is not weighed in: its decoys score unlike the other micrographs' "
+                  "(Kolmogorov-Smirnov distance %.2f), so a score does not mean the same on it",
+                  run.d.value, unlike);
   m.cutoff = as_score(with_run ? weighed_with_run(d, run, run_why) : d.value);
   c.crowding = d.crowding;
   c.particles = d.particles;
@@ -130,6 +135,7 @@ void with_decoys(Micrograph& m, const Settings& s, SparseCut run_sparse, const R
                              "%.4f: none kept",
                              run.d.value)
                        : "the picks never outnumber the decoys beyond chance: no particles found, none kept";
+    if (unlike >= kUnlike) c.why += run_why;
   } else {
     c.rule = "sparse";
     c.why = fmt(d.from_run ? "sparse: particles cover about %.0f%% of the usable area; "
@@ -263,6 +269,8 @@ RunCut run_cut(const std::vector<Micrograph>& mics, const Settings& s) {
   if (run.micrographs == 0) return run;
   run.d = run_null_model(real, decoys, capacity, sparse_cut(calm_real, calm_decoys));
   run.weight = run.d.evidence * run.d.evidence / run.micrographs;
+  std::sort(decoys.begin(), decoys.end());
+  run.decoys = std::move(decoys);
   return run;
 }
 

@@ -121,6 +121,26 @@ SparseCut sparse_cut(const std::vector<double>& real_scores, const std::vector<d
   return sparse_of(tally(real_scores, decoy_scores), most);
 }
 
+double unlike_the_rest(std::vector<double> own, const std::vector<double>& pool) {
+  std::sort(own.begin(), own.end());
+  const double n = (double)own.size(), rest = (double)pool.size() - n;
+  if (own.empty() || rest <= 0) return 0;
+  // Between two of its own scores the micrograph's distribution stands
+  // still while the rest's climbs: the widest gap lies just below one of
+  // its scores or at one.
+  double d = 0;
+  for (size_t k = 0; k < own.size(); k++) {
+    if (k && own[k] == own[k - 1]) continue;
+    const double own_below = (double)k;
+    const double own_upto = (double)(std::upper_bound(own.begin(), own.end(), own[k]) - own.begin());
+    const double pool_below = (double)(std::lower_bound(pool.begin(), pool.end(), own[k]) - pool.begin());
+    const double pool_upto = (double)(std::upper_bound(pool.begin(), pool.end(), own[k]) - pool.begin());
+    d = std::max(d, std::fabs(own_below / n - (pool_below - own_below) / rest));
+    d = std::max(d, std::fabs(own_upto / n - (pool_upto - own_upto) / rest));
+  }
+  return d;
+}
+
 namespace {
 
 // own_sparse false: the sparse cut is run's alone (the pool's own reading,

@@ -133,6 +133,15 @@ DecoyCutoff run_null_model(const std::vector<double>& real_scores, const std::ve
 
 SparseCut sparse_cut(const std::vector<double>& real_scores, const std::vector<double>& decoy_scores);
 
+// How unlike the rest of its run a micrograph's noise scores: the
+// Kolmogorov-Smirnov distance between its decoy scores (own) and the run's
+// other decoy scores (pool, sorted, holds own among them); 0 when the pool
+// holds no other. From kUnlike up most of the micrograph's noise scores lie
+// beyond the others' range, and a cut-off, a score, does not carry over
+// between them (micrographs of one collection: at most 0.55).
+constexpr double kUnlike = 0.8;
+double unlike_the_rest(std::vector<double> own, const std::vector<double>& pool);
+
 // Picks already cut: a run that keeps every grid maximum (--cc_cutoff 0)
 // has noise maxima down to a few thousandths, so a lowest score of at least
 // kCutShown among kCutShownPicks picks or more shows a cut at or below it

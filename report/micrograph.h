@@ -79,13 +79,15 @@ struct RunCut {
   DecoyCutoff d;
   double weight = 0;    // the pool's evidence squared over its micrographs
   int micrographs = 0;  // pooled
+  std::vector<double> decoys;  // the pooled decoy scores, sorted (unlike_the_rest)
 };
 RunCut run_cut(const std::vector<Micrograph>& mics, const Settings& s);
 
 // Chooses m's cut-off: fixed (finite) when given; else with decoys the null
 // model (null_model_cutoff, which takes run_sparse, the run's sparse cut),
 // weighed with run's cut where there is one (two micrographs or more, and a
-// cut there), each weighted by the square of its evidence; else, for picks
+// cut there) and its decoys score like the rest's (unlike_the_rest), each
+// weighted by the square of its evidence; else, for picks
 // already cut, that cut; else the split of the scores against the run's
 // pooled cut-off (choose_cutoff).
 void decide_cutoff(Micrograph& m, const Settings& s, double pooled, double fixed = NAN,

@@ -5,7 +5,8 @@
 # page's "#cut=K:X" fragment, as a user's drag moves it) redraws the kept
 # circles and counts and prints a command that keeps exactly those picks.
 # A fourth micrograph, sparse with a carbon edge, has picks the automatic
-# choice leaves out as on the edge: dashed at its cut-off, not counted.
+# choice leaves out as on the edge: dashed at its cut-off, not counted; and
+# its scores lie far below the other three's, whose cut it keeps out.
 # Skips (status 77) with a line saying why when Chromium cannot start.
 # Usage: report_browser.sh GVEXREPORT MAKEMIC REALMIC SCRATCH
 set -eu
@@ -33,6 +34,10 @@ for k in 1 2 3 4; do
   decoys=$(sed -n "s/^m$k.mrc: .* keeps [0-9]*, \([0-9]*\) decoys above it.*/\1/p" report.log)
   grep -q "id=\"decoys-$k\">$decoys<" dom.html || fail "micrograph $k: the page does not start at the $decoys decoys above"
 done
+# m4, faint beside the three generated ones, keeps its particles: the run's
+# cut-off, a score on their scale, is not weighed in.
+[ "$(sed -n 's/^m4.mrc: .* keeps \([0-9]*\),.*/\1/p' report.log)" -gt 10 ] || fail "m4 lost its particles to the run's cut-off"
+grep -q "^m4.mrc: .*is not weighed in: its decoys score unlike" report.log || fail "m4: the run's cut-off weighed in"
 # m4's picks on the carbon edge: dashed at the automatic cut-off, as many as
 # gvexreport left out, and none in m1.
 marks() { tr -d '\n' <"$1" | sed 's/<section/\n<section/g' | grep "id=\"m$2\"" | sed 's/<svg class="marks"/\n&/g' | sed -n '2p'; }

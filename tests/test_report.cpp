@@ -3,6 +3,7 @@
 // crop the page shows and the words of the command it prints.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <string>
@@ -429,6 +430,55 @@ TEST(RunCut, EachCutIsWeighedWithTheWholeRuns) {
   decide_cutoff(few, s, 0.0, NAN, SparseCut(), of_noise);
   EXPECT_EQ(few.choice.rule, "no-excess");
   EXPECT_EQ(count_kept(few), 0);
+}
+
+// A run's cut is a score, and scores compare only between micrographs whose
+// noise scores alike: one whose decoys score on another scale than the
+// rest's keeps its own cut, and says why.
+TEST(RunCut, AMicrographUnlikeTheRestKeepsItsOwnCut) {
+  const Settings s = report_settings(1.0, 40.0, true);
+  // Three strong micrographs: noise 0.1-0.6, particles from 0.8.
+  Micrograph strong = micrograph(spread(200, 0.1, 0.6));
+  for (const Pick& p : picks_at(spread(60, 0.8, 1.2))) strong.picks.push_back(p);
+  strong.decoys_found = true;
+  strong.decoys = picks_at(spread(200, 0.1, 0.6));
+  // One whose noise reaches 0.06 and its particles 0.1-0.2, all below the others' cut.
+  Micrograph faint = micrograph(spread(200, 0.0, 0.06));
+  for (const Pick& p : picks_at(spread(20, 0.1, 0.2))) faint.picks.push_back(p);
+  faint.decoys_found = true;
+  faint.decoys = picks_at(spread(200, 0.0, 0.06));
+  Micrograph alone = faint;
+  decide_cutoff(alone, s, 0.0);
+  ASSERT_EQ(count_kept(alone), 20);
+  std::vector<Micrograph> run{strong, strong, strong, faint};
+  const RunCut whole = run_cut(run, s);
+  ASSERT_GT(whole.d.value, 0.2);
+  decide_cutoff(run[3], s, 0.0, NAN, SparseCut(), whole);
+  EXPECT_EQ(run[3].cutoff, alone.cutoff);
+  EXPECT_EQ(count_kept(run[3]), 20);
+  EXPECT_NE(run[3].choice.why.find("is not weighed in: its decoys score unlike the other micrographs' "
+                                   "(Kolmogorov-Smirnov distance 1.00)"),
+            std::string::npos)
+      << run[3].choice.why;
+  // The strong ones are like each other: weighed as before.
+  decide_cutoff(run[0], s, 0.0, NAN, SparseCut(), whole);
+  EXPECT_NE(run[0].choice.why.find("is weighed with the run's"), std::string::npos) << run[0].choice.why;
+  // Noise that reaches two thirds as high overlaps enough; the distance is
+  // to the others, never to the micrograph itself.
+  const std::vector<double> others = scores_of(strong.decoys), lower = spread(200, 0.1, 0.43);
+  std::vector<double> pool = others;
+  pool.insert(pool.end(), lower.begin(), lower.end());
+  std::sort(pool.begin(), pool.end());
+  EXPECT_NEAR(unlike_the_rest(lower, pool), 0.34, 0.01);
+  EXPECT_LT(unlike_the_rest(lower, pool), kUnlike);
+  EXPECT_EQ(unlike_the_rest(others, others), 0.0);  // nothing else to differ from
+  std::vector<double> with_faint = others;  // its decoys all lie above the faint one's
+  for (const Pick& p : faint.decoys) with_faint.push_back(p.score);
+  std::sort(with_faint.begin(), with_faint.end());
+  EXPECT_EQ(unlike_the_rest(others, with_faint), 1.0);
+  pool.insert(pool.end(), others.begin(), others.end());
+  std::sort(pool.begin(), pool.end());
+  EXPECT_NEAR(unlike_the_rest(others, pool), 0.17, 0.01);  // against one like it and the lower one
 }
 
 // The crop lies inside the micrograph, where the best picks crowd.
