@@ -80,15 +80,30 @@ std::string way_from_sparse(const DecoyCutoff& d) {
   return fmt("the sparse cut (%.4f) to ", d.sparse_cut) + kHalfCut + "; the sparse cut is " + sparse_reason(d);
 }
 
-// The micrograph's cut weighed with the run's, and why.
-double weighed_with_run(const DecoyCutoff& d, const RunCut& run, std::string& why) {
+// The micrograph's cut weighed with the run's, and why. A run's cut below
+// its own moves it only where its own picks between the two outnumber its
+// decoys there: else the move would add, by its own count, as many noise
+// maxima as particles or more.
+double weighed_with_run(const Micrograph& m, const DecoyCutoff& d, const RunCut& run, std::string& why) {
   if (d.none) return run.d.value;
   const double own_weight = d.evidence * d.evidence;
   if (own_weight + run.weight <= 0) return d.value;
-  why = fmt("; that cut (%.4f) is weighed with the run's (%.4f: the same rule over the picks and decoys of its %.0f "
-            "micrographs together), each weighted by the square of its excess of picks over decoys in sd of chance "
-            "(%.1f, and the run's %.1f shared among its micrographs)",
-            d.value, run.d.value, (double)run.micrographs, d.evidence, std::sqrt(run.weight));
+  const std::string run_cut = fmt("%.4f: the same rule over the picks and decoys of its %.0f micrographs together",
+                                  run.d.value, (double)run.micrographs);
+  if (run.d.value < d.value) {
+    const long picks = count_kept(m.picks, run.d.value) - count_kept(m.picks, d.value);
+    const long decoys = count_kept(m.decoys, run.d.value) - count_kept(m.decoys, d.value);
+    if (picks <= decoys) {
+      why = "; the run's lower cut (" + run_cut +
+            fmt(") is not weighed in: between the two its picks do not outnumber its decoys (%.0f against %.0f)",
+                (double)picks, (double)decoys);
+      return d.value;
+    }
+  }
+  why = fmt("; that cut (%.4f) is weighed with the run's (", d.value) + run_cut +
+        fmt("), each weighted by the square of its excess of picks over decoys in sd of chance (%.1f, and the run's "
+            "%.1f shared among its micrographs)",
+            d.evidence, std::sqrt(run.weight));
   return (own_weight * d.value + run.weight * run.d.value) / (own_weight + run.weight);
 }
 
@@ -102,7 +117,7 @@ void with_decoys(Micrograph& m, const Settings& s, SparseCut run_sparse, const R
     run_why = fmt("; the run's cut-off (%.4f) is not weighed in: its decoys score unlike the other micrographs' "
                   "(Kolmogorov-Smirnov distance %.2f), so a score does not mean the same on it",
                   run.d.value, unlike);
-  m.cutoff = as_score(with_run ? weighed_with_run(d, run, run_why) : d.value);
+  m.cutoff = as_score(with_run ? weighed_with_run(m, d, run, run_why) : d.value);
   c.crowding = d.crowding;
   c.particles = d.particles;
   if (d.none && with_run && count_kept(m.picks, m.cutoff) > 0) {

@@ -385,20 +385,44 @@ TEST(RunCut, EachCutIsWeighedWithTheWholeRuns) {
             std::string::npos)
       << like[0].choice.why;
 
-  // Twelve particles well above the noise, fewer than the others' thirty.
+  // Twelve particles above the noise, fewer than the others' thirty, in a
+  // run whose noise reaches higher.
   Micrograph weak = micrograph(spread(200, 0.0, 0.2));
-  for (const Pick& p : picks_at(spread(12, 0.5, 0.6))) weak.picks.push_back(p);
+  for (const Pick& p : picks_at(spread(12, 0.25, 0.6))) weak.picks.push_back(p);
   weak.decoys_found = true;
   weak.decoys = picks_at(spread(200, 0.0, 0.2));
   Micrograph weak_alone = weak;
   decide_cutoff(weak_alone, s, 0.0);
-  like.push_back(weak);
-  const RunCut with_weak = run_cut(like, s);
+  Micrograph noisier = micrograph(spread(200, 0.0, 0.35));
+  for (const Pick& p : picks_at(spread(30, 0.4, 0.6))) noisier.picks.push_back(p);
+  noisier.decoys_found = true;
+  noisier.decoys = picks_at(spread(200, 0.0, 0.35));
+  std::vector<Micrograph> others(4, noisier);
+  others.push_back(weak);
+  const RunCut with_weak = run_cut(others, s);
   decide_cutoff(weak, s, 0.0, NAN, SparseCut(), with_weak);
   EXPECT_EQ(weak.choice.rule, "sparse");
-  EXPECT_LT(weak.cutoff, weak_alone.cutoff);
-  EXPECT_GT(weak.cutoff, (float)with_weak.d.value);
-  EXPECT_LT(weak.cutoff - with_weak.d.value, weak_alone.cutoff - weak.cutoff);  // nearer the run's
+  EXPECT_GT(weak.cutoff, weak_alone.cutoff);
+  EXPECT_LT(weak.cutoff, (float)with_weak.d.value);
+  EXPECT_LT(with_weak.d.value - weak.cutoff, weak.cutoff - weak_alone.cutoff);  // nearer the run's
+
+  // A run's cut below a micrograph's own is weighed in only where its picks
+  // between the two outnumber its decoys: else the move adds noise alone.
+  RunCut low = run;
+  low.d.value = 0.1;
+  Micrograph clean = sparse_micrograph();  // between 0.1 and its cut, as many noise picks as decoys
+  decide_cutoff(clean, s, 0.0, NAN, SparseCut(), low);
+  EXPECT_EQ(clean.cutoff, alone.cutoff);
+  EXPECT_NE(clean.choice.why.find("; the run's lower cut (0.1000: the same rule over the picks and decoys of its 4 "
+                                  "micrographs together) is not weighed in: between the two its picks do not "
+                                  "outnumber its decoys (100 against 100)"),
+            std::string::npos)
+      << clean.choice.why;
+  Micrograph faint_too = sparse_micrograph();  // ten particles more, among the noise
+  for (const Pick& p : picks_at(spread(10, 0.15, 0.2))) faint_too.picks.push_back(p);
+  decide_cutoff(faint_too, s, 0.0, NAN, SparseCut(), low);
+  EXPECT_NE(faint_too.choice.why.find("is weighed with the run's (0.1000"), std::string::npos) << faint_too.choice.why;
+  EXPECT_LT(faint_too.cutoff, alone.cutoff);
 
   // Three particles prove nothing alone: the run's cut, edge picks left out.
   Micrograph few = micrograph(spread(200, 0.0, 0.2));

@@ -220,25 +220,50 @@ class Pool:
 def whole_run(mics, calm=None):
     """The run's cut (decoy_rule over all its picks and decoys together, its
     sparse cut the pool's off strong edges: calm, the micrographs without
-    their edge picks and decoys) and its weight against one micrograph (the
-    pool's evidence squared over its micrographs); NONE and 0 for fewer than
-    two micrographs with picks."""
+    their edge picks and decoys), its weight against one micrograph (the
+    pool's evidence squared over its micrographs) and the pooled decoys,
+    sorted; NONE and 0 for fewer than two micrographs with picks."""
     with_picks = [i for i, m in enumerate(mics) if m.scores]
     if len(with_picks) < 2:
-        return NONE, 0.0
+        return NONE, 0.0, []
     pool = Pool([mics[i] for i in with_picks])
     off_edges = Pool([(calm or mics)[i] for i in with_picks])
     t = tally(off_edges.scores, off_edges.decoys)
     cut = decoy_rule(pool, run=(est_f1(t), evidence(t)), own=False)
-    return cut, evidence(tally(pool.scores, pool.decoys)) ** 2 / len(with_picks)
+    return cut, evidence(tally(pool.scores, pool.decoys)) ** 2 / len(with_picks), pool.decoys
+
+
+def unlike_the_rest(own, pool):
+    """Kolmogorov-Smirnov distance between a micrograph's decoy scores and
+    the pool's others (pool sorted, own among them)."""
+    own, rest = sorted(own), len(pool) - len(own)
+    if not own or rest <= 0:
+        return 0.0
+    d = 0.0
+    for k, x in enumerate(own):
+        if k and x == own[k - 1]:
+            continue
+        upto = bisect.bisect_right(own, x)
+        below_p, upto_p = bisect.bisect_left(pool, x), bisect.bisect_right(pool, x)
+        d = max(d, abs(k / len(own) - (below_p - k) / rest), abs(upto / len(own) - (upto_p - upto) / rest))
+    return d
 
 
 def weigh(m, cut, run):
-    """A micrograph's cut weighed with the run's, each by its evidence squared."""
+    """A micrograph's cut weighed with the run's, each by its evidence
+    squared; not where its decoys score unlike the rest's (a distance of
+    0.8), nor toward a lower run's cut where its own picks between the two
+    do not outnumber its decoys."""
     if run[0] == NONE:
+        return cut
+    if len(run) > 2 and unlike_the_rest(m.decoys, run[2]) >= 0.8:
         return cut
     if cut == NONE:
         return run[0]
+    if run[0] < cut:
+        between = lambda v: sum(run[0] <= s < cut for s in v)
+        if between(m.scores) <= between(m.decoys):
+            return cut
     own = evidence(tally(m.scores, m.decoys)) ** 2
     return (own * cut + run[1] * run[0]) / (own + run[1]) if own + run[1] > 0 else cut
 

@@ -24,7 +24,9 @@ paths start in. Needs python3-numpy. A set's micrographs are one run.
   Last, each micrograph's cut is weighed with the whole run's (the same
   rule over the run's picks and decoys together, its sparse cut from the
   pool off edges), each by its evidence squared, the run's divided among
-  its micrographs (cutoff_eval.whole_run).
+  its micrographs (cutoff_eval.whole_run), save where its decoys score
+  unlike the rest's or where, toward a lower run's cut, its own picks
+  between the two do not outnumber its decoys (cutoff_eval.weigh).
 - "permic": "edge" without the whole run's cut weighed in (the rule
   before it).
 - "decoy": the same without its edge step (cutoff_eval.py's), its run's
@@ -125,7 +127,7 @@ def rule_edge(triples, run=True, own=True, average=True, whole=True):
     cut where it has one; whole: weighed with the whole run's cut."""
     cut = run_sparse(triples) if run else (ce.NONE, 0.0)
     mics = [m for m, _, _ in triples]
-    w = ce.whole_run(mics, [calm for _, _, calm in triples]) if whole else (ce.NONE, 0.0)
+    w = ce.whole_run(mics, [calm for _, _, calm in triples]) if whole else (ce.NONE, 0.0, [])
     return ([s if ce.reads_sparse(m) else m for m, s, _ in triples],
             [ce.weigh(m, ce.decoy_rule(m, run=cut, own=own, average=average), w) for m in mics])
 
