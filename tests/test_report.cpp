@@ -49,14 +49,18 @@ Micrograph micrograph(const std::vector<double>& scores) {
   return m;
 }
 
-// Sparse: 30 particles above 200 noise maxima, decoys like the noise.
-Micrograph sparse_micrograph() {
-  Micrograph m = micrograph(spread(200, 0.0, 0.2));
-  for (const Pick& p : picks_at(spread(30, 0.4, 0.6))) m.picks.push_back(p);
+// 200 noise maxima scoring from noise_lo to noise_hi, decoys like them, and
+// particles scoring from lo to hi.
+Micrograph with_particles(double noise_lo, double noise_hi, int particles, double lo, double hi) {
+  Micrograph m = micrograph(spread(200, noise_lo, noise_hi));
+  for (const Pick& p : picks_at(spread(particles, lo, hi))) m.picks.push_back(p);
   m.decoys_found = true;
-  m.decoys = picks_at(spread(200, 0.0, 0.2));
+  m.decoys = picks_at(spread(200, noise_lo, noise_hi));
   return m;
 }
+
+// Sparse: 30 particles above 200 noise maxima.
+Micrograph sparse_micrograph() { return with_particles(0.0, 0.2, 30, 0.4, 0.6); }
 
 }  // namespace
 
@@ -387,17 +391,10 @@ TEST(RunCut, EachCutIsWeighedWithTheWholeRuns) {
 
   // Twelve particles above the noise, fewer than the others' thirty, in a
   // run whose noise reaches higher.
-  Micrograph weak = micrograph(spread(200, 0.0, 0.2));
-  for (const Pick& p : picks_at(spread(12, 0.25, 0.6))) weak.picks.push_back(p);
-  weak.decoys_found = true;
-  weak.decoys = picks_at(spread(200, 0.0, 0.2));
+  Micrograph weak = with_particles(0.0, 0.2, 12, 0.25, 0.6);
   Micrograph weak_alone = weak;
   decide_cutoff(weak_alone, s, 0.0);
-  Micrograph noisier = micrograph(spread(200, 0.0, 0.35));
-  for (const Pick& p : picks_at(spread(30, 0.4, 0.6))) noisier.picks.push_back(p);
-  noisier.decoys_found = true;
-  noisier.decoys = picks_at(spread(200, 0.0, 0.35));
-  std::vector<Micrograph> others(4, noisier);
+  std::vector<Micrograph> others(4, with_particles(0.0, 0.35, 30, 0.4, 0.6));
   others.push_back(weak);
   const RunCut with_weak = run_cut(others, s);
   decide_cutoff(weak, s, 0.0, NAN, SparseCut(), with_weak);
@@ -462,15 +459,9 @@ TEST(RunCut, EachCutIsWeighedWithTheWholeRuns) {
 TEST(RunCut, AMicrographUnlikeTheRestKeepsItsOwnCut) {
   const Settings s = report_settings(1.0, 40.0, true);
   // Three strong micrographs: noise 0.1-0.6, particles from 0.8.
-  Micrograph strong = micrograph(spread(200, 0.1, 0.6));
-  for (const Pick& p : picks_at(spread(60, 0.8, 1.2))) strong.picks.push_back(p);
-  strong.decoys_found = true;
-  strong.decoys = picks_at(spread(200, 0.1, 0.6));
+  const Micrograph strong = with_particles(0.1, 0.6, 60, 0.8, 1.2);
   // One whose noise reaches 0.06 and its particles 0.1-0.2, all below the others' cut.
-  Micrograph faint = micrograph(spread(200, 0.0, 0.06));
-  for (const Pick& p : picks_at(spread(20, 0.1, 0.2))) faint.picks.push_back(p);
-  faint.decoys_found = true;
-  faint.decoys = picks_at(spread(200, 0.0, 0.06));
+  const Micrograph faint = with_particles(0.0, 0.06, 20, 0.1, 0.2);
   Micrograph alone = faint;
   decide_cutoff(alone, s, 0.0);
   ASSERT_EQ(count_kept(alone), 20);
