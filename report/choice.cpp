@@ -81,16 +81,17 @@ std::string way_from_sparse(const DecoyCutoff& d) {
 }
 
 // The micrograph's cut weighed with the run's, and why. A run's cut below
-// its own moves it only where its own picks between the two outnumber its
-// decoys there: else the move would add, by its own count, as many noise
-// maxima as particles or more.
+// a sparse micrograph's own moves it only where its own picks between the
+// two outnumber its decoys there: else the move would add, by its own
+// count, as many noise maxima as particles or more. (On a crowded one the
+// decoys overcount, and would hold back particles.)
 double weighed_with_run(const Micrograph& m, const DecoyCutoff& d, const RunCut& run, std::string& why) {
   if (d.none) return run.d.value;
   const double own_weight = d.evidence * d.evidence;
   if (own_weight + run.weight <= 0) return d.value;
   const std::string run_cut = fmt("%.4f: the same rule over the picks and decoys of its %.0f micrographs together",
                                   run.d.value, (double)run.micrographs);
-  if (run.d.value < d.value) {
+  if (run.d.value < d.value && !d.crowded) {
     const long picks = count_kept(m.picks, run.d.value) - count_kept(m.picks, d.value);
     const long decoys = count_kept(m.decoys, run.d.value) - count_kept(m.decoys, d.value);
     if (picks <= decoys) {

@@ -420,6 +420,14 @@ TEST(RunCut, EachCutIsWeighedWithTheWholeRuns) {
   decide_cutoff(faint_too, s, 0.0, NAN, SparseCut(), low);
   EXPECT_NE(faint_too.choice.why.find("is weighed with the run's (0.1000"), std::string::npos) << faint_too.choice.why;
   EXPECT_LT(faint_too.cutoff, alone.cutoff);
+  // Between crowded particles decoys answer in the gaps: no count of them
+  // holds a crowded micrograph back.
+  Micrograph crowded = micrograph(spread(400, 0.3, 0.6));
+  crowded.decoys_found = true;
+  crowded.decoys = picks_at(spread(50, 0.0, 0.2));
+  decide_cutoff(crowded, s, 0.0, NAN, SparseCut(), low);
+  EXPECT_EQ(crowded.choice.rule, "crowded");
+  EXPECT_NE(crowded.choice.why.find("is weighed with the run's (0.1000"), std::string::npos) << crowded.choice.why;
 
   // Three particles prove nothing alone: the run's cut, edge picks left out.
   Micrograph few = micrograph(spread(200, 0.0, 0.2));

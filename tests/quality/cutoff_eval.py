@@ -252,15 +252,15 @@ def unlike_the_rest(own, pool):
 def weigh(m, cut, run):
     """A micrograph's cut weighed with the run's, each by its evidence
     squared; not where its decoys score unlike the rest's (a distance of
-    0.8), nor toward a lower run's cut where its own picks between the two
-    do not outnumber its decoys."""
+    0.8), nor, on a sparse micrograph, toward a lower run's cut where its
+    own picks between the two do not outnumber its decoys."""
     if run[0] == NONE:
         return cut
     if len(run) > 2 and unlike_the_rest(m.decoys, run[2]) >= 0.8:
         return cut
     if cut == NONE:
         return run[0]
-    if run[0] < cut:
+    if run[0] < cut and reads_sparse(m):
         between = lambda v: sum(run[0] <= s < cut for s in v)
         if between(m.scores) <= between(m.decoys):
             return cut

@@ -25,8 +25,9 @@ paths start in. Needs python3-numpy. A set's micrographs are one run.
   rule over the run's picks and decoys together, its sparse cut from the
   pool off edges), each by its evidence squared, the run's divided among
   its micrographs (cutoff_eval.whole_run), save where its decoys score
-  unlike the rest's or where, toward a lower run's cut, its own picks
-  between the two do not outnumber its decoys (cutoff_eval.weigh).
+  unlike the rest's or where, on a sparse micrograph, toward a lower run's
+  cut, its own picks between the two do not outnumber its decoys
+  (cutoff_eval.weigh).
 - "permic": "edge" without the whole run's cut weighed in (the rule
   before it).
 - "decoy": the same without its edge step (cutoff_eval.py's), its run's
