@@ -87,9 +87,10 @@ RunCut run_cut(const std::vector<Micrograph>& mics, const Settings& s);
 // model (null_model_cutoff, which takes run_sparse, the run's sparse cut),
 // weighed with run's cut where there is one (two micrographs or more, and a
 // cut there) and its decoys score like the rest's (unlike_the_rest), each
-// weighted by the square of its evidence; else, for picks
-// already cut, that cut; else the split of the scores against the run's
-// pooled cut-off (choose_cutoff).
+// weighted by the square of its evidence (a lower run's cut moves a sparse
+// micrograph's only where its picks between the two outnumber its decoys);
+// else, for picks already cut, that cut; else the split of the scores
+// against the run's pooled cut-off (choose_cutoff).
 void decide_cutoff(Micrograph& m, const Settings& s, double pooled, double fixed = NAN,
                    SparseCut run_sparse = SparseCut(), const RunCut& run = RunCut());
 
