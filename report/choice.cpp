@@ -111,8 +111,9 @@ double weighed_with_run(const Micrograph& m, const DecoyCutoff& d, const RunCut&
 void with_decoys(Micrograph& m, const Settings& s, SparseCut run_sparse, const RunCut& run) {
   CutoffChoice& c = m.choice;
   const DecoyCutoff d = null_model_cutoff(scores_of(m.picks), scores_of(m.decoys), capacity_of(m, s), run_sparse);
-  const double unlike = run.micrographs >= 2 && !run.d.none ? unlike_the_rest(scores_of(m.decoys), run.decoys) : 0;
-  const bool with_run = run.micrographs >= 2 && !run.d.none && unlike < kUnlike;
+  const bool run_cut_there = run.micrographs >= 2 && !run.d.none;
+  const double unlike = run_cut_there ? unlike_the_rest(scores_of(m.decoys), run.decoys) : 0;
+  const bool with_run = run_cut_there && unlike < kUnlike;
   std::string run_why;
   if (!with_run && unlike >= kUnlike)
     run_why = fmt("; the run's cut-off (%.4f) is not weighed in: its decoys score unlike the other micrographs' "
@@ -219,10 +220,6 @@ bool kept_in(const Micrograph& m, size_t i) {
   return pick_kept(m.picks[i], m.cutoff) && !(m.drop_edges && i < m.on_edge.size() && m.on_edge[i]);
 }
 
-bool decoy_left_out(const Micrograph& m, size_t i) {
-  return m.drop_edges && m.decoy_on_edge.size() == m.decoys.size() && m.decoy_on_edge[i];
-}
-
 long count_kept(const Micrograph& m) {
   long n = 0;
   for (size_t i = 0; i < m.picks.size(); i++) n += kept_in(m, i);
@@ -249,9 +246,11 @@ void decide_cutoff(Micrograph& m, const Settings& s, double pooled, double fixed
     without_decoys(m, pooled);
   }
   if (m.decoys_found) {
+    // A decoy on an edge whose picks the rule leaves out stands for none of the kept picks.
+    const bool flags = m.drop_edges && m.decoy_on_edge.size() == m.decoys.size();
     m.choice.decoys_above = 0;
     for (size_t i = 0; i < m.decoys.size(); i++)
-      m.choice.decoys_above += pick_kept(m.decoys[i], m.cutoff) && !decoy_left_out(m, i);
+      m.choice.decoys_above += pick_kept(m.decoys[i], m.cutoff) && !(flags && m.decoy_on_edge[i]);
   }
 }
 

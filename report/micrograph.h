@@ -111,9 +111,6 @@ long count_kept(const std::vector<Pick>& picks, double cut);
 // Whether m keeps its pick i: at or above its cut-off, and not on an edge
 // its rule leaves out; and how many it keeps.
 bool kept_in(const Micrograph& m, size_t i);
-// Whether m's decoy i lies on an edge whose picks its rule leaves out: it
-// stands for none of the kept picks and is not counted above the cut-off.
-bool decoy_left_out(const Micrograph& m, size_t i);
 long count_kept(const Micrograph& m);
 
 // The warnings a user needs about this micrograph and its picks.

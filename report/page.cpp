@@ -313,9 +313,8 @@ std::string section(const Micrograph& m, size_t k, const Settings& s, const std:
   std::string h = "<section class=\"mic\" id=\"m" + id + "\" data-k=\"" + id + "\" data-cut=\"" +
                   html_escape(cut_text(m.cutoff)) + "\" data-mic=\"" + html_escape(shell_word(m.name)) +
                   "\" data-words=\"" + html_escape(apply_words) + "\"";
-  bool some_left_out = false;  // decoys above the cut-off on the edges whose picks are left out
-  for (size_t i = 0; i < m.decoys.size(); i++)
-    some_left_out = some_left_out || (decoy_left_out(m, i) && pick_kept(m.decoys[i], m.cutoff));
+  // Decoys above the cut-off on the edges whose picks are left out (not counted).
+  const bool some_left_out = m.decoys_found && count_kept(m.decoys, m.cutoff) > m.choice.decoys_above;
   // At the automatic cut-off the script shows gvexreport's own count (taken
   // at the cut-off, not at the lowest kept score, and less the decoys on
   // edges left out); elsewhere it counts the decoys at the slider's score.
