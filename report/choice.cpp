@@ -226,6 +226,10 @@ long count_kept(const Micrograph& m) {
   return n;
 }
 
+bool decoys_left_out(const Micrograph& m) {
+  return m.decoys_found && count_kept(m.decoys, m.cutoff) > m.choice.decoys_above;
+}
+
 void decide_cutoff(Micrograph& m, const Settings& s, double pooled, double fixed, SparseCut run_sparse,
                    const RunCut& run) {
   m.choice = CutoffChoice();

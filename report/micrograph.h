@@ -113,6 +113,10 @@ long count_kept(const std::vector<Pick>& picks, double cut);
 bool kept_in(const Micrograph& m, size_t i);
 long count_kept(const Micrograph& m);
 
+// Whether decoys above m's cut-off lie on edges whose picks it leaves out,
+// and so are not counted in decoys_above.
+bool decoys_left_out(const Micrograph& m);
+
 // The warnings a user needs about this micrograph and its picks.
 void add_warnings(Micrograph& m, const Settings& s);
 
