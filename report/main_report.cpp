@@ -324,8 +324,8 @@ void choose_cutoffs(Run& run, const ReportOptions& o, double pooled) {
     add_warnings(m, run.set);
     std::string decoys;
     if (m.choice.decoys_above >= 0)
-      decoys = ", " + std::to_string(m.choice.decoys_above) + " decoys above it" +
-               (decoys_left_out(m) ? " off the edges whose picks are left out" : "");
+      decoys = ", " + std::to_string(m.choice.decoys_above) + (m.choice.decoys_above == 1 ? " decoy" : " decoys") +
+               " above it" + (decoys_left_out(m) ? " off the edges whose picks are left out" : "");
     printf("%s: %zu picks, cut-off %.4f keeps %ld%s; %s\n", m.name.c_str(), m.picks.size(), m.cutoff,
            count_kept(m), decoys.c_str(), m.choice.why.c_str());
     for (const std::string& w : m.warnings) printf("warning: %s: %s\n", m.name.c_str(), w.c_str());

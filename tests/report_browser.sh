@@ -31,7 +31,7 @@ grep -q 'data-broken="0"' dom.html || fail "a picture did not load"
 for k in 1 2 3 4; do
   printed=$(sed -n "s/^m$k.mrc: .* keeps \([0-9]*\),.*/\1/p" report.log)
   grep -q "id=\"kept-$k\">$printed<" dom.html || fail "micrograph $k: the page does not start at the $printed picks kept"
-  decoys=$(sed -n "s/^m$k.mrc: .* keeps [0-9]*, \([0-9]*\) decoys above it.*/\1/p" report.log)
+  decoys=$(sed -n "s/^m$k.mrc: .* keeps [0-9]*, \([0-9]*\) decoys\{0,1\} above it.*/\1/p" report.log)
   grep -q "id=\"decoys-$k\">$decoys<" dom.html || fail "micrograph $k: the page does not start at the $decoys decoys above"
 done
 # m4, faint beside the three generated ones, keeps its particles: the run's
