@@ -16,7 +16,6 @@
 #include <vector>
 
 #include "support/e2e.h"
-#include "support/run.h"
 
 using namespace e2e;
 

@@ -7,13 +7,11 @@
 #include <cmath>
 #include <cstdio>
 #include <regex>
-#include <sstream>
 #include <string>
 #include <vector>
 
 #include "io/mrcfile.h"
 #include "support/e2e.h"
-#include "support/run.h"
 
 using namespace e2e;
 

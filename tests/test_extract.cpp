@@ -2,12 +2,10 @@
 // stack written beside the micrograph, and refusals of unusable box sizes.
 #include <gtest/gtest.h>
 
-#include <cstdio>
 #include <cstring>
 #include <string>
 #include <vector>
 
-#include "io/boxfile.h"
 #include "io/extract.h"
 #include "io/mrcfile.h"
 #include "support/capture.h"

@@ -6,7 +6,6 @@
 // launcher's limits are checked on the host too.
 #include <gtest/gtest.h>
 
-#include <climits>
 #include <cmath>
 #include <cstring>
 #include <string>
@@ -20,7 +19,6 @@
 #include "support/capture.h"
 #include "support/e2e.h"
 #include "support/match_fixtures.h"
-#include "support/run.h"
 
 namespace {
 

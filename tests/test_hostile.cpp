@@ -14,7 +14,6 @@
 #include <vector>
 
 #include "support/e2e.h"
-#include "support/run.h"
 
 namespace {
 

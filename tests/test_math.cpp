@@ -4,7 +4,6 @@
 // the host, so that it depends on the tree exactly as documented.
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <cmath>
 #include <functional>
 

@@ -13,8 +13,6 @@
 
 #include "common/host_image.h"
 #include "common/owned.h"
-#include "common/records.h"
-#include "gpu/resample.h"
 #include "io/mrcfile.h"
 #include "picker/prefetch.h"
 #include "support/capture.h"

@@ -2,7 +2,6 @@
 // timer, in process; the parser itself is checked end to end in test_cli.
 #include <gtest/gtest.h>
 
-#include <cstdio>
 #include <string>
 
 #include "common/records.h"

@@ -1,6 +1,5 @@
 // Peak finding on the cell grid and the merge of candidate files.
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <cmath>
 #include <limits>

@@ -20,7 +20,6 @@
 #include "relion/mic_input.h"
 #include "relion/relion_files.h"
 #include "support/e2e.h"
-#include "support/run.h"
 
 using namespace e2e;
 

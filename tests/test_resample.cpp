@@ -1,12 +1,10 @@
 // Shrinking into an even square with mirror fill, bilinear sampling,
 // scaling, rotation, centred paste, window cut and true division.
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <climits>
 #include <cmath>
-#include <cstdio>
 #include <string>
 
 #include "support/capture.h"

@@ -2,16 +2,13 @@
 // direct correlation, the spectrum store, and picks on planted particles.
 #include <gtest/gtest.h>
 #include <omp.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cmath>
 #include <string>
 #include <vector>
 
-#include "support/capture.h"
 #include "gpu/cuda_fft.h"
-#include "gpu/resample.h"
 #include "match/peaks.h"
 #include "match/scan.h"
 #include "match/scan_host.h"

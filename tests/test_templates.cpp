@@ -1,10 +1,8 @@
 // Template stack: synthesis, reading and rescaling, normalisation, angles.
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <cmath>
 #include <cstring>
-#include <string>
 #include <vector>
 
 #include "support/capture.h"
