@@ -8,7 +8,7 @@
 #include "gpu/device.h"
 #include "gpu/pool.h"
 #include "gpu/reduce.h"
-#include "support/dev_vec.h"
+#include "support/match_fixtures.h"
 
 namespace {
 
@@ -89,16 +89,16 @@ TEST(Reduction, MatchesTheFixedTreeBitForBit) {
     for (float x : v) seq += x;
     ASSERT_TRUE(n <= 1024 || seq != want) << n << ": the data do not tell the orders apart";
     // The plain form leaves the input alone, the in-place one the sum in front.
-    DevVec d(v);
+    Dev<float> d(v);
     EXPECT_EQ(hcuda_fast_sum(d.get(), n), want) << n;
-    EXPECT_EQ(download(d.get(), 1)[0], v[0]);
+    EXPECT_EQ(d.host()[0], v[0]);
     EXPECT_EQ(hcuda_fast_sum_inplace(d.get(), n), want) << n;
-    EXPECT_EQ(download(d.get(), 1)[0], want);
+    EXPECT_EQ(d.host()[0], want);
   }
   EXPECT_EQ(hcuda_fast_sum(nullptr, 0), 0.0f);
   Vec nan(2000, 1.0f);
   nan[1500] = NAN;
-  EXPECT_TRUE(std::isnan(hcuda_fast_sum(DevVec(nan).get(), nan.size())));
+  EXPECT_TRUE(std::isnan(hcuda_fast_sum(Dev<float>(nan).get(), nan.size())));
 }
 
 TEST(BlockPool, HandsBackAFreedBlockOfTheSameSizeOnly) {

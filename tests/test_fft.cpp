@@ -11,7 +11,7 @@
 #include "support/capture.h"
 #include "gpu/cuda_fft.h"
 #include "reference/reference.h"
-#include "support/dev_vec.h"
+#include "support/match_fixtures.h"
 
 namespace {
 
@@ -35,7 +35,7 @@ TEST(FftTransforms, ForwardMatchesDirectDftAndInverseScalesByPixelCount) {
                   Shape{5, 1}}) {
     const int nxh = s.nx / 2 + 1, n = s.nx * s.ny;
     const Vec img = uniform(n, 11 + s.nx * 31 + s.ny);
-    DevVec d_img(img), d_back(n);
+    Dev<float> d_img(img), d_back(n);
     DeviceArray<float2> d_spec((size_t)nxh * s.ny);
     FftPlan2d& plan = gvex_fft_plan(s.nx, s.ny);
     plan.r2c(d_img.get(), d_spec.get());
@@ -48,7 +48,7 @@ TEST(FftTransforms, ForwardMatchesDirectDftAndInverseScalesByPixelCount) {
       ASSERT_NEAR(spectrum[i].y, want[i].imag(), tol) << s.nx << "x" << s.ny << " element " << i;
     }
     plan.c2r(d_spec.get(), d_back.get());
-    const Vec back = download(d_back.get(), n);
+    const Vec back = d_back.host();
     for (int i = 0; i < n; i++) ASSERT_NEAR(back[i], (double)n * img[i], 1e-5 * n) << s.nx << "x" << s.ny;
   }
 }
@@ -106,14 +106,14 @@ TEST(FftTransforms, BadSizeEndsWithTheFftErrorLine) {
 // computes it: forward, A * conj(B) / (nx*ny), inverse.
 Vec correlate(const Vec& m, const Vec& t, int nx, int ny) {
   const int nxh = nx / 2 + 1;
-  DevVec d_m(m), d_t(t), d_cc(m.size());
+  Dev<float> d_m(m), d_t(t), d_cc(m.size());
   DeviceArray<float2> M((size_t)nxh * ny), T((size_t)nxh * ny);
   FftPlan2d& plan = gvex_fft_plan(nx, ny);
   plan.r2c(d_m.get(), M.get());
   plan.r2c(d_t.get(), T.get());
   hcuda_c2d_multconj_norm_inplace(M.get(), T.get(), nxh, ny, (float)(nx * ny));
   plan.c2r(M.get(), d_cc.get());
-  return download(d_cc.get(), m.size());
+  return d_cc.host();
 }
 
 TEST(FourierKernels, SpectrumProductGivesTheCircularCorrelation) {
@@ -127,9 +127,9 @@ TEST(FourierKernels, SpectrumProductGivesTheCircularCorrelation) {
   // A unit impulse correlated with itself peaks, after the swap, at (nx/2, ny/2).
   Vec imp(16 * 12, 0.0f);
   imp[0] = 1.0f;
-  DevVec d_cc(correlate(imp, imp, 16, 12));
+  Dev<float> d_cc(correlate(imp, imp, 16, 12));
   hcuda_2d_swap_ccf_inplace(d_cc.get(), 16, 12);
-  const Vec cc = download(d_cc.get(), 16 * 12);
+  const Vec cc = d_cc.host();
   for (int i = 0; i < 16 * 12; i++) EXPECT_NEAR(cc[i], i == 6 * 16 + 8 ? 1.0f : 0.0f, 1e-6f) << i;
 }
 

@@ -10,7 +10,7 @@
 
 #include "gpu/img_filter.h"
 #include "reference/reference.h"
-#include "support/dev_vec.h"
+#include "support/match_fixtures.h"
 
 namespace {
 
@@ -70,9 +70,9 @@ TEST(BandpassPadded, AllPassReturnsTheImageTimesThePaddedSize) {
   // remains, a factor (2n)^2.
   const int n = 24;
   const Vec in = uniform(n * n, 4);
-  DevVec d(in);
+  Dev<float> d(in);
   hcuda_2d_bandpass_softR_mpad_inplace(d.get(), n, 1.0f, 0.01f, INFINITY, 3.0f);
-  const Vec out = download(d.get(), n * n);
+  const Vec out = d.host();
   const double f = 4.0 * n * n;
   for (int i = 0; i < n * n; i++) ASSERT_NEAR(out[i], f * in[i], 1e-4 * f) << i;
 }
@@ -82,14 +82,14 @@ TEST(BandpassPadded, RemovesTheMeanAndIgnoresLimitOrder) {
   Vec in = uniform(n * n, 7);
   for (float& v : in) v += 5.0f;  // a large mean to remove
   // The two limits in either order.
-  DevVec da(in), db(in), dc(in), dd(in);
+  Dev<float> da(in), db(in), dc(in), dd(in);
   hcuda_2d_bandpass_guas_mpad_inplace(da.get(), n, 2.0f, 8.0f, 40.0f);
   hcuda_2d_bandpass_guas_mpad_inplace(db.get(), n, 2.0f, 40.0f, 8.0f);
   hcuda_2d_bandpass_softR_mpad_inplace(dc.get(), n, 2.0f, 4.0f, 40.0f, 8.0f);
   hcuda_2d_bandpass_softR_mpad_inplace(dd.get(), n, 2.0f, 40.0f, 4.0f, 8.0f);
-  const Vec a = download(da.get(), n * n), c = download(dc.get(), n * n);
-  EXPECT_EQ(a, download(db.get(), n * n));
-  EXPECT_EQ(c, download(dd.get(), n * n));
+  const Vec a = da.host(), c = dc.host();
+  EXPECT_EQ(a, db.host());
+  EXPECT_EQ(c, dd.host());
   for (const Vec* v : {&a, &c}) {  // the zero frequency is gone: mean 0
     const double typical = ref::abs_sum(v->data(), n * n) / (n * n);
     EXPECT_GT(typical, 0.0);

@@ -16,46 +16,12 @@
 #include "gpu/launch.h"
 #include "match/scan.h"
 #include "match/scan_state.h"
+#include "support/backends.h"
 #include "support/capture.h"
 #include "support/e2e.h"
 #include "support/match_fixtures.h"
 
 namespace {
-
-int g_gid = 0;
-
-// True when a GPU answers and this binary can run on it; the back end is
-// left on the host either way.
-bool gpu_usable() {
-  static int usable = -1;
-  if (usable < 0) {
-    usable = 0;
-    if (check_and_set_gid(g_gid) == 0) {
-      gvex_device_activate(g_gid);
-      usable = gvex_on_gpu() ? 1 : 0;
-      gvex_device_use_host();
-    }
-  }
-  return usable == 1;
-}
-
-#define REQUIRE_GPU() \
-  if (!gpu_usable()) GTEST_SKIP() << "no usable GPU: " << gvex_device_activate(g_gid)
-
-// Runs f on the GPU (true) or the host, with fresh plan caches, and leaves
-// the host back end active.
-template <class F>
-auto on(bool gpu, F f) {
-  gvex_fft_plan_cache_clear();
-  if (gpu)
-    gvex_device_activate(g_gid);
-  else
-    gvex_device_use_host();
-  auto r = f();
-  gvex_fft_plan_cache_clear();
-  gvex_device_use_host();
-  return r;
-}
 
 double max_rel_diff(const std::vector<float>& a, const std::vector<float>& b) {
   double scale = 0, d = 0;
@@ -73,7 +39,7 @@ struct Maps {
 // One template scanned over a noise micrograph, 0..359 degrees by step.
 Maps scan(int nx, int ny, int t, float step, ScanWorkspace* ws) {
   const size_t n = (size_t)nx * ny;
-  Dev<float> mic(noise(n, 7)), mask(std::vector<float>(n, 1.0f)), T(noise((size_t)t * t, 4)), cc(n),
+  Dev<float> mic(uniform(n, 7)), mask(std::vector<float>(n, 1.0f)), T(uniform((size_t)t * t, 4)), cc(n),
       psi(std::vector<float>(n, -1.0f));
   testing::internal::CaptureStdout();
   vexmatch_ccmax_psi_by_one_template(mic.get(), mask.get(), cc.get(), psi.get(), 1, nx, ny, T.get(), t, t,
@@ -121,7 +87,7 @@ TEST(ScanBatch, SizeIsWholeQuantaWithinMemoryAndTheLauncher) {
 
 TEST(GpuStartUp, UsableGpuIsNamedInTheBackEndLine) {
   REQUIRE_GPU();
-  const std::string line = gvex_device_activate(g_gid);
+  const std::string line = gvex_device_activate(gpu_gid());
   gvex_device_use_host();
   EXPECT_EQ(line.rfind("Running on GPU ", 0), 0u) << line;
   EXPECT_NE(line.find("compute capability"), std::string::npos) << line;
@@ -183,7 +149,7 @@ TEST(GpuBatchFft, MatchesTheSinglePlanAndRoundTrips) {
   for (auto s : {std::pair<int, int>{128, 128}, {100, 100}, {36, 36}, {33, 31}}) {
     const int nx = s.first, ny = s.second, q = 4, count = 7;  // two quanta, the second short
     const size_t nr = (size_t)nx * ny, nc = (size_t)(nx / 2 + 1) * ny;
-    const std::vector<float> img = noise(nr * 8, 11);
+    const std::vector<float> img = uniform(nr * 8, 11);
     struct Out {
       std::vector<float> batch, single, kept, back;
     };
@@ -259,10 +225,10 @@ TEST(GpuScan, DecoyMapIsTheInvertedTemplatesMap) {
   REQUIRE_GPU();
   const int n = 128, t = 32;
   const size_t N = (size_t)n * n;
-  std::vector<float> T = noise((size_t)t * t, 4), minus(T);
+  std::vector<float> T = uniform((size_t)t * t, 4), minus(T);
   for (float& v : minus) v = -v;
   const bool same = on(true, [&] {
-    Dev<float> mic(noise(N, 7)), mask(std::vector<float>(N, 1.0f)), dT(T), dminus(minus), cc(N), psi(N), decoy(N),
+    Dev<float> mic(uniform(N, 7)), mask(std::vector<float>(N, 1.0f)), dT(T), dminus(minus), cc(N), psi(N), decoy(N),
         inv(N), inv_psi(N);
     ScanWorkspace a(0, 16), b(0, 16);
     testing::internal::CaptureStdout();

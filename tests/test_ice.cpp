@@ -100,7 +100,7 @@ TEST(IceDetect, BlobAndDarkAreaAreCondemnedCleanAreasStayOne) {
   ice.lave_max = 1.0f;
   ice.lsigma_cutoff = 1.3f;
   ice.write_rejected = true;
-  std::vector<float> img = noise(N * N, 7);
+  std::vector<float> img = uniform(N * N, 7);
   for (int i = 0; i < N * N; i++) {
     const int x = i % N, y = i / N;
     if ((x - 40) * (x - 40) + (y - 40) * (y - 40) < 100) img[i] *= 5.0f;

@@ -10,7 +10,7 @@
 #include "common/hm_math.h"
 #include "gpu/local_stats.h"
 #include "reference/reference.h"
-#include "support/dev_vec.h"
+#include "support/match_fixtures.h"
 
 namespace {
 
@@ -32,9 +32,9 @@ TEST(SoftMask, DeviceEdgeStartsAt0399HostEdgeIsContinuous) {
   };
   for (Case c : {Case{33, 29, 16.0f, 14.5f, 6.9f, 4.0f}, Case{21, 17, 10.0f, 8.0f, 5.0f, 0.0f}}) {
     Vec host(c.nx * c.ny);
-    DevVec d(host.size());
+    Dev<float> d(host.size());
     hcuda_2d_generate_rmask_soft(d.get(), c.nx, c.ny, c.cx, c.cy, c.r, c.w);
-    const Vec dev = download(d.get(), host.size());
+    const Vec dev = d.host();
     cpu_2d_generate_rmask_soft(host.data(), c.nx, c.ny, c.cx, c.cy, c.r, c.w);
     for (int y = 0; y < c.ny; y++)
       for (int x = 0; x < c.nx; x++) {
@@ -48,9 +48,9 @@ TEST(SoftMask, DeviceEdgeStartsAt0399HostEdgeIsContinuous) {
 // grid, centred at ((NX-1)/2, (NY-1)/2), half a pixel before the zero shift.
 std::vector<double> direct_local_mean(const Vec& img, int nx, int ny, float r, float w) {
   const int NX = 2 * nx, NY = 2 * ny;
-  DevVec d(NX * NY);
+  Dev<float> d(NX * NY);
   hcuda_2d_generate_rmask_soft(d.get(), NX, NY, (NX - 1) / 2.0f, (NY - 1) / 2.0f, r, w);
-  const Vec mask = download(d.get(), NX * NY);
+  const Vec mask = d.host();
   const Vec pad = ref::mirror_pad(img.data(), nx, ny);
   return ref::local_mean(pad.data(), mask.data(), NX, NY, nx, ny);
 }
@@ -69,16 +69,16 @@ TEST(LocalStats, MeanAndSigmaMatchTheDirectWindowSums) {
     const Vec img = uniform(n, c.nx * 13 + c.ny, 0.0f, 2.0f);
     Vec sq(n);
     for (int i = 0; i < n; i++) sq[i] = img[i] * img[i];
-    DevVec d_img(img), d_mean(n), d_wide(n), d_both_ave(n), d_sigma(n);
+    Dev<float> d_img(img), d_mean(n), d_wide(n), d_both_ave(n), d_sigma(n);
     hcuda_2d_bg_mpad(d_mean.get(), d_img.get(), c.nx, c.ny, c.r, c.w);
-    const Vec mean = download(d_mean.get(), n);
+    const Vec mean = d_mean.host();
     // The mean and the deviation at once, from one transform of the padded
     // image: the mean has the bits of the plain local mean.
     hcuda_2d_bg_mpad(d_wide.get(), d_img.get(), c.nx, c.ny, c.r + 1.0f, c.w);
     hcuda_2d_local_ave_sigma_softR_mpad(d_both_ave.get(), d_sigma.get(), d_img.get(), c.nx, c.ny, c.r + 1.0f, c.r,
                                         c.w);
-    EXPECT_TRUE(same_bits(download(d_both_ave.get(), n).data(), download(d_wide.get(), n).data(), n * 4));
-    const Vec sigma = download(d_sigma.get(), n);
+    EXPECT_TRUE(same_bits(d_both_ave.host(), d_wide.host()));
+    const Vec sigma = d_sigma.host();
     const std::vector<double> m = direct_local_mean(img, c.nx, c.ny, c.r, c.w);
     const std::vector<double> m2 = direct_local_mean(sq, c.nx, c.ny, c.r, c.w);
     for (int i = 0; i < n; i++) {

@@ -9,7 +9,7 @@
 
 #include "common/hm_math.h"
 #include "gpu/math_utils.h"
-#include "support/dev_vec.h"
+#include "support/match_fixtures.h"
 
 namespace {
 
@@ -35,14 +35,14 @@ Vec map(const Vec& a, const Vec& b, const std::function<float(float, float)>& f)
   return r;
 }
 
-float tree_sum(const Vec& h) { return hcuda_fast_sum(DevVec(h).get(), h.size()); }
+float tree_sum(const Vec& h) { return hcuda_fast_sum(Dev<float>(h).get(), h.size()); }
 
 class Reductions : public testing::TestWithParam<size_t> {};
 
 TEST_P(Reductions, StatisticsComposeTheTreeSums) {
   const size_t n = GetParam();
   const Vec h = awkward(n, 11 + (unsigned)n), w = soft_mask(n, 9 + (unsigned)n);
-  DevVec d(h), dw(w);
+  Dev<float> d(h), dw(w);
   const float mean = tree_sum(h) / (float)n;
   const float sumsqr = tree_sum(map(h, h, [](float x, float) { return x * x; }));
   EXPECT_EQ(hcuda_fast_mean(d.get(), n), mean);
@@ -51,8 +51,8 @@ TEST_P(Reductions, StatisticsComposeTheTreeSums) {
   const float sqw = tree_sum(map(h, w, [](float x, float m) { return x * x * m; }));
   EXPECT_EQ(hcuda_fast_sumsqr_withmask(d.get(), dw.get(), n), sqw);
   // None of those touched the inputs.
-  EXPECT_EQ(download(d.get(), n), h);
-  EXPECT_EQ(download(dw.get(), n), w);
+  EXPECT_EQ(d.host(), h);
+  EXPECT_EQ(dw.host(), w);
 }
 
 INSTANTIATE_TEST_SUITE_P(Sizes, Reductions, testing::Values(1, 1024, 1025, 3 * 1024 * 1024));
@@ -61,9 +61,9 @@ TEST(Normalisation, FusedStepOnTheTreeStatistics) {
   const size_t n = 1025 * 3;
   const Vec h = awkward(n, 21), w = soft_mask(n, 32);
   // normz: tree mean, subtract, tree deviation of the centred data, one fma.
-  DevVec d(h);
+  Dev<float> d(h);
   hcuda_normz_inplace(d.get(), n, 2.0f, 3.0f);
-  const Vec r = download(d.get(), n);
+  const Vec r = d.host();
   const float mean = tree_sum(h) / (float)n;
   const Vec c = map(h, h, [=](float x, float) { return x - mean; });
   const float k = 2.0f / sqrtf(tree_sum(map(c, c, [](float x, float) { return x * x; })) / (float)n);
@@ -71,12 +71,12 @@ TEST(Normalisation, FusedStepOnTheTreeStatistics) {
 
   // Masked: the mean and the deviation over the mask sum, taken first by
   // the tree, then every element normalised.
-  DevVec d2(h), dw(w);
+  Dev<float> d2(h), dw(w);
   const float wsum = tree_sum(w), mm = tree_sum(map(h, w, [](float x, float m) { return x * m; })) / wsum;
   const float ms = sqrtf(tree_sum(map(h, w, [=](float x, float m) { return (x - mm) * (x - mm) * m; })) / wsum);
   hcuda_norm_withmask_inplace(d2.get(), dw.get(), n, 1.5f, -1.0f);
   const Vec want = map(h, h, [=](float x, float) { return fmaf(x - mm, 1.5f / ms, -1.0f); });
-  EXPECT_EQ(download(d2.get(), n), want);
+  EXPECT_EQ(d2.host(), want);
 }
 
 // x*A+B rounded once differs from rounded twice for x = A = 1 + 2^-12 and
@@ -88,11 +88,11 @@ TEST(ElementWise, FusionOnlyWhereFused) {
   x[0] = A;
   ASSERT_NE(A * A + B, fmaf(A, A, B));
   const size_t n = x.size();
-  DevVec dx(x), dy(y), dw(w), dout(n);
+  Dev<float> dx(x), dy(y), dw(w), dout(n);
   const auto expect = [&](const char* what, float (*f)(float, float, float)) {
     Vec want(n);
     for (size_t i = 0; i < n; i++) want[i] = f(x[i], y[i], w[i]);
-    EXPECT_EQ(download(dout.get(), n), want) << what;
+    EXPECT_EQ(dout.host(), want) << what;
   };
   hcuda_multi_add(dout.get(), dx.get(), n, A, B);
   expect("multi_add", [](float p, float, float) { return fmaf(p, A, B); });
@@ -100,7 +100,7 @@ TEST(ElementWise, FusionOnlyWhereFused) {
   expect("x1d_multi", [](float p, float q, float) { return p * q; });
   hcuda_data_submean_sqr_withmask(dout.get(), dx.get(), dw.get(), n, P);
   expect("data_submean_sqr_withmask", [](float p, float, float m) { return (p - P) * (p - P) * m; });
-  EXPECT_EQ(download(dx.get(), n), x);
+  EXPECT_EQ(dx.host(), x);
 
   // Contrast inversion is by sign, and twice restores the data.
   const Vec neg = map(x, x, [](float v, float) { return -v; });
@@ -108,9 +108,9 @@ TEST(ElementWise, FusionOnlyWhereFused) {
   hm_invert_inplace(hneg.data(), n);
   hcuda_invert_inplace(dx.get(), n);
   EXPECT_EQ(hneg, neg);
-  EXPECT_EQ(download(dx.get(), n), neg);
+  EXPECT_EQ(dx.host(), neg);
   hcuda_invert_inplace(dx.get(), n);
-  EXPECT_EQ(download(dx.get(), n), x);
+  EXPECT_EQ(dx.host(), x);
 }
 
 }  // namespace

@@ -10,7 +10,7 @@
 #include "support/capture.h"
 #include "common/host_image.h"
 #include "gpu/resample.h"
-#include "support/dev_vec.h"
+#include "support/match_fixtures.h"
 
 namespace {
 
@@ -92,22 +92,22 @@ TEST(MirrorFillDeathTest, OneSideTwiceTheOtherStopsTheRun) {
 TEST(Scale, FactorOneIsExact) {
   EXPECT_EQ(hd_scaled_size(10, 0.35f), 3);  // 3.4999998 in float
   const Vec in = image(7, 5);
-  DevVec d(in), o(in.size());
+  Dev<float> d(in), o(in.size());
   hcuda_2d_scale(o.get(), d.get(), 7, 5, 1.0f);
-  EXPECT_EQ(download(o.get(), in.size()), in);
+  EXPECT_EQ(o.host(), in);
 }
 
 TEST(Rotate, ZeroIsExactAndNinetyTurnsClockwiseOnScreen) {
   const Vec in = image(6, 5);
-  DevVec d(in), o(in.size());
+  Dev<float> d(in), o(in.size());
   hcuda_2d_rotate(d.get(), o.get(), 6, 5, 0.0f);
-  EXPECT_EQ(download(o.get(), in.size()), in);
+  EXPECT_EQ(o.host(), in);
   // Output (x, y) reads input (y, 4 - x).
   const Vec pat = {0, 0, 0, 0, 0, 0, 1, 2, 3, 0, 0, 4, 5, 6, 0, 0, 7, 8, 9, 0, 0, 0, 0, 0, 0};
   const Vec want = {0, 0, 0, 0, 0, 0, 7, 4, 1, 0, 0, 8, 5, 2, 0, 0, 9, 6, 3, 0, 0, 0, 0, 0, 0};
-  DevVec dp(pat), r(25);
+  Dev<float> dp(pat), r(25);
   hcuda_2d_rotate(dp.get(), r.get(), 5, 5, 90.0f);
-  const Vec got = download(r.get(), 25);
+  const Vec got = r.host();
   for (int i = 0; i < 25; i++) EXPECT_NEAR(got[i], want[i], 1e-5) << i;  // cos(90 deg) in float is not 0
 }
 

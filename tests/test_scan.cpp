@@ -23,7 +23,7 @@ namespace {
 std::vector<float> awkward(size_t n, unsigned seed) {
   const float special[] = {NAN, INFINITY, -INFINITY, 0.0f, -0.0f, 1e-40f, -3e-39f, 1.0f, 1.0f, 3.4e38f};
   std::mt19937 rng(seed);
-  std::vector<float> v = noise(n, seed);
+  std::vector<float> v = uniform(n, seed);
   for (float& x : v)
     if (rng() % 4 == 0) x = special[rng() % 10];
   return v;
@@ -72,7 +72,7 @@ TEST(HostLoops, SameBitsAsTheSharedElementBody) {
 struct Problem {
   int nx = 32, ny = 32, tnx = 8, tny = 6;
   float R = 3.5f;
-  std::vector<float> mic = noise(32 * 32, 3), mask = std::vector<float>(32 * 32, 1.0f), T = noise(8 * 6, 4);
+  std::vector<float> mic = uniform(32 * 32, 3), mask = std::vector<float>(32 * 32, 1.0f), T = uniform(8 * 6, 4);
   Problem() {
     for (int i = 0; i < 64; i++) mask[i / 8 * nx + i % 8] = 0.0f;
   }
@@ -145,7 +145,7 @@ TEST(Scan, BatchesAndStoreGiveTheSameBits) {
   for (int n : {33, 99, 32, 36, 100}) {
     Problem pb;
     pb.nx = pb.ny = n;
-    pb.mic = noise(n * n, 7);
+    pb.mic = uniform(n * n, 7);
     pb.mask.assign(n * n, 1.0f);
     const unsigned long one = (unsigned long)(n / 2 + 1) * n * 8;
     const Maps want = scan(pb, 25.0f);  // 15 angles
@@ -169,7 +169,7 @@ TEST(Scan, DecoyMapIsTheInvertedTemplatesMap) {
   for (int n : {36, 33}) {
     Problem pb, inverted;
     pb.nx = pb.ny = inverted.nx = inverted.ny = n;
-    pb.mic = inverted.mic = noise(n * n, 9);
+    pb.mic = inverted.mic = uniform(n * n, 9);
     pb.mask.assign(n * n, 1.0f);
     inverted.mask = pb.mask;
     for (float& v : inverted.T) v = -v;

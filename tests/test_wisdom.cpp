@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "gpu/cuda_fft.h"
-#include "support/dev_vec.h"
+#include "support/match_fixtures.h"
 #include "support/run.h"
 
 namespace {
@@ -16,11 +16,11 @@ namespace {
 std::vector<float> round_trip(int n, const Vec& img) {
   gvex_fft_plan_cache_clear();
   FftPlan2d& p = gvex_fft_plan(n, n);
-  DevVec in(img), out(img.size());
+  Dev<float> in(img), out(img.size());
   DeviceArray<float2> spectrum((unsigned long)(n / 2 + 1) * n);
   p.r2c(in.get(), spectrum.get());
   p.c2r(spectrum.get(), out.get());
-  return download(out.get(), img.size());
+  return out.host();
 }
 
 TEST(Wisdom, MeasuredPlansAreFoundAgainWithTheirBits) {
@@ -36,7 +36,7 @@ TEST(Wisdom, MeasuredPlansAreFoundAgainWithTheirBits) {
   EXPECT_NE(why.find("none.wisdom"), std::string::npos) << why;
   ASSERT_TRUE(gvex_fft_plans_from_wisdom(wisdom, why)) << why;
   EXPECT_EQ(gvex_fft_plans_text(), "from wisdom " + wisdom + " (shapes it lacks are estimated)");
-  EXPECT_TRUE(same_bits(round_trip(96, img).data(), measured.data(), measured.size() * 4));
+  EXPECT_TRUE(same_bits(round_trip(96, img), measured));
   round_trip(40, uniform(40 * 40, 6));  // not in the wisdom: estimated
   EXPECT_EQ(gvex_fft_plans_text(), "from wisdom " + wisdom + " (2 of 4 found there, the rest estimated)");
 }

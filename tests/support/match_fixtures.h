@@ -1,6 +1,6 @@
-// Small helpers shared by the unit tests of match/: device copies of host
-// vectors, seeded noise, writable C strings for the char* interfaces,
-// bitwise comparison.
+// Small helpers shared by the unit tests of gpu/ and match/: device copies
+// of host vectors, seeded noise, writable C strings for the char*
+// interfaces, bitwise comparison.
 #pragma once
 #include <cstring>
 #include <random>
@@ -8,6 +8,8 @@
 #include <vector>
 
 #include "gpu/device.h"
+
+using Vec = std::vector<float>;
 
 // A device array filled from a host vector (or n elements), read back whole.
 template <class T>
@@ -22,11 +24,11 @@ struct Dev : DeviceArray<T> {
   }
 };
 
-// n values drawn uniformly from [-1, 1) with a fixed seed.
-inline std::vector<float> noise(size_t n, unsigned seed) {
+// n values drawn uniformly from [lo, hi) with a fixed seed.
+inline Vec uniform(size_t n, unsigned seed, float lo = -1.0f, float hi = 1.0f) {
   std::mt19937 g(seed);
-  std::uniform_real_distribution<float> u(-1.0f, 1.0f);
-  std::vector<float> v(n);
+  std::uniform_real_distribution<float> u(lo, hi);
+  Vec v(n);
   for (float& x : v) x = u(g);
   return v;
 }
@@ -37,7 +39,9 @@ inline std::vector<char> cstr(const std::string& s) {
   return v;
 }
 
+// Same bits (NaNs included), which == cannot say.
+inline bool same_bits(const void* a, const void* b, size_t bytes) { return std::memcmp(a, b, bytes) == 0; }
 template <class T>
 bool same_bits(const std::vector<T>& a, const std::vector<T>& b) {
-  return a.size() == b.size() && std::memcmp(a.data(), b.data(), a.size() * sizeof(T)) == 0;
+  return a.size() == b.size() && same_bits(a.data(), b.data(), a.size() * sizeof(T));
 }
