@@ -1,10 +1,6 @@
 // Hard stops: a run killed at any moment and resumed with --do_unfinished
 // ends with the same files as a run never stopped, and a file-size limit is
 // a clean write failure that leaves no partial file.
-#include <dirent.h>
-
-#include <map>
-
 #include "support/e2e.h"
 
 namespace {
@@ -13,17 +9,6 @@ using namespace e2e;
 
 const char* const kMics[] = {"a.mrc", "b.mrc", "c.mrc"};
 const std::string kOptions = " --diameter 120 --write_mic_mask 1 --extract_raw 1 a.mrc b.mrc c.mrc";
-
-// Every file of a folder with its bytes.
-std::map<std::string, std::string> files_of(const std::string& dir) {
-  std::map<std::string, std::string> f;
-  if (DIR* d = opendir(dir.c_str())) {
-    while (dirent* e = readdir(d))
-      if (e->d_name[0] != '.') f[e->d_name] = read_text_file(dir + "/" + e->d_name);
-    closedir(d);
-  }
-  return f;
-}
 
 struct Batch {
   TempDir dir;

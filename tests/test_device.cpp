@@ -42,9 +42,7 @@ TEST(DeviceSelection, FollowsTheCapabilityRule) {
   for (const Case& c : cases) {
     g_fake = c.table;
     int gid = c.request;
-    testing::internal::CaptureStdout();
-    EXPECT_EQ(gvex_select_gid(gid, fake_count, fake_props), c.rc) << c.request;
-    EXPECT_EQ(testing::internal::GetCapturedStdout(), c.said);
+    EXPECT_EQ(stdout_of([&] { EXPECT_EQ(gvex_select_gid(gid, fake_count, fake_props), c.rc) << c.request; }), c.said);
     EXPECT_EQ(gid, c.chosen) << c.request;
   }
   int gid = 3;  // the host back end answers as device 0

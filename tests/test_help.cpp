@@ -5,15 +5,9 @@
 #include <string>
 
 #include "picker/help.h"
+#include "support/capture.h"
 
 namespace {
-
-template <class F>
-std::string stdout_of(F f) {
-  testing::internal::CaptureStdout();
-  f();
-  return testing::internal::GetCapturedStdout();
-}
 
 // Runs started in the same second print the same tip: one entry of the
 // tip table between rulers, with no added newline.

@@ -6,6 +6,7 @@
 
 #include "gpu/math_utils.h"
 #include "match/ice.h"
+#include "support/capture.h"
 #include "support/match_fixtures.h"
 #include "support/run.h"
 
@@ -79,9 +80,7 @@ TEST(ExcludedCoords, LaterRecordInACellWinsOffImageIsIgnored) {
   write_text_file(box, "40 20 16 16\n60 2 8 8\n51 11 0 0\n");
   std::vector<char> path = cstr(box);
   Dev<unsigned int> from_file(ng, true);
-  testing::internal::CaptureStdout();
-  EXPECT_EQ(add_excluded_boxf_to_ice(from_file.get(), nx, ny, c, path.data(), 2), 0);
-  EXPECT_EQ(testing::internal::GetCapturedStdout(),
+  EXPECT_EQ(stdout_of([&] { EXPECT_EQ(add_excluded_boxf_to_ice(from_file.get(), nx, ny, c, path.data(), 2), 0); }),
             "       3 particles in file " + box + " excluded from auto-picking \n");
   EXPECT_EQ(from_file.host(), want);
 }

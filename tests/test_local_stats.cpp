@@ -10,6 +10,7 @@
 #include "common/hm_math.h"
 #include "gpu/local_stats.h"
 #include "reference/reference.h"
+#include "support/capture.h"
 #include "support/match_fixtures.h"
 
 namespace {
@@ -104,9 +105,8 @@ TEST(MaskedNormalisation, ZeroMeanUnitDeviationUnderTheDiscAndAnEmptyDiscWarns) 
   EXPECT_NEAR(std::sqrt(v / w), 1.0, 1e-6);
   for (size_t i = 0; i < p.size(); i++) ASSERT_TRUE(disc[i] != 0.0f || p[i] == 0.0f) << i;
 
-  testing::internal::CaptureStdout();
-  cpu_2d_normz_withRmask_applymask_inplace(p.data(), nx, ny, -50.0f, -50.0f, 3.0f, 2.0f);
-  const std::string said = testing::internal::GetCapturedStdout();
+  const std::string said =
+      stdout_of([&] { cpu_2d_normz_withRmask_applymask_inplace(p.data(), nx, ny, -50.0f, -50.0f, 3.0f, 2.0f); });
   EXPECT_EQ(said.rfind("Warning in function hm_sum_check0(), file math_utils on line ", 0), 0u) << said;
   EXPECT_NE(said.find(": Too small sum of mask!\n"), std::string::npos) << said;
   for (float v : p) EXPECT_FALSE(std::isfinite(v));

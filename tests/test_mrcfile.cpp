@@ -7,7 +7,6 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
-#include <functional>
 #include <string>
 #include <vector>
 
@@ -71,12 +70,6 @@ void section16(const std::string& f) {
   mrc_read_head(fp.get(), &h);
   std::vector<float> v((size_t)h.nx * h.ny);
   mrc_read_slice(fp.get(), &h, 0, 'z', v.data(), true);
-}
-
-std::string captured(const std::function<void()>& f) {
-  testing::internal::CaptureStdout();
-  f();
-  return testing::internal::GetCapturedStdout();
 }
 
 // Every readable mode: slices along z, y and x, and the whole-file reader.
@@ -176,7 +169,7 @@ TEST(MrcRead, ExactSizeCheck) {
   FILE* fp = fopen(ext.c_str(), "r");
   MRC_HEAD r;
   mrc_read_head(fp, &r);
-  const std::string out = captured([&] { EXPECT_EQ(mrc_check_fsize(fp, &r), -1); });
+  const std::string out = stdout_of([&] { EXPECT_EQ(mrc_check_fsize(fp, &r), -1); });
   EXPECT_EQ(out.rfind("File size 1048  4 xyz 16Warning in function mrc_check_fsize(), file mrcfile on line ", 0), 0u)
       << out;
   EXPECT_NE(out.find(": File size error!\n"), std::string::npos);
@@ -239,7 +232,7 @@ TEST(MrcRead, ReadAheadServesOnlyTheUnchangedFileItRead) {
     mrc_read_head(fp.get(), &h);
     return ahead.take(name, fp.get(), h, r, s);
   };
-  const std::string said = captured([&] {
+  const std::string said = stdout_of([&] {
     ahead.start(a);
     ASSERT_TRUE(take(a));
     EXPECT_EQ(std::vector<float>(r.data(), r.data() + 120), raw);
@@ -270,7 +263,7 @@ TEST(MrcWrite, Refusals) {
   // An unstamped header is written all the same, after a warning.
   memset(h->map, 0, 4);
   FILE* fp = fopen(dir.file("u.mrc").c_str(), "w+");
-  EXPECT_NE(captured([&] { mrc_write_head_data(fp, h, v.data()); }).find(": MRC format problem! Check file format!\n"),
+  EXPECT_NE(stdout_of([&] { mrc_write_head_data(fp, h, v.data()); }).find(": MRC format problem! Check file format!\n"),
             std::string::npos);
   fclose(fp);
 

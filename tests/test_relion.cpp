@@ -3,14 +3,12 @@
 // 5 read back (field by field), continuing and killed runs, unreadable
 // micrographs, the abort file, float16 micrographs and a followed input
 // that grows. tests/relion_pipeline_check.sh drives RELION itself.
-#include <dirent.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
 #include <cmath>
 #include <csignal>
 #include <cstring>
-#include <map>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -74,27 +72,6 @@ std::string column(const Table& t, size_t row, const std::string& label) {
 void make_dirs(const std::string& path) {
   for (size_t s = path.find('/', 1); s != std::string::npos; s = path.find('/', s + 1))
     mkdir(path.substr(0, s).c_str(), 0777);
-}
-
-// Every file a job left (relative name -> bytes), but the lock.
-void collect(const std::string& root, const std::string& rel, std::map<std::string, std::string>& out) {
-  DIR* d = opendir((root + rel).c_str());
-  if (!d) return;
-  while (dirent* e = readdir(d)) {
-    const std::string n = e->d_name;
-    if (n == "." || n == ".." || n == ".gvexmatch_lock") continue;
-    struct stat st;
-    const std::string path = root + rel + n;
-    if (stat(path.c_str(), &st) != 0) continue;
-    if (S_ISDIR(st.st_mode)) collect(root, rel + n + "/", out);
-    else out[rel + n] = read_text_file(path);
-  }
-  closedir(d);
-}
-std::map<std::string, std::string> files_of(const std::string& job) {
-  std::map<std::string, std::string> m;
-  collect(job, "", m);
-  return m;
 }
 
 // The coordinate rows (x, y) of a coordinate file.

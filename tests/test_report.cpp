@@ -17,13 +17,16 @@
 
 namespace {
 
+Pick pick_xy(double x, double y, double score = 0.5) {
+  Pick p;
+  p.x = x, p.y = y, p.w = p.h = 64, p.score = (float)score;
+  return p;
+}
+
 std::vector<Pick> picks_at(const std::vector<double>& scores) {
   std::vector<Pick> v;
-  for (size_t i = 0; i < scores.size(); i++) {
-    Pick p;
-    p.x = 100 + 50 * (double)(i % 20), p.y = 100 + 50 * (double)(i / 20), p.w = p.h = 64, p.score = (float)scores[i];
-    v.push_back(p);
-  }
+  for (size_t i = 0; i < scores.size(); i++)
+    v.push_back(pick_xy(100 + 50 * (double)(i % 20), 100 + 50 * (double)(i / 20), scores[i]));
   return v;
 }
 
@@ -159,12 +162,6 @@ std::vector<float> step_image(int n, float gain, float offset, float step) {
       v[(size_t)y * n + x] = offset + gain * (noise + (x >= 512 ? step : 0.0f));
     }
   return v;
-}
-
-Pick pick_xy(double x, double y, double score = 0.5) {
-  Pick p;
-  p.x = x, p.y = y, p.w = p.h = 64, p.score = (float)score;
-  return p;
 }
 
 TEST(EdgePicks, PicksBesideAStepAreOnAnEdgeWhateverTheScale) {
@@ -503,16 +500,8 @@ TEST(RunCut, AMicrographUnlikeTheRestKeepsItsOwnCut) {
 TEST(Page, CropFollowsTheBestPicksAndStaysInside) {
   const Settings s = report_settings(1.0, 40.0, true);
   Micrograph m = micrograph({});
-  for (int i = 0; i < 12; i++) {
-    Pick p;
-    p.x = 1900 + 10 * i, p.y = 30 + 5 * i, p.score = 0.9f;
-    m.picks.push_back(p);
-  }
-  for (int i = 0; i < 30; i++) {
-    Pick p;
-    p.x = 100 + 60 * i, p.y = 1000, p.score = 0.1f;
-    m.picks.push_back(p);
-  }
+  for (int i = 0; i < 12; i++) m.picks.push_back(pick_xy(1900 + 10 * i, 30 + 5 * i, 0.9));
+  for (int i = 0; i < 30; i++) m.picks.push_back(pick_xy(100 + 60 * i, 1000, 0.1));
   const Crop c = crop_region(m, s);
   EXPECT_EQ(c.side, 320);  // eight particles across
   EXPECT_GE(c.x0, 0);

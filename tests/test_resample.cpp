@@ -43,9 +43,7 @@ TEST(MeanShrink, BlockMeansDropPartialBlocks) {
   }
   // f < 1 reports, leaves the output alone and goes on.
   Vec untouched(16, 9.0f);
-  testing::internal::CaptureStdout();
-  cpu_2d_meanshrink(untouched.data(), in.data(), nx, ny, 0);
-  const std::string msg = testing::internal::GetCapturedStdout();
+  const std::string msg = stdout_of([&] { cpu_2d_meanshrink(untouched.data(), in.data(), nx, ny, 0); });
   EXPECT_EQ(msg.rfind("Error in function cpu_2d_meanshrink(), file process2d_raw on line ", 0), 0u) << msg;
   EXPECT_NE(msg.find(": Wrong value of shrink_factor. Must be >=1!\n"), std::string::npos) << msg;
   EXPECT_EQ(untouched, Vec(16, 9.0f));

@@ -5,11 +5,6 @@
 #include "fuzz_support.h"
 #include "io/boxfile.h"
 
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  fuzz::quiet_stdout();
-  return 0;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   std::vector<PTCL_BOX> boxes(512);
   for (const char* ending : {".box", ".star"}) {

@@ -6,11 +6,6 @@
 #include "fuzz_support.h"
 #include "match/box_filter.h"
 
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  fuzz::quiet_stdout();
-  return 0;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   std::string in = fuzz::write_scratch(data, size, "_nonunique.box");
   std::string ex = fuzz::write_scratch(data, size, "_excluded.box");

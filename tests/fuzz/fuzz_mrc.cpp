@@ -7,11 +7,6 @@
 #include "io/mrcfile.h"
 #include "match/templates.h"
 
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  fuzz::quiet_stdout();
-  return 0;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   std::string path = fuzz::write_scratch(data, size, ".mrc");
   fuzz::refused_or_done([&] {

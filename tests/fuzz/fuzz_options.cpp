@@ -8,11 +8,6 @@
 #include "gpu/device.h"
 #include "picker/startup.h"
 
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  fuzz::quiet_stdout();
-  return 0;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   std::vector<std::string> words{"gvexmatch"};
   words.emplace_back();

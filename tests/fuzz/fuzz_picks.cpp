@@ -11,11 +11,6 @@
 #include "report/micrograph.h"
 #include "report/page.h"
 
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  fuzz::quiet_stdout();
-  return 0;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   static const Settings set = report_settings(2.0, 120.0, true);
   for (const char* ending : {".box", ".star"}) {

@@ -7,11 +7,6 @@
 #include "fuzz_support.h"
 #include "io/star_table.h"
 
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  fuzz::quiet_stdout();
-  return 0;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   std::vector<StarTable> blocks;
   std::string why;

@@ -15,11 +15,6 @@
 
 namespace fuzz {
 
-inline void quiet_stdout() {
-  const int null = open("/dev/null", O_WRONLY);
-  if (null >= 0) dup2(null, 1);
-}
-
 // A scratch path of this process with the given ending, in memory where
 // the machine has /dev/shm: rewriting a file on disk per input slows a
 // target many times over.
@@ -68,3 +63,11 @@ void refused_or_done(F&& f) {
 }
 
 }  // namespace fuzz
+
+// libFuzzer's start-up hook, the same for every target; each target is one
+// file, so it is defined once per program.
+extern "C" int LLVMFuzzerInitialize(int*, char***) {
+  const int null = open("/dev/null", O_WRONLY);
+  if (null >= 0) dup2(null, 1);
+  return 0;
+}

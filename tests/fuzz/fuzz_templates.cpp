@@ -6,11 +6,6 @@
 #include "fuzz_support.h"
 #include "match/templates.h"
 
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  fuzz::quiet_stdout();
-  return 0;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   std::string path = fuzz::write_scratch(data, size, ".mrcs");
   for (const float k : {1.0f, 0.77f, 1.6f})

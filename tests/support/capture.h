@@ -27,3 +27,11 @@ Captured capture_run(const std::function<void()>& fn);
     EXPECT_TRUE(std::regex_search(c_.out, std::regex(pattern_))) << c_.out;        \
   } while (0)
 #define EXPECT_FAILS(stmt, pattern_) EXPECT_FAILS_WITH(1, stmt, pattern_)
+
+// What f prints on standard output, for code that warns and goes on.
+template <class F>
+std::string stdout_of(F f) {
+  testing::internal::CaptureStdout();
+  f();
+  return testing::internal::GetCapturedStdout();
+}

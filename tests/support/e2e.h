@@ -4,11 +4,13 @@
 #pragma once
 #include <dirent.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 #include <algorithm>
 #include <cmath>
 #include <cstdint>
 #include <cstring>
+#include <map>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -62,6 +64,28 @@ inline void expect_end(const RunResult& r, int status, const std::string& dir) {
     while (dirent* e = readdir(d)) EXPECT_FALSE(contains(e->d_name, ".part")) << e->d_name;
     closedir(d);
   }
+}
+
+// Every file under dir, in every folder (name relative to dir -> bytes),
+// but the lock a RELION job holds; hidden files count, since a RELION job's
+// .work/ folder must come out the same as well.
+inline std::map<std::string, std::string> files_of(const std::string& dir, const std::string& rel = "") {
+  std::map<std::string, std::string> out;
+  DIR* d = opendir((dir + "/" + rel).c_str());
+  if (!d) return out;
+  while (dirent* e = readdir(d)) {
+    const std::string n = e->d_name, path = dir + "/" + rel + n;
+    struct stat st;
+    if (n == "." || n == ".." || n == ".gvexmatch_lock" || stat(path.c_str(), &st) != 0) continue;
+    if (!S_ISDIR(st.st_mode)) {
+      out[rel + n] = read_text_file(path);
+    } else {
+      const auto sub = files_of(dir, rel + n + "/");
+      out.insert(sub.begin(), sub.end());
+    }
+  }
+  closedir(d);
+  return out;
 }
 
 // The lines of n words of a text file, split into words.
