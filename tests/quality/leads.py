@@ -28,6 +28,8 @@ paths start in. Needs python3-numpy. A set's micrographs are one run.
   unlike the rest's or where, on a sparse micrograph, toward a lower run's
   cut, its own picks between the two do not outnumber its decoys
   (cutoff_eval.weigh).
+- "fours": "edge" on the set cut as runs of four micrographs (the
+  same as "edge" on sets of four).
 - "permic": "edge" without the whole run's cut weighed in (the rule
   before it).
 - "decoy": the same without its edge step (cutoff_eval.py's), its run's
@@ -133,7 +135,20 @@ def rule_edge(triples, run=True, own=True, average=True, whole=True):
             [ce.weigh(m, ce.decoy_rule(m, run=cut, own=own, average=average), w) for m in mics])
 
 
+def in_fours(rule):
+    """rule on the set's micrographs taken four at a time, in list order, as
+    runs of four."""
+    def cut(triples):
+        mics, cuts = [], []
+        for k in range(0, len(triples), 4):
+            m, c = rule(triples[k:k + 4])
+            mics, cuts = mics + m, cuts + c
+        return mics, cuts
+    return cut
+
+
 RULES = {"edge": rule_edge,
+         "fours": in_fours(rule_edge),
          "permic": lambda p: rule_edge(p, whole=False),
          "decoy": lambda p: ([m for m, _, _ in p], ce.decoy_cuts([m for m, _, _ in p])),
          "own": lambda p: rule_edge(p, average=False),
