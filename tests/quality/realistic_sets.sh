@@ -36,7 +36,7 @@
 # most of the run (its sets mixed in the replica): 2496^2 at 1.24 A,
 # particles 170, 125 and 200 A. BATCH "long", for the sparse sets picked as
 # one long run (64 micrographs a set, say): 2304^2 at 1.2 A, particles 160,
-# 140 and 190 A, sparse only.
+# 140 and 190 A, sparse and empty.
 # DENSITIES (e.g. "sparse") limits a batch to those of its densities.
 # Usage: realistic_sets.sh BUILD_DIR WORK_DIR [MICROGRAPHS_PER_SET [BATCH [DENSITIES]]]
 set -eu
@@ -60,7 +60,7 @@ case $batch in
   tail) apix=1.22 size=2624 densities="sparse medium crowded empty" prefix="tail " ;;
   more) apix=1.16 size=2752 densities="sparse medium crowded empty" prefix="more " ;;
   mix) apix=1.24 size=2496 densities="sparse medium crowded empty" prefix="mix " ;;
-  long) apix=1.2 size=2304 densities="sparse" prefix="long " ;;
+  long) apix=1.2 size=2304 densities="sparse empty" prefix="long " ;;
   *) echo "realistic_sets: batch main, check, fresh, hold, late, next, last, extra, spare, other, anew, after, coda, tail, more, mix or long, not $batch" >&2; exit 2 ;;
 esac
 if [ -n "$only" ]; then
@@ -107,7 +107,7 @@ for snr in 0.03 0.05 0.1; do
       codasparse) f=0.06 ;; codamedium) f=0.2 ;; codaempty) f=0 ;; coda*) f=0.4 ;;
       tailsparse) f=0.07 ;; tailmedium) f=0.2 ;; tailempty) f=0 ;; tail*) f=0.42 ;;
       mixsparse) f=0.07 ;; mixmedium) f=0.2 ;; mixempty) f=0 ;; mix*) f=0.42 ;;
-      longsparse) f=0.06 ;;
+      longsparse) f=0.06 ;; longempty) f=0 ;;
       moresparse) f=0.06 ;; moremedium) f=0.2 ;; moreempty) f=0 ;; *) f=0.4 ;; esac
     set=$(echo "${prefix}snr${snr}_$density" | tr ' ' _)
     protein=$(echo "$prefix$snr $density" | cksum | cut -c1-6)
