@@ -313,6 +313,7 @@ std::string section(const Micrograph& m, size_t k, const Settings& s, const std:
   std::string h = "<section class=\"mic\" id=\"m" + id + "\" data-k=\"" + id + "\" data-cut=\"" +
                   html_escape(cut_text(m.cutoff)) + "\" data-mic=\"" + html_escape(shell_word(m.name)) +
                   "\" data-words=\"" + html_escape(apply_words) + "\"";
+  const bool left_out = decoys_left_out(m);
   // At the automatic cut-off the script shows gvexreport's own count (taken
   // at the cut-off, not at the lowest kept score, and less the decoys on
   // edges left out); elsewhere it counts the decoys at the slider's score.
@@ -323,7 +324,7 @@ std::string section(const Micrograph& m, size_t k, const Settings& s, const std:
        (m.choice.why.empty() ? std::string(".") : ": " + html_escape(m.choice.why) + ".");
   if (m.decoys_found)
     h += " Decoys above it: " + std::to_string(m.choice.decoys_above) +
-         (decoys_left_out(m) ? " off the edges whose picks are left out" : "") +
+         (left_out ? " off the edges whose picks are left out" : "") +
          (m.choice.rule == "crowded" ? ", more than the false picks among the kept ones on a crowded micrograph."
                                      : ", an estimate of the false picks among the kept ones.");
   if (std::isfinite(m.cut_before) && m.choice.rule != "already-cut")
@@ -336,7 +337,7 @@ std::string section(const Micrograph& m, size_t k, const Settings& s, const std:
     if (m.decoys_found)
       h += "; <span id=\"decoys-" + id + "\">" + std::to_string(m.choice.decoys_above) + "</span> of " +
            std::to_string(m.decoys.size()) + " decoys score as high" +
-           (decoys_left_out(m) ? " (at the automatic cut-off, less those on the edges left out)" : "");
+           (left_out ? " (at the automatic cut-off, less those on the edges left out)" : "");
     h += " <button class=\"auto\" type=\"button\">back to the automatic cut-off</button>"
          "<code class=\"cmd\" id=\"cmd-" + id + "\">gvexreport --apply --cutoff " + html_escape(cut_text(m.cutoff)) +
          (apply_words.empty() ? "" : " " + html_escape(apply_words)) + " " + html_escape(shell_word(m.name)) +
