@@ -36,7 +36,8 @@
 # most of the run (its sets mixed in the replica): 2496^2 at 1.24 A,
 # particles 170, 125 and 200 A. BATCH "long", for the sparse sets picked as
 # one long run (64 micrographs a set, say): 2304^2 at 1.2 A, particles 160,
-# 140 and 190 A, sparse and empty.
+# 140 and 190 A, sparse and empty. BATCH "wide", to judge on long runs a
+# rule found on long: 2560^2 at 1.1 A, particles 150, 175 and 210 A, sparse.
 # DENSITIES (e.g. "sparse") limits a batch to those of its densities.
 # Usage: realistic_sets.sh BUILD_DIR WORK_DIR [MICROGRAPHS_PER_SET [BATCH [DENSITIES]]]
 set -eu
@@ -61,7 +62,8 @@ case $batch in
   more) apix=1.16 size=2752 densities="sparse medium crowded empty" prefix="more " ;;
   mix) apix=1.24 size=2496 densities="sparse medium crowded empty" prefix="mix " ;;
   long) apix=1.2 size=2304 densities="sparse empty" prefix="long " ;;
-  *) echo "realistic_sets: batch main, check, fresh, hold, late, next, last, extra, spare, other, anew, after, coda, tail, more, mix or long, not $batch" >&2; exit 2 ;;
+  wide) apix=1.1 size=2560 densities="sparse" prefix="wide " ;;
+  *) echo "realistic_sets: batch main, check, fresh, hold, late, next, last, extra, spare, other, anew, after, coda, tail, more, mix, long or wide, not $batch" >&2; exit 2 ;;
 esac
 if [ -n "$only" ]; then
   kept=""
@@ -90,6 +92,7 @@ for snr in 0.03 0.05 0.1; do
     tail0.03) d=175 ;; tail0.05) d=130 ;; tail*) d=205 ;;
     mix0.03) d=170 ;; mix0.05) d=125 ;; mix*) d=200 ;;
     long0.03) d=160 ;; long0.05) d=140 ;; long*) d=190 ;;
+    wide0.03) d=150 ;; wide0.05) d=175 ;; wide*) d=210 ;;
     more0.03) d=195 ;; more0.05) d=145 ;; *) d=225 ;; esac
   for density in $densities; do
     case $batch$density in mainsparse) f=0.08 ;; mainempty) f=0 ;; main*) f=0.45 ;;
@@ -107,7 +110,7 @@ for snr in 0.03 0.05 0.1; do
       codasparse) f=0.06 ;; codamedium) f=0.2 ;; codaempty) f=0 ;; coda*) f=0.4 ;;
       tailsparse) f=0.07 ;; tailmedium) f=0.2 ;; tailempty) f=0 ;; tail*) f=0.42 ;;
       mixsparse) f=0.07 ;; mixmedium) f=0.2 ;; mixempty) f=0 ;; mix*) f=0.42 ;;
-      longsparse) f=0.06 ;; longempty) f=0 ;;
+      longsparse) f=0.06 ;; longempty) f=0 ;; widesparse) f=0.06 ;;
       moresparse) f=0.06 ;; moremedium) f=0.2 ;; moreempty) f=0 ;; *) f=0.4 ;; esac
     set=$(echo "${prefix}snr${snr}_$density" | tr ' ' _)
     protein=$(echo "$prefix$snr $density" | cksum | cut -c1-6)
