@@ -154,16 +154,20 @@ DecoyCutoff decoy_rule(const std::vector<double>& real_scores, const std::vector
   excess_of(t, all_most, c.evidence);
   const Tally* half = lowest(t, kDecoyHalf);
   bool most_maxima = false;
+  double maxima_weight = 0;
   if (half) {
     const double particles = (double)(half->picks - half->decoys);
     c.crowding = capacity > 0 ? particles / capacity : std::numeric_limits<double>::infinity();
     c.of_maxima = particles / (double)real_scores.size();
-    most_maxima = c.of_maxima >= kMostMaxima && particles >= kMostSure * std::sqrt((double)(half->picks + half->decoys));
+    if (particles >= kMostSure * std::sqrt((double)(half->picks + half->decoys))) {
+      most_maxima = c.of_maxima >= kMostMaxima;
+      maxima_weight = std::clamp((c.of_maxima - kMaximaLow) / (kMaximaHigh - kMaximaLow), 0.0, 1.0);
+    }
   }
   const bool area_crowded = half && c.crowding >= kCrowded;
   c.crowded = area_crowded || most_maxima;
   c.by_maxima = most_maxima && c.crowding < kBlendHigh;
-  if (half && (most_maxima || c.crowding >= kBlendHigh)) {
+  if (half && (maxima_weight >= 1 || c.crowding >= kBlendHigh)) {
     c.value = half->score;
     c.toward_half = 1;
     return c;
@@ -182,16 +186,16 @@ DecoyCutoff decoy_rule(const std::vector<double>& real_scores, const std::vector
   }
   if (std::isnan(cut)) {
     // No evidence for the sparse reading: crowded ones keep the half-decoy cut, the others nothing.
-    c.value = area_crowded ? half->score : above_all(real_scores);
-    c.toward_half = area_crowded ? 1 : 0;
-    c.none = !area_crowded;
+    c.value = c.crowded ? half->score : above_all(real_scores);
+    c.toward_half = c.crowded ? 1 : 0;
+    c.none = !c.crowded;
     return c;
   }
   c.value = c.sparse_cut = cut;
-  if (half && c.crowding > kBlendLow) {
-    c.toward_half = (c.crowding - kBlendLow) / (kBlendHigh - kBlendLow);
-    c.value = c.toward_half * half->score + (1 - c.toward_half) * c.value;
-  }
+  const double area_weight = half ? std::clamp((c.crowding - kBlendLow) / (kBlendHigh - kBlendLow), 0.0, 1.0) : 0;
+  c.toward_half = std::max(area_weight, maxima_weight);
+  c.moved_by_maxima = maxima_weight > area_weight;
+  if (c.toward_half > 0) c.value = c.toward_half * half->score + (1 - c.toward_half) * c.value;
   return c;
 }
 

@@ -56,18 +56,22 @@ Cutoff pooled_cutoff(const std::vector<double>& all_scores);
 //    picks over decoys is beyond chance: N - D >= kExcess sqrt(N + D);
 //  - in between the cut moves from the one to the other in proportion to
 //    crowding (a hard switch cut micrographs near it too high or too low);
-//    from kCrowded up, without evidence for a sparse cut, the half-decoy
-//    cut is taken.
-// Below kBlendHigh, most maxima particles also take the half-decoy cut (the
-// excess is at least kMostMaxima, half, of all the grid maxima, and
-// kMostSure sd beyond chance): large particles leave room for few maxima,
-// nearly all of them particles, and too few for the sparse rule's proof;
-// the area they cover does not make them any less crowded.
-// Less is no proof: where the real run's noise maxima outnumber the decoys
-// (beside contamination) a sparse micrograph's excess alone reaches 0.4 to
-// 0.5 of its maxima. Micrographs read as crowded (from kCrowded up, or most
-// maxima particles) keep their picks on strong edges; the others leave them
-// out (report/edges.h): decoys do not count the false picks there.
+//    read as crowded (below), without evidence for a sparse cut, the
+//    half-decoy cut is taken.
+// Below kBlendHigh, particles among most grid maxima also move the cut to
+// the half-decoy cut (an excess kMostSure sd beyond chance, from kMaximaLow
+// to kMaximaHigh of all the grid maxima, in proportion; the larger of the
+// two moves is taken): large particles leave room for few maxima, nearly all
+// of them particles, and too few for the sparse rule's proof; the area they
+// cover does not make them any less crowded. Twenty maxima measure that
+// share roughly, and a hard switch at half read a run's like micrographs
+// either way by chance. Nor does a share near half prove crowding: where
+// the real run's noise maxima outnumber the decoys (beside contamination)
+// a sparse micrograph's excess alone reaches 0.4 to 0.5 of its maxima.
+// Micrographs read as crowded (from kCrowded up, or an excess of at least
+// kMostMaxima of the maxima) keep their picks on strong edges; the others
+// leave them out (report/edges.h): decoys do not count the false picks
+// there.
 //
 // A sparse micrograph holds too few particles to prove them alone (ten
 // among fifty maxima is 2 sd, short of kExcess). Where a run is at hand its
@@ -83,6 +87,8 @@ constexpr double kDecoyHalf = 0.5;
 constexpr double kDecoyFloor = 0.4;
 constexpr double kCrowded = 0.10;
 constexpr double kMostMaxima = 0.5;
+constexpr double kMaximaLow = 0.4;
+constexpr double kMaximaHigh = 0.6;
 constexpr double kMostSure = 2.0;
 constexpr double kBlendLow = 0.05;
 constexpr double kBlendHigh = 0.15;
@@ -102,6 +108,7 @@ struct DecoyCutoff {
   bool crowded = false;  // read as crowded: edge picks stay
   bool by_maxima = false;  // crowded as most grid maxima are particles, not by the area they cover
   double toward_half = 0;  // how far the cut lies from the sparse cut to the half-decoy cut
+  bool moved_by_maxima = false;  // that move measured by the share of grid maxima, not by area
   double sparse_cut = NAN; // the sparse cut, where there is evidence for it
   double particles = 0;  // P of the sparse branch
   bool from_run = false;  // the sparse cut is the run's: the micrograph alone gave no evidence

@@ -175,14 +175,38 @@ TEST(NullModelCutoff, FewMaximaMostlyParticlesAreCutAsCrowded) {
   EXPECT_EQ(smaller.value, c.value);
   // Less than half is no proof: beside contamination the real run's noise
   // maxima outnumber the decoys, and a sparse micrograph's excess alone
-  // reaches 0.45 of its maxima. Its own sparse cut keeps the particles.
+  // reaches 0.45 of its maxima. It stays sparse, and its cut moves only
+  // part of the way to the half-decoy cut.
   const std::vector<double> few = evenly(12, 0.25, 0.3);
   const std::vector<double> real = join(evenly(38, 0.0, 0.2), few);
   const DecoyCutoff sparse = null_model_cutoff(real, evenly(26, 0.001, 0.201), 800);
   EXPECT_GT(sparse.of_maxima, 0.4);
   EXPECT_FALSE(sparse.crowded);
   EXPECT_EQ(at_least(few, sparse.value), 12);
-  EXPECT_LE(at_least(real, sparse.value), 16);  // the half-decoy cut keeps 48
+  EXPECT_LE(at_least(real, sparse.value), 30);  // the half-decoy cut keeps 48
+}
+
+// The share of grid maxima that are particles is measured on a few dozen
+// of them: the cut moves with it from the sparse cut to the half-decoy cut,
+// with no jump where the micrograph starts to read as crowded.
+TEST(NullModelCutoff, TheShareOfMaximaMovesTheCutWithoutAJump) {
+  // 24 particles above every decoy, 4 noise maxima; maxima far below all
+  // of them (among as many decoys) lower the share without moving a cut.
+  const std::vector<double> real = join(evenly(24, 0.25, 0.35), evenly(4, 0.0, 0.2));
+  const std::vector<double> decoys = join(evenly(10, 0.001, 0.201), evenly(60, -2.0, -1.5));
+  const double sparse = 0.25, half = 0.0;
+  double last = half;
+  for (int low = 0; low <= 24; low++) {
+    const DecoyCutoff c = null_model_cutoff(join(real, std::vector<double>(low, -1.8)), decoys, 800);
+    const double share = c.of_maxima;
+    EXPECT_NEAR(share, 18.0 / (28 + low), 1e-12);
+    EXPECT_EQ(c.crowded, share >= kMostMaxima) << "share " << share;
+    if (share >= kMaximaHigh) EXPECT_EQ(c.value, half) << "share " << share;
+    if (share <= kMaximaLow) EXPECT_EQ(c.value, sparse) << "share " << share;
+    EXPECT_GE(c.value, last) << "share " << share;
+    EXPECT_LE(c.value - last, 0.1 * (sparse - half)) << "share " << share;
+    last = c.value;
+  }
 }
 
 TEST(NullModelCutoff, NoiseAloneKeepsAlmostNothing) {

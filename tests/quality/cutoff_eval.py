@@ -176,14 +176,15 @@ def run_cut(mics):
     return (est_f1(t), evidence(t)) if real else (NONE, 0.0)
 
 
-def decoy_rule(m, sure=2.0, blend=(0.05, 0.15), run=(NONE, 0.0), own=True, average=True):
+def decoy_rule(m, sure=2.0, blend=(0.05, 0.15), run=(NONE, 0.0), own=True, average=True, maxima=(0.4, 0.6)):
     """gvexreport's rule without its edge step. run: the run's sparse cut
     and its evidence, taken where the micrograph alone shows no evidence,
     and averaged with its own cut, weighted by the evidence squared, where
     it does (own=False: the run's cut always; average=False: its own cut
     where it has one). sure=None: crowded by area alone; blend=None: the
     half-decoy cut from 0.10 of crowding up, the sparse cut below (no move
-    between them)."""
+    between them); maxima: the share of the grid maxima over which the cut
+    moves to the half-decoy cut (None: a switch at half)."""
     t = tally(m.scores, m.decoys)
     if not t:
         return 0.0
@@ -197,15 +198,19 @@ def decoy_rule(m, sure=2.0, blend=(0.05, 0.15), run=(NONE, 0.0), own=True, avera
     if not h:
         return e
     crowd = (h[1] - h[2]) / m.cap if m.cap > 0 else math.inf
+    mm = sure is not None and most_maxima(m, h, sure)
+    w_max = 0.0
+    if sure is not None and h[1] - h[2] >= sure * math.sqrt(h[1] + h[2]):
+        share = (h[1] - h[2]) / len(m.scores)
+        w_max = min(1.0, max(0.0, (share - maxima[0]) / (maxima[1] - maxima[0]))) if maxima else float(mm)
     hi = blend[1] if blend else 0.10
-    if (sure is not None and most_maxima(m, h, sure)) or crowd >= hi:
+    if w_max >= 1 or crowd >= hi:
         return h[0]
     if e == NONE:
-        return h[0] if crowd >= 0.10 else NONE
-    if blend and crowd > blend[0]:
-        w = (crowd - blend[0]) / (blend[1] - blend[0])
-        return w * h[0] + (1 - w) * e
-    return e
+        return h[0] if crowd >= 0.10 or mm else NONE
+    w_area = min(1.0, max(0.0, (crowd - blend[0]) / (blend[1] - blend[0]))) if blend else 0.0
+    w = max(w_area, w_max)
+    return w * h[0] + (1 - w) * e if w > 0 else e
 
 
 class Pool:
