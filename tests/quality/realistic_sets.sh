@@ -7,37 +7,11 @@
 # beside it, and prints the F1 of every rule; then the warnings gvexreport
 # gave on each set. Sets and picks already in WORK are reused (remove
 # WORK/runs to pick again, WORK/runs/*/real to run only gvexreport again).
-# BATCH "main" (default): 4096^2 at 1.06 A, particles 180, 150 and 120 A at
-# SNR 0.03, 0.05 and 0.1, sparse, crowded and empty (no particles: the
-# table shows the picks kept per micrograph). BATCH "check", for rules tuned
-# on the main batch: 2048^2 at 1.35 A, particles 200, 100 and 160 A, other
-# densities (sparse, medium, crowded) and other proteins. BATCH "fresh", for
-# a rule settled on both: 3072^2 at 1.2 A, particles 130, 170 and 110 A.
-# BATCH "hold", for rules found on all three: 2560^2 at 1.1 A, particles 140,
-# 190 and 125 A. BATCH "late", for rules found on hold: 2880^2 at 1.15 A,
-# particles 160, 115 and 210 A, sparse, medium and empty. BATCH "next", for
-# rules found on late: 2304^2 at 1.25 A, particles 150, 95 and 230 A,
-# sparse, medium, crowded and empty. BATCH "last", for rules found on next:
-# 2688^2 at 1.0 A, particles 240, 125 and 175 A, sparse, medium, crowded
-# and empty. BATCH "extra", for rules found on last: 2560^2 at 1.3 A,
-# particles 170, 140 and 110 A, sparse, medium, crowded and empty. BATCHes
-# "spare" and "other", for rules found on all eight: 2432^2 at 1.15 A,
-# particles 190, 135 and 155 A, and 2304^2 at 1.4 A, particles 120, 200 and
-# 145 A; sparse, medium, crowded and empty. BATCH "anew", for rules found on
-# all ten: 2560^2 at 1.12 A, particles 165, 105 and 215 A; sparse, medium,
-# crowded and empty. BATCH "after", to judge a rule again after anew:
-# 2816^2 at 1.08 A, particles 135, 185 and 100 A, the same densities.
-# BATCH "coda", to judge a rule found on all twelve: 2944^2 at 1.18 A,
-# particles 155, 220 and 115 A, the same densities. BATCH "tail", for a
-# rule found on all thirteen: 2624^2 at 1.22 A, particles 175, 130 and 205 A.
-# BATCH "more", for a run-level rule found on all fourteen with twelve
-# micrographs a set: 2752^2 at 1.16 A, particles 195, 145 and 225 A.
-# BATCH "mix", to judge how a run's cut is weighed into micrographs unlike
-# most of the run (its sets mixed in the replica): 2496^2 at 1.24 A,
-# particles 170, 125 and 200 A. BATCH "long", for the sparse sets picked as
-# one long run (64 micrographs a set, say): 2304^2 at 1.2 A, particles 160,
-# 140 and 190 A, sparse and empty. BATCH "wide", to judge on long runs a
-# rule found on long: 2560^2 at 1.1 A, particles 150, 175 and 210 A, sparse.
+# BATCH "main" (default) has sparse, crowded and empty sets (no particles:
+# the table shows the picks kept per micrograph); each later batch was made
+# to judge a rule found on the batches before it, with its own micrograph
+# size, pixel size, particle sizes and densities (the case lists below;
+# tests/quality/README.md has them as a table and says what each judged).
 # DENSITIES (e.g. "sparse") limits a batch to those of its densities.
 # Usage: realistic_sets.sh BUILD_DIR WORK_DIR [MICROGRAPHS_PER_SET [BATCH [DENSITIES]]]
 set -eu
