@@ -159,15 +159,13 @@ void with_decoys(Micrograph& m, const Settings& s, SparseCut run_sparse, const R
                            : "sparse: particles cover about %.0f%% of the usable area and decoys count the false "
                              "picks about one for one; ",
                 100 * d.crowding);
-    c.why += d.toward_half <= 0   ? "the cut-off is " + sparse_reason(d)
-             : d.moved_by_maxima ? fmt("as about %.0f%% of its grid maxima are particles, near the half that reads as "
-                                       "crowded, the cut-off lies %.0f%% of the way from ",
-                                       100 * d.of_maxima, 100 * d.toward_half) +
-                                       way_from_sparse(d)
-                                 : fmt("as they are near crowded, where decoys overcount, the cut-off lies %.0f%% of "
-                                       "the way from ",
-                                       100 * d.toward_half) +
-                                       way_from_sparse(d);
+    const std::string near = d.moved_by_maxima ? fmt("as about %.0f%% of its grid maxima are particles, near the "
+                                                     "half that reads as crowded",
+                                                     100 * d.of_maxima)
+                                               : "as they are near crowded, where decoys overcount";
+    c.why += d.toward_half > 0
+                 ? near + fmt(", the cut-off lies %.0f%% of the way from ", 100 * d.toward_half) + way_from_sparse(d)
+                 : "the cut-off is " + sparse_reason(d);
     c.why += run_why;
     drop_edge_picks(m);
   }

@@ -201,8 +201,12 @@ TEST(NullModelCutoff, TheShareOfMaximaMovesTheCutWithoutAJump) {
     const double share = c.of_maxima;
     EXPECT_NEAR(share, 18.0 / (28 + low), 1e-12);
     EXPECT_EQ(c.crowded, share >= kMostMaxima) << "share " << share;
-    if (share >= kMaximaHigh) EXPECT_EQ(c.value, half) << "share " << share;
-    if (share <= kMaximaLow) EXPECT_EQ(c.value, sparse) << "share " << share;
+    if (share >= kMaximaHigh) {
+      EXPECT_EQ(c.value, half) << "share " << share;
+    }
+    if (share <= kMaximaLow) {
+      EXPECT_EQ(c.value, sparse) << "share " << share;
+    }
     EXPECT_GE(c.value, last) << "share " << share;
     EXPECT_LE(c.value - last, 0.1 * (sparse - half)) << "share " << share;
     last = c.value;
