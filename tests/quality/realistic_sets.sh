@@ -37,7 +37,8 @@ case $batch in
   mix) apix=1.24 size=2496 densities="sparse medium crowded empty" prefix="mix " ;;
   long) apix=1.2 size=2304 densities="sparse empty" prefix="long " ;;
   wide) apix=1.1 size=2560 densities="sparse" prefix="wide " ;;
-  *) echo "realistic_sets: batch main, check, fresh, hold, late, next, last, extra, spare, other, anew, after, coda, tail, more, mix, long or wide, not $batch" >&2; exit 2 ;;
+  broad) apix=1.28 size=2432 densities="sparse empty" prefix="broad " ;;
+  *) echo "realistic_sets: batch main, check, fresh, hold, late, next, last, extra, spare, other, anew, after, coda, tail, more, mix, long, wide or broad, not $batch" >&2; exit 2 ;;
 esac
 if [ -n "$only" ]; then
   kept=""
@@ -67,6 +68,7 @@ for snr in 0.03 0.05 0.1; do
     mix0.03) d=170 ;; mix0.05) d=125 ;; mix*) d=200 ;;
     long0.03) d=160 ;; long0.05) d=140 ;; long*) d=190 ;;
     wide0.03) d=150 ;; wide0.05) d=175 ;; wide*) d=210 ;;
+    broad0.03) d=165 ;; broad0.05) d=200 ;; broad*) d=135 ;;
     more0.03) d=195 ;; more0.05) d=145 ;; *) d=225 ;; esac
   for density in $densities; do
     case $batch$density in mainsparse) f=0.08 ;; mainempty) f=0 ;; main*) f=0.45 ;;
@@ -85,6 +87,7 @@ for snr in 0.03 0.05 0.1; do
       tailsparse) f=0.07 ;; tailmedium) f=0.2 ;; tailempty) f=0 ;; tail*) f=0.42 ;;
       mixsparse) f=0.07 ;; mixmedium) f=0.2 ;; mixempty) f=0 ;; mix*) f=0.42 ;;
       longsparse) f=0.06 ;; longempty) f=0 ;; widesparse) f=0.06 ;;
+      broadsparse) f=0.065 ;; broadempty) f=0 ;;
       moresparse) f=0.06 ;; moremedium) f=0.2 ;; moreempty) f=0 ;; *) f=0.4 ;; esac
     set=$(echo "${prefix}snr${snr}_$density" | tr ' ' _)
     protein=$(echo "$prefix$snr $density" | cksum | cut -c1-6)
