@@ -114,7 +114,7 @@ for snr in 0.03 0.05 0.1; do
       for side in real decoy; do
         [ -e "$run/picked" ] && [ -d "$run/$side" ] && continue
         rm -rf "${run:?}/$side" && mkdir -p "$run/$side"
-        for m in sets/$set/m*.mrc; do ln -s "$work/$m" "$run/$side/"; done
+        for m in sets/"$set"/m*.mrc; do ln -s "$work/$m" "$run/$side/"; done
         # The flag goes first: a flag takes a following word that starts
         # with neither a letter nor "-" as its value.
         # shellcheck disable=SC2086 # options held in words
@@ -128,7 +128,7 @@ for snr in 0.03 0.05 0.1; do
       # A pick is true within half a particle radius.
       radii=$(awk -v d=$d -v a=$apix 'BEGIN { print d / 4 / a, d / 2 / a }')
       : >"$run/list"
-      for m in sets/$set/m*.mrc; do
+      for m in sets/"$set"/m*.mrc; do
         b=$(basename "$m" .mrc)
         echo "$run/real/${b}_vexmatch.box $run/decoy/${b}_vexmatch.box sets/$set/${b}_truth.txt" \
           "$run/real/${b}_vexmatch_auto.box $radii" >>"$run/list"
