@@ -82,6 +82,11 @@ std::string fmt(const char* f, double a, double b = 0) {
 }  // namespace
 
 void add_warnings(Micrograph& m, const Settings& s) {
+  add_file_warnings(m, s);
+  if (m.picks_found) add_kept_warnings(m, s);
+}
+
+void add_file_warnings(Micrograph& m, const Settings& s) {
   auto& w = m.warnings;
   if (m.nonfinite) w.push_back(fmt("%.0f pixels are not finite numbers: gvexmatch finds no picks on such a micrograph", m.nonfinite));
   if (m.nsymbt > 0) w.push_back(fmt("extended header of %.0f bytes: gvexmatch reads the pixels from byte 1024 all the same", m.nsymbt));
@@ -89,10 +94,11 @@ void add_warnings(Micrograph& m, const Settings& s) {
   if (m.nz > 1) w.push_back(fmt("%.0f sections: only the first is picked", m.nz));
   if (s.apix_given && m.header_apix > 0 && std::fabs(m.header_apix - s.apix) > 0.05 * s.apix)
     w.push_back(fmt("the header's pixel size %.3f A differs from --apixM %.3f A by more than 5%%", m.header_apix, s.apix));
-  if (!m.picks_found) {
-    w.push_back("no picks file");
-    return;
-  }
+  if (!m.picks_found) w.push_back("no picks file");
+}
+
+void add_kept_warnings(Micrograph& m, const Settings& s) {
+  auto& w = m.warnings;
   std::vector<const Pick*> kept;
   for (size_t i = 0; i < m.picks.size(); i++)
     if (kept_in(m, i)) kept.push_back(&m.picks[i]);

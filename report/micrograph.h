@@ -117,8 +117,13 @@ long count_kept(const Micrograph& m);
 // and so are not counted in decoys_above.
 bool decoys_left_out(const Micrograph& m);
 
-// The warnings a user needs about this micrograph and its picks.
+// The warnings a user needs about this micrograph and its picks: those
+// about its file (add_file_warnings: header, pixels, no picks file), then,
+// when its picks were found, those about the picks its cut-off keeps
+// (add_kept_warnings), which change with the cut-off.
 void add_warnings(Micrograph& m, const Settings& s);
+void add_file_warnings(Micrograph& m, const Settings& s);
+void add_kept_warnings(Micrograph& m, const Settings& s);
 
 // Warnings about the run, added to each micrograph they concern: templates
 // of the wrong contrast show as decoys that outscore the picks over all
