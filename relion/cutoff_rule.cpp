@@ -1,7 +1,11 @@
 #include "relion/cutoff_rule.h"
 
+#include <algorithm>
+#include <cmath>
+
 #include "report/cutoff.h"
 #include "report/edges.h"
+#include "report/micrograph.h"
 
 double auto_cutoff(const PickResult& r, double diameter, double apix, const std::vector<float>& pixels, int nx,
                    int ny, std::vector<Pick>& picks, long& edge_dropped) {
@@ -20,6 +24,54 @@ double auto_cutoff(const PickResult& r, double diameter, double apix, const std:
   }
   picks.swap(left);
   return d.value;
+}
+
+void pool_record(MicRecord& rec, const PickResult& r, double diameter, const std::vector<float>& pixels, int nx,
+                 int ny) {
+  rec.pooled = true;
+  rec.picks = r.picks;
+  rec.decoys = r.decoys;
+  rec.usable_pixels = r.usable_pixels;
+  rec.decoy_on_edge.clear();
+  rec.on_edge = pixels.empty() ? std::vector<char>()
+                               : edge_picks(pixels, nx, ny, diameter / 2 / rec.apix, rec.picks, rec.decoys,
+                                            &rec.decoy_on_edge);
+  std::vector<MicRecord> alone{rec};
+  run_cutoffs(alone, diameter);
+  rec.cutoff = alone[0].cutoff;
+  rec.drop_edges = alone[0].drop_edges;
+}
+
+void run_cutoffs(std::vector<MicRecord>& records, double diameter) {
+  std::vector<size_t> order;
+  for (size_t k = 0; k < records.size(); k++)
+    if (records[k].pooled) order.push_back(k);
+  if (order.empty()) return;
+  // Pooled in name order: sums and ties do not follow the order of arrival.
+  std::sort(order.begin(), order.end(), [&](size_t a, size_t b) { return records[a].mic < records[b].mic; });
+  // One pixel size for the run; each usable area in its pixels, so that
+  // micrographs of other optics groups hold as many particle discs.
+  const double apix = records[order[0]].apix;
+  const Settings s = report_settings(apix, diameter, true);
+  std::vector<Micrograph> mics(order.size());
+  for (size_t i = 0; i < order.size(); i++) {
+    const MicRecord& r = records[order[i]];
+    Micrograph& m = mics[i];
+    m.name = r.mic;
+    m.picks_found = m.decoys_found = true;
+    m.picks = r.picks;
+    m.decoys = r.decoys;
+    m.on_edge = r.on_edge;
+    m.decoy_on_edge = r.decoy_on_edge;
+    m.usable_pixels = r.usable_pixels * (r.apix / apix) * (r.apix / apix);
+  }
+  const SparseCut sparse = run_sparse_cut(mics, s);
+  const RunCut run = run_cut(mics, s);
+  for (size_t i = 0; i < order.size(); i++) {
+    decide_cutoff(mics[i], s, 0, NAN, sparse, run);
+    records[order[i]].cutoff = mics[i].cutoff;
+    records[order[i]].drop_edges = mics[i].drop_edges;
+  }
 }
 
 double job_cutoff(const std::vector<double>& all) { return pooled_cutoff(all).value; }

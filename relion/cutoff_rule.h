@@ -1,14 +1,17 @@
-// The automatic cut-off of a job that picks while micrographs arrive: each
-// micrograph is cut when it is picked, from its own picks and decoys. The
-// run's sparse cut that gvexreport lends to sparse micrographs (taken
-// without evidence of their own, weighed in with it) is not used: borrowed
-// from the micrographs picked before, it would make a micrograph's picks
-// depend on the order of arrival. One place, so that a better rule can take
-// its place.
+// The automatic cut-offs of a job that picks while micrographs arrive.
+// auto: each micrograph is cut when it is picked, from its own picks and
+// decoys; the run's cuts that gvexreport lends (the run's sparse cut, the
+// whole run's cut weighed in) are not used, since borrowed from the
+// micrographs picked before they would make a micrograph's picks depend on
+// the order of arrival. run: every micrograph is cut again, as often as the
+// job writes its node files, with all the job's micrographs as one run,
+// exactly as gvexreport --pick cuts them; its files change as the job grows,
+// and depend only on which micrographs it holds.
 #pragma once
 #include <vector>
 
 #include "picker/session.h"
+#include "relion/record.h"
 
 // The cut-off of one picked micrograph (its result holds every grid maximum
 // and the decoys of the same scan) for particles of diameter A at apix A.
@@ -17,6 +20,17 @@
 // (a copy of the result's), and edge_dropped says how many.
 double auto_cutoff(const PickResult& r, double diameter, double apix, const std::vector<float>& pixels, int nx,
                    int ny, std::vector<Pick>& picks, long& edge_dropped);
+
+// Fills rec for a cut over the whole job: every pick and decoy of the
+// result, their flags on strong edges (none without pixels), the usable
+// area; then its own cut, as if it were the job's only micrograph.
+void pool_record(MicRecord& rec, const PickResult& r, double diameter, const std::vector<float>& pixels, int nx,
+                 int ny);
+
+// Each pooled record's cut-off and edge step from all the pooled records
+// as one run of particles of diameter A (records not pooled keep theirs);
+// the same cuts whatever the records' order.
+void run_cutoffs(std::vector<MicRecord>& records, double diameter);
 
 // The one line the job's page draws over every score of the job.
 double job_cutoff(const std::vector<double>& all);

@@ -162,6 +162,8 @@ class Job {
   void push(Picked p);
   void writer_loop();
   void write_one(Picked& p);
+  bool write_coords(const MicRecord& r, long taken_out, const std::string& how, std::string& why);
+  bool cut_over_the_job(std::string& why);
   bool write_job_files(bool page, std::string& why);
 
   const JobOptions& o_;
@@ -189,6 +191,10 @@ class Job {
   std::vector<MicRecord> records_;
   double nodes_at_ = 0, page_at_ = 0;
   bool dirty_ = false;  // records not yet in the node files and report
+  // --cutoff run: the cut and edge step each coordinate file was last
+  // written with (none yet in this run: written again at the first cut).
+  std::map<std::string, std::pair<double, bool>> cut_written_;
+  double cut_at_ = -1e300, cut_took_ = 0;  // the last cut over the job: when, and how long it took
   std::thread writer_;
   std::mutex q_lock_;
   std::condition_variable q_cv_;
@@ -502,7 +508,10 @@ void Job::write_one(Picked& p) {
   m.name = r.mic;
   const bool pixels = read_for_report(m, why);
   long edge_dropped = 0;
-  if (o_.cutoff_auto) {
+  if (o_.cutoff_run) {
+    // Cut alone for now; the job's next cut over all its micrographs weighs it in.
+    pool_record(r, p.result, p.settings.opt.diameter, m.pixels, m.nx, m.ny);
+  } else if (o_.cutoff_auto) {
     r.cutoff = auto_cutoff(p.result, p.settings.opt.diameter, p.settings.opt.apixM, m.pixels, m.nx, m.ny, r.picks,
                            edge_dropped);
   } else {
@@ -514,19 +523,14 @@ void Job::write_one(Picked& p) {
     m.rejected = r.rejected;
     m.cutoff = r.cutoff;
     const bool apix_given = o_.apix > 0 || p.mic.apix > 0;
-    if (!report_micrograph(m, p.settings, apix_given, o_.out + r.picture))
+    if (!report_micrograph(m, p.settings, apix_given, o_.out + r.picture, !o_.cutoff_run))
       throw std::runtime_error("cannot write " + o_.out + r.picture);
   } else {
     m.warnings.push_back("no picture: " + one_line(why));
   }
   r.warnings = m.warnings;
-  const std::vector<Pick> kept = kept_picks(r);
-  const std::string comment = "gvexmatch_relion: cut-off " + fmt("%.6f", r.cutoff) +
-                              (o_.cutoff_auto ? " (automatic)" : " (given)") + ", " + std::to_string(kept.size()) +
-                              " of " + std::to_string(r.picks.size() + edge_dropped) + " picks kept" +
-                              (edge_dropped > 0 ? ", " + std::to_string(edge_dropped) + " on strong edges left out" : "") +
-                              (o_.extract_box > 0 ? ", boxes of " + std::to_string(o_.extract_box) + " px inside" : "");
-  if (!write_coordinates(r.coords, kept, comment)) throw std::runtime_error("cannot write " + r.coords);
+  const char* how = o_.cutoff_run ? "automatic, this micrograph alone" : o_.cutoff_auto ? "automatic" : "given";
+  if (!write_coords(r, edge_dropped, how, why)) throw std::runtime_error(why);
   gvex_test_stop_point("relion_coordinates");
   std::string record_path = job_file_for(o_.out + "records/", r.mic, "_record.star", why);
   if (!make_parent_dirs(record_path) || !record_write(record_path, r))
@@ -534,13 +538,53 @@ void Job::write_one(Picked& p) {
   gvex_test_stop_point("relion_record");
   records_.push_back(r);
   remove_tree(p.work);
-  say("%s: %zu of %zu picks kept at cut-off %.4f, %.1f s%s\n", r.mic.c_str(), kept.size(), r.picks.size(), r.cutoff,
-      p.seconds, r.warnings.empty() ? "" : (" (warning: " + r.warnings[0] + ")").c_str());
+  say("%s: %zu of %zu picks kept at cut-off %.4f, %.1f s%s\n", r.mic.c_str(), kept_picks(r).size(), r.picks.size(),
+      r.cutoff, p.seconds, r.warnings.empty() ? "" : (" (warning: " + r.warnings[0] + ")").c_str());
   dirty_ = true;
   if (gvex_wall_seconds() - nodes_at_ >= kNodesEvery && !write_job_files(false, why)) throw std::runtime_error(why);
 }
 
+// The coordinate file of r, its cut-off (chosen how) in a comment line
+// above the table. taken_out: picks on strong edges taken out of r.picks
+// (--cutoff auto); a record cut over the job still holds them, flagged.
+bool Job::write_coords(const MicRecord& r, long taken_out, const std::string& how, std::string& why) {
+  const std::vector<Pick> kept = kept_picks(r);
+  long left_out = taken_out;
+  for (size_t i = 0; r.drop_edges && i < r.picks.size() && i < r.on_edge.size(); i++)
+    left_out += r.on_edge[i] && r.picks[i].score >= r.cutoff;
+  const std::string comment =
+      "gvexmatch_relion: cut-off " + fmt("%.6f", r.cutoff) + " (" + how + "), " + std::to_string(kept.size()) + " of " +
+      std::to_string(r.picks.size() + taken_out) + " picks kept" +
+      (left_out > 0 ? ", " + std::to_string(left_out) + " on strong edges left out" : "") +
+      (o_.extract_box > 0 ? ", boxes of " + std::to_string(o_.extract_box) + " px inside" : "");
+  if (!write_coordinates(r.coords, kept, comment)) return why = "cannot write " + r.coords, false;
+  return true;
+}
+
+// --cutoff run: every micrograph cut again with all the job's as one run;
+// the coordinate files whose cut changed are written again.
+bool Job::cut_over_the_job(std::string& why) {
+  const double t0 = gvex_wall_seconds();
+  run_cutoffs(records_, o_.diameter);
+  cut_at_ = gvex_wall_seconds();
+  cut_took_ = cut_at_ - t0;
+  for (const MicRecord& r : records_) {
+    if (!r.pooled) continue;
+    const std::pair<double, bool> cut{r.cutoff, r.drop_edges};
+    auto it = cut_written_.find(r.mic);
+    if (it != cut_written_.end() && it->second == cut) continue;
+    cut_written_[r.mic] = cut;
+    if (!write_coords(r, 0, "automatic, over the job", why)) return false;
+  }
+  return true;
+}
+
 bool Job::write_job_files(bool page, std::string& why) {
+  // A cut over thousands of micrographs takes seconds: while picking, it
+  // takes at most a twentieth of the writer's time.
+  if (o_.cutoff_run && gvex_wall_seconds() - cut_at_ >= std::max(kNodesEvery, 20 * cut_took_) &&
+      !cut_over_the_job(why))
+    return false;
   const double now = gvex_wall_seconds();
   page = page || now - page_at_ >= kPageEvery;
   std::vector<std::pair<std::string, std::string>> coords;
@@ -651,6 +695,7 @@ int Job::run(std::string& why) {
   remove_tree(work_dir_);
   if (!write_error_.empty()) return why = write_error_, kFailure;
   if (fatal) return kFailure;
+  if (o_.cutoff_run && !cut_over_the_job(why)) return kFailure;
   if (!write_job_files(true, why)) return kFailure;
   say("%d micrographs picked in this run (%zu in the job), %d skipped%s; %.1f s\n", picked_, records_.size(), skipped_,
       waiting_ && !o_.follow ? (", " + std::to_string(waiting_) + " still being written, left for the next run").c_str()

@@ -15,6 +15,7 @@ struct JobOptions {
   double angle_step = 5;
   int speed = 2;
   bool cutoff_auto = true;
+  bool cutoff_run = false;          // automatic, and weighed with the whole job's
   double cutoff = 0;                // when not automatic
   int gpu = -1;                     // -1: the best GPU that answers
   int extract_box = 0;              // 0: keep picks near the edge

@@ -35,14 +35,43 @@ bool read_for_report(Micrograph& m, std::string& why) {
   return true;
 }
 
-bool report_micrograph(Micrograph& m, const PickSettings& pick, bool apix_given, const std::string& picture_path) {
+bool report_micrograph(Micrograph& m, const PickSettings& pick, bool apix_given, const std::string& picture_path,
+                       bool kept_warnings) {
   Settings s;
   s.apix = pick.opt.apixM;
   s.diameter = pick.opt.diameter;
   s.apix_given = apix_given;
   s.pick = pick;
-  add_warnings(m, s);
+  if (kept_warnings) add_warnings(m, s);
+  else add_file_warnings(m, s);
   return make_parent_dirs(picture_path) && write_picture(m, s, picture_path);
+}
+
+namespace {
+
+// The report's view of a recorded micrograph, its picks cut as recorded.
+Micrograph as_micrograph(const MicRecord& r) {
+  Micrograph m;
+  m.name = r.mic;
+  m.nx = r.nx, m.ny = r.ny;
+  m.picks_found = true;
+  m.picks = r.picks;
+  m.rejected = r.rejected;
+  m.masked = r.masked;
+  m.cutoff = r.cutoff;
+  m.on_edge = r.on_edge;
+  m.drop_edges = r.drop_edges;
+  m.warnings = r.warnings;
+  return m;
+}
+
+}  // namespace
+
+std::vector<std::string> warnings_of(const MicRecord& r, double diameter) {
+  if (!r.pooled) return r.warnings;
+  Micrograph m = as_micrograph(r);
+  add_kept_warnings(m, report_settings(r.apix, diameter, false));
+  return m.warnings;
 }
 
 namespace {
@@ -53,7 +82,7 @@ std::string fmt(const char* f, double v) {
   return b;
 }
 
-bool write_summary(const std::string& path, const std::vector<MicRecord>& records) {
+bool write_summary(const std::string& path, const std::vector<MicRecord>& records, double diameter) {
   StarTable t;
   t.name = "micrographs";
   t.labels = {"rlnMicrographName", "rlnMicrographCoordinates", "rlnMicrographPixelSize", "gvexPickCount", "gvexKeptCount",
@@ -63,7 +92,7 @@ bool write_summary(const std::string& path, const std::vector<MicRecord>& record
     for (const Pick& p : r.picks) s.push_back(p.score);
     std::sort(s.begin(), s.end());
     std::string warn;
-    for (const std::string& w : r.warnings) warn += (warn.empty() ? "" : "; ") + w;
+    for (const std::string& w : warnings_of(r, diameter)) warn += (warn.empty() ? "" : "; ") + w;
     t.rows.push_back({r.mic, r.coords, fmt("%.6f", r.apix), std::to_string(r.picks.size()), std::to_string(kept_picks(r).size()),
                       fmt("%.6f", r.cutoff), fmt("%.6f", s.empty() ? 0.0 : s[s.size() / 2]), fmt("%.4f", r.masked),
                       warn.empty() ? "none" : warn});
@@ -82,14 +111,8 @@ bool write_job_report(const std::string& job, const std::vector<MicRecord>& reco
   for (size_t k = 0; k < records.size(); k++) {
     const MicRecord& r = records[k];
     Micrograph& m = mics[k];
-    m.name = r.mic;
-    m.nx = r.nx, m.ny = r.ny;
-    m.picks_found = true;
-    m.picks = r.picks;
-    m.rejected = r.rejected;
-    m.masked = r.masked;
-    m.cutoff = r.cutoff;
-    m.warnings = r.warnings;
+    m = as_micrograph(r);
+    m.warnings = warnings_of(r, diameter);
     pictures.push_back(r.picture);
     for (const Pick& p : r.picks) all.push_back(p.score);
   }
@@ -100,6 +123,6 @@ bool write_job_report(const std::string& job, const std::vector<MicRecord>& reco
   s.diameter = diameter;
   if (!write_page(mics, pictures, s, job_cutoff(all), job + "index.html"))
     return why = "cannot write " + job + "index.html", false;
-  if (!write_summary(job + "summary.star", records)) return why = "cannot write " + job + "summary.star", false;
+  if (!write_summary(job + "summary.star", records, diameter)) return why = "cannot write " + job + "summary.star", false;
   return true;
 }

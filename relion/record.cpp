@@ -34,15 +34,46 @@ bool number(const std::string& s, double& v) {
   return !s.empty() && !*end;
 }
 
+// The blocks a record of a job cut over the whole job adds: the area, the
+// edge step, a flag per pick and the decoys with theirs.
+bool pooled_read(const std::vector<StarTable>& blocks, MicRecord& r) {
+  const StarTable &run = blocks[4], &edges = blocks[5], &decoys = blocks[6];
+  double v[2];
+  if (run.rows.size() != 1 || run.rows[0].size() != 2 || !number(run.rows[0][0], v[0]) ||
+      !number(run.rows[0][1], v[1]) || edges.rows.size() != r.picks.size())
+    return false;
+  r.pooled = true;
+  r.usable_pixels = v[0];
+  r.drop_edges = v[1] != 0;
+  for (const auto& row : edges.rows) {
+    if (row.size() != 1 || (row[0] != "0" && row[0] != "1")) return false;
+    r.on_edge.push_back(row[0] == "1");
+  }
+  for (const auto& row : decoys.rows) {
+    double n[3];
+    if (row.size() != 4 || (row[3] != "0" && row[3] != "1")) return false;
+    for (int i = 0; i < 3; i++)
+      if (!number(row[i], n[i])) return false;
+    Pick p;
+    p.x = n[0], p.y = n[1], p.score = (float)n[2];
+    r.decoys.push_back(p);
+    r.decoy_on_edge.push_back(row[3] == "1");
+  }
+  return true;
+}
+
 }  // namespace
 
 std::vector<Pick> kept_picks(const MicRecord& r) {
   std::vector<Pick> kept;
   const double half = r.edge_box / 2.0;
-  for (const Pick& p : r.picks)
+  for (size_t i = 0; i < r.picks.size(); i++) {
+    const Pick& p = r.picks[i];
+    if (r.drop_edges && i < r.on_edge.size() && r.on_edge[i]) continue;
     if (p.score >= r.cutoff &&
         (r.edge_box <= 0 || (p.x - half >= 0 && p.y - half >= 0 && p.x + half <= r.nx && p.y + half <= r.ny)))
       kept.push_back(p);
+  }
   return kept;
 }
 
@@ -66,15 +97,38 @@ bool record_write(const std::string& path, const MicRecord& r) {
   for (const Cell& c : r.rejected)
     cells.rows.push_back({std::to_string(c.x), std::to_string(c.y), std::to_string(c.w), std::to_string(c.h)});
   PartFile f(path.c_str(), "w");
-  return f.fp() && fputs("# gvexmatch_relion: one picked micrograph\n", f.fp()) >= 0 && star_write(f.fp(), head) &&
-         star_write(f.fp(), warn) && star_write(f.fp(), picks) && star_write(f.fp(), cells) && f.commit();
+  if (!f.fp() || fputs("# gvexmatch_relion: one picked micrograph\n", f.fp()) < 0 || !star_write(f.fp(), head) ||
+      !star_write(f.fp(), warn) || !star_write(f.fp(), picks) || !star_write(f.fp(), cells))
+    return false;
+  if (r.pooled) {
+    StarTable run, edges, decoys;
+    run.name = "pooled";
+    run.loop = false;
+    run.labels = {"gvexUsablePixels", "gvexDropEdges"};
+    run.rows = {{g17(r.usable_pixels), r.drop_edges ? "1" : "0"}};
+    edges.name = "pick_edges";
+    edges.labels = {"gvexOnEdge"};
+    for (size_t i = 0; i < r.picks.size(); i++)
+      edges.rows.push_back({i < r.on_edge.size() && r.on_edge[i] ? "1" : "0"});
+    decoys.name = "decoys";
+    decoys.labels = {"rlnCoordinateX", "rlnCoordinateY", "rlnAutopickFigureOfMerit", "gvexOnEdge"};
+    for (size_t i = 0; i < r.decoys.size(); i++) {
+      const Pick& p = r.decoys[i];
+      decoys.rows.push_back({g17(p.x), g17(p.y), g9(p.score),
+                             i < r.decoy_on_edge.size() && r.decoy_on_edge[i] ? "1" : "0"});
+    }
+    if (!star_write(f.fp(), run) || !star_write(f.fp(), edges) || !star_write(f.fp(), decoys)) return false;
+  }
+  return f.commit();
 }
 
 bool record_read(const std::string& path, MicRecord& r, std::string& why) {
   std::vector<StarTable> blocks;
   if (!star_read_file(path, blocks, why)) return false;
   why = path + " is not a complete record";
-  if (blocks.size() != 4 || blocks[0].rows.size() != 1 || blocks[0].labels.size() != std::size(kPairs)) return false;
+  if ((blocks.size() != 4 && blocks.size() != 7) || blocks[0].rows.size() != 1 ||
+      blocks[0].labels.size() != std::size(kPairs))
+    return false;
   const std::vector<std::string>& h = blocks[0].rows[0];
   double v[8];
   for (int i = 1; i < 8; i++)
@@ -101,6 +155,7 @@ bool record_read(const std::string& path, MicRecord& r, std::string& why) {
       if (!number(row[i], n[i])) return false;
     r.rejected.push_back(Cell{(long)n[0], (long)n[1], (long)n[2], (long)n[3]});
   }
+  if (blocks.size() == 7 && !pooled_read(blocks, r)) return false;
   why.clear();
   return true;
 }

@@ -22,9 +22,20 @@ struct MicRecord {
   std::vector<Pick> picks;  // every grid maximum kept by the merge
   std::vector<Cell> rejected;
   std::vector<std::string> warnings;
+  // For a cut over the whole job (--cutoff run), what it reads again: the
+  // decoys of the same scan, a flag per pick and per decoy on a strong
+  // edge, and the area the mask left in. picks then holds the picks on
+  // edges too, and drop_edges says whether the cut leaves them out.
+  bool pooled = false;
+  bool drop_edges = false;
+  std::vector<char> on_edge;
+  std::vector<Pick> decoys;
+  std::vector<char> decoy_on_edge;
+  double usable_pixels = 0;
 };
 
-// The picks kept at the record's cut-off and edge box.
+// The picks kept at the record's cut-off and edge box, less those on strong
+// edges where the cut leaves them out.
 std::vector<Pick> kept_picks(const MicRecord& r);
 
 bool record_write(const std::string& path, const MicRecord& r);

@@ -396,6 +396,59 @@ TEST(RelionJob, ContinuedAndKilledRunsEndWithTheSameFiles) {
   }
 }
 
+// --cutoff run cuts each micrograph as gvexreport --pick cuts the same
+// micrographs as one run (here a few particles each, too few to prove alone),
+// and the files depend on which micrographs the job holds, not on how it
+// came to hold them: continued, killed, or in one go.
+TEST(RelionJob, CutOverTheJobIsGvexreportsHoweverTheJobRan) {
+  TempDir dir;
+  const std::string names[] = {"m1.mrc", "m2.mrc", "m3.mrc"};
+  for (int i = 0; i < 3; i++) ASSERT_TRUE(make_mic(dir.path(), names[i], 1024, 1024, 40 + i, {"--density", "0.05"}));
+  auto project = [&](const std::string& name, int mics) {
+    const std::string p = dir.file(name);
+    mkdir(p.c_str(), 0777);
+    std::string list;
+    for (int i = 0; i < 3; i++) {
+      symlink(dir.file(names[i]).c_str(), (p + "/" + names[i]).c_str());
+      if (i < mics) list += names[i] + "\n";
+    }
+    write_text_file(p + "/list.txt", list);
+    return p;
+  };
+  std::vector<std::string> args = job_args("J/", "list.txt");
+  args.insert(args.end(), {"--cutoff", "run"});
+  const std::string whole = project("whole", 3);
+  ASSERT_EQ(relion_in(whole, args).status, 0);
+  const auto want = files_of(whole + "/J/");
+  const std::string report = project("report", 3);
+  const std::string pick = " --out rep --pick --apply --apixM 1.34 --diameter 120 m1.mrc m2.mrc m3.mrc";
+  RunResult r = run_shell(gvex_report_bin() + pick, RunOptions{report, 180});
+  ASSERT_EQ(r.status, 0) << r.out << r.err;
+  for (const std::string& m : names) {
+    const std::string stem = m.substr(0, m.size() - 4), job = read_text_file(whole + "/J/" + stem + "_autopick.star");
+    const std::string ours = read_text_file(report + "/" + stem + "_vexmatch_auto.star");
+    ASSERT_TRUE(contains(job, "(automatic, over the job)")) << job;
+    const double job_cut = std::stod(job.substr(job.find("cut-off ") + 8));
+    EXPECT_NEAR(job_cut, std::stod(ours.substr(ours.find("cut-off ") + 8)), 1e-6) << m;
+    const auto kept = coords_of(whole + "/J/" + stem + "_autopick.star");
+    EXPECT_EQ(kept, coords_of(report + "/" + stem + "_vexmatch_auto.star")) << m;
+    EXPECT_FALSE(kept.empty()) << m;  // each alone proves nothing; together they do
+  }
+  // Warnings about the kept picks follow the cut over the job, not the first one.
+  EXPECT_FALSE(contains(read_text_file(whole + "/J/summary.star"), "no picks"));
+  const std::string cont = project("continued", 2);
+  ASSERT_EQ(relion_in(cont, args).status, 0);
+  project("continued", 3);
+  ASSERT_EQ(relion_in(cont, args).status, 0);
+  EXPECT_EQ(files_of(cont + "/J/"), want);
+  const std::string killed = project("killed", 3);
+  std::string cmd = "GVEX_TEST_STOP_AT=relion_record:2 exec " + gvex_relion_bin();
+  for (const std::string& w : args) cmd += " '" + w + "'";
+  EXPECT_EQ(run_shell(cmd, RunOptions{killed, 180}).signal, SIGKILL);
+  ASSERT_EQ(relion_in(killed, args).status, 0);
+  EXPECT_EQ(files_of(killed + "/J/"), want);
+}
+
 // A micrograph that cannot be read is named and skipped, the rest are
 // picked; with nothing picked at all the job fails.
 TEST(RelionJob, UnreadableMicrographsAreSkipped) {
