@@ -3,6 +3,7 @@
 #include <ftw.h>
 
 #include <algorithm>
+#include <cmath>
 #include <cstdlib>
 #include <cstring>
 
@@ -40,7 +41,7 @@ bool pooled_read(const std::vector<StarTable>& blocks, MicRecord& r) {
   const StarTable &run = blocks[4], &edges = blocks[5], &decoys = blocks[6];
   double v[2];
   if (run.rows.size() != 1 || run.rows[0].size() != 2 || !number(run.rows[0][0], v[0]) ||
-      !number(run.rows[0][1], v[1]) || edges.rows.size() != r.picks.size())
+      !number(run.rows[0][1], v[1]) || !std::isfinite(v[0]) || v[0] < 0 || edges.rows.size() != r.picks.size())
     return false;
   r.pooled = true;
   r.usable_pixels = v[0];
@@ -53,7 +54,7 @@ bool pooled_read(const std::vector<StarTable>& blocks, MicRecord& r) {
     double n[3];
     if (row.size() != 4 || (row[3] != "0" && row[3] != "1")) return false;
     for (int i = 0; i < 3; i++)
-      if (!number(row[i], n[i])) return false;
+      if (!number(row[i], n[i]) || !std::isfinite(n[i])) return false;
     Pick p;
     p.x = n[0], p.y = n[1], p.score = (float)n[2];
     r.decoys.push_back(p);

@@ -441,6 +441,14 @@ TEST(RelionJob, CutOverTheJobIsGvexreportsHoweverTheJobRan) {
   project("continued", 3);
   ASSERT_EQ(relion_in(cont, args).status, 0);
   EXPECT_EQ(files_of(cont + "/J/"), want);
+  // A record whose decoys are damaged is refused, and its micrograph picked
+  // again (last now, so only the coordinate files stay the same).
+  const std::string record = cont + "/J/records/m1_record.star", text = read_text_file(record);
+  write_text_file(record, text.substr(0, text.rfind(" 0\n")) + " 2\n");
+  r = relion_in(cont, args);
+  EXPECT_TRUE(contains(r.out, "is not a complete record; that micrograph is picked again")) << r.out;
+  for (const char* f : {"m1_autopick.star", "m2_autopick.star", "m3_autopick.star"})
+    EXPECT_EQ(read_text_file(cont + "/J/" + f), want.at(f)) << f;
   const std::string killed = project("killed", 3);
   std::string cmd = "GVEX_TEST_STOP_AT=relion_record:2 exec " + gvex_relion_bin();
   for (const std::string& w : args) cmd += " '" + w + "'";
