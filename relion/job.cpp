@@ -163,7 +163,7 @@ class Job {
   void writer_loop();
   void write_one(Picked& p);
   bool write_coords(const MicRecord& r, long taken_out, const std::string& how, std::string& why);
-  bool cut_over_the_job(std::string& why);
+  bool cut_over_the_job(std::string& why, bool last = false);
   bool write_job_files(bool page, std::string& why);
 
   const JobOptions& o_;
@@ -538,8 +538,8 @@ void Job::write_one(Picked& p) {
   gvex_test_stop_point("relion_record");
   records_.push_back(r);
   remove_tree(p.work);
-  say("%s: %zu of %zu picks kept at cut-off %.4f, %.1f s%s\n", r.mic.c_str(), kept_picks(r).size(), r.picks.size(),
-      r.cutoff, p.seconds, r.warnings.empty() ? "" : (" (warning: " + r.warnings[0] + ")").c_str());
+  say("%s: %zu of %zu picks kept at cut-off %.4f%s, %.1f s%s\n", r.mic.c_str(), kept_picks(r).size(), r.picks.size(),
+      r.cutoff, o_.cutoff_run ? " (this micrograph alone)" : "", p.seconds, r.warnings.empty() ? "" : (" (warning: " + r.warnings[0] + ")").c_str());
   dirty_ = true;
   if (gvex_wall_seconds() - nodes_at_ >= kNodesEvery && !write_job_files(false, why)) throw std::runtime_error(why);
 }
@@ -562,8 +562,9 @@ bool Job::write_coords(const MicRecord& r, long taken_out, const std::string& ho
 }
 
 // --cutoff run: every micrograph cut again with all the job's as one run;
-// the coordinate files whose cut changed are written again.
-bool Job::cut_over_the_job(std::string& why) {
+// the coordinate files whose cut changed are written again. The last one
+// says what it kept.
+bool Job::cut_over_the_job(std::string& why, bool last) {
   const double t0 = gvex_wall_seconds();
   run_cutoffs(records_, o_.diameter);
   cut_at_ = gvex_wall_seconds();
@@ -575,6 +576,11 @@ bool Job::cut_over_the_job(std::string& why) {
     if (it != cut_written_.end() && it->second == cut) continue;
     cut_written_[r.mic] = cut;
     if (!write_coords(r, 0, "automatic, over the job", why)) return false;
+  }
+  if (last) {
+    size_t kept = 0, mics = 0;
+    for (const MicRecord& r : records_) kept += r.pooled ? kept_picks(r).size() : 0, mics += r.pooled;
+    say("cut over the job's %zu micrographs: %zu picks kept\n", mics, kept);
   }
   return true;
 }
@@ -695,7 +701,7 @@ int Job::run(std::string& why) {
   remove_tree(work_dir_);
   if (!write_error_.empty()) return why = write_error_, kFailure;
   if (fatal) return kFailure;
-  if (o_.cutoff_run && !cut_over_the_job(why)) return kFailure;
+  if (o_.cutoff_run && !cut_over_the_job(why, true)) return kFailure;
   if (!write_job_files(true, why)) return kFailure;
   say("%d micrographs picked in this run (%zu in the job), %d skipped%s; %.1f s\n", picked_, records_.size(), skipped_,
       waiting_ && !o_.follow ? (", " + std::to_string(waiting_) + " still being written, left for the next run").c_str()

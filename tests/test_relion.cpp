@@ -418,11 +418,13 @@ TEST(RelionJob, CutOverTheJobIsGvexreportsHoweverTheJobRan) {
   std::vector<std::string> args = job_args("J/", "list.txt");
   args.insert(args.end(), {"--cutoff", "run"});
   const std::string whole = project("whole", 3);
-  ASSERT_EQ(relion_in(whole, args).status, 0);
+  RunResult r = relion_in(whole, args);
+  ASSERT_EQ(r.status, 0);
+  EXPECT_TRUE(contains(r.out, "cut over the job's 3 micrographs: ")) << r.out;
   const auto want = files_of(whole + "/J/");
   const std::string report = project("report", 3);
   const std::string pick = " --out rep --pick --apply --apixM 1.34 --diameter 120 m1.mrc m2.mrc m3.mrc";
-  RunResult r = run_shell(gvex_report_bin() + pick, RunOptions{report, 180});
+  r = run_shell(gvex_report_bin() + pick, RunOptions{report, 180});
   ASSERT_EQ(r.status, 0) << r.out << r.err;
   for (const std::string& m : names) {
     const std::string stem = m.substr(0, m.size() - 4), job = read_text_file(whole + "/J/" + stem + "_autopick.star");
