@@ -53,17 +53,24 @@ void run_cutoffs(std::vector<MicRecord>& records, double diameter) {
   // micrographs of other optics groups hold as many particle discs.
   const double apix = records[order[0]].apix;
   const Settings s = report_settings(apix, diameter, true);
+  // The picks and decoys are lent to the report's records, not copied: a
+  // job of thousands of micrographs holds millions.
   std::vector<Micrograph> mics(order.size());
+  auto lend = [&](size_t i) {
+    MicRecord& r = records[order[i]];
+    Micrograph& m = mics[i];
+    m.picks.swap(r.picks);
+    m.decoys.swap(r.decoys);
+    m.on_edge.swap(r.on_edge);
+    m.decoy_on_edge.swap(r.decoy_on_edge);
+  };
   for (size_t i = 0; i < order.size(); i++) {
     const MicRecord& r = records[order[i]];
     Micrograph& m = mics[i];
     m.name = r.mic;
     m.picks_found = m.decoys_found = true;
-    m.picks = r.picks;
-    m.decoys = r.decoys;
-    m.on_edge = r.on_edge;
-    m.decoy_on_edge = r.decoy_on_edge;
     m.usable_pixels = r.usable_pixels * (r.apix / apix) * (r.apix / apix);
+    lend(i);
   }
   const SparseCut sparse = run_sparse_cut(mics, s);
   const RunCut run = run_cut(mics, s);
@@ -71,6 +78,7 @@ void run_cutoffs(std::vector<MicRecord>& records, double diameter) {
     decide_cutoff(mics[i], s, 0, NAN, sparse, run);
     records[order[i]].cutoff = mics[i].cutoff;
     records[order[i]].drop_edges = mics[i].drop_edges;
+    lend(i);  // and given back
   }
 }
 
