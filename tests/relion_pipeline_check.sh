@@ -29,10 +29,10 @@ mkdir -p "$WORK/Micrographs"
 cd "$WORK"
 
 mic() {
-  "$MAKEMIC" make Micrographs/m$1.mrc --nx 1024 --ny 1024 --apix 1.34 --diameter 120 --seed $1 >>makemic.log ||
+  "$MAKEMIC" make "Micrographs/m$1.mrc" --nx 1024 --ny 1024 --apix 1.34 --diameter 120 --seed "$1" >>makemic.log ||
     fail "gvex_makemic failed"
   # Written a while ago, as on a collection disk: settled.
-  touch -d '-1 min' Micrographs/m$1.mrc
+  touch -d '-1 min' "Micrographs/m$1.mrc"
 }
 for i in 1 2 3; do mic $i; done
 
@@ -57,9 +57,11 @@ pipeliner --addJob Extract --addJobOptions \
   "micrograph STAR file:  == Import/job001/micrographs.star;Input coordinates:  == External/job002/coords_suffix_autopick.star;Particle box size (pix): == 96"
 run_job Extract/job003/
 
-# "micrograph x y" of every kept pick, and of every particle RELION cut.
+# "micrograph x y" of every kept pick of the External job $PICK, and of
+# every particle the Extract job $CUT cut.
+PICK=External/job002 CUT=Extract/job003
 ours() {
-  for f in External/job002/Micrographs/m*_autopick.star; do
+  for f in "$PICK"/Micrographs/m*_autopick.star; do
     m=Micrographs/$(basename "$f" _autopick.star).mrc
     awk -v m="$m" '$1 ~ /^[0-9]/ && NF == 5 { printf "%s %d %d\n", m, $1, $2 }' "$f"
   done | sort
@@ -70,7 +72,7 @@ theirs() {
     block == "data_particles" && /^_rln/ { col[$1] = ++n; next }
     block == "data_particles" && NF >= n && n > 0 && $1 !~ /^(loop_|#)/ {
       printf "%s %d %d\n", $col["_rlnMicrographName"], $col["_rlnCoordinateX"] + 0.5, $col["_rlnCoordinateY"] + 0.5
-    }' Extract/job003/particles.star | sort
+    }' "$CUT/particles.star" | sort
 }
 check_extracted() {
   ours >ours.txt
@@ -91,4 +93,16 @@ grep -q "1 micrographs picked in this run (4 in the job)" External/job002/run.ou
   fail "the continued job did not pick just the new micrograph: $(tail -3 External/job002/run.out)"
 [ "$(cksum <External/job002/Micrographs/m1_autopick.star)" = "$before" ] || fail "a picked micrograph changed"
 run_job Extract/job003/
+check_extracted 4
+
+# A second External job cuts all four as one run (cutoff run): RELION passes
+# the label, and extracts what the cut over the job kept.
+pipeliner --addJob External --addJobOptions \
+  "External executable: == $PICKER;Input micrographs:  == Import/job001/micrographs.star;Param1 - label: == diameter;Param1 - value: == 120;Param2 - label: == cutoff;Param2 - value: == run;Number of threads: == 2"
+run_job External/job004/
+grep -q "cut over the job's 4 micrographs" External/job004/run.out || fail "no cut over the job: $(tail -3 External/job004/run.out)"
+pipeliner --addJob Extract --addJobOptions \
+  "micrograph STAR file:  == Import/job001/micrographs.star;Input coordinates:  == External/job004/coords_suffix_autopick.star;Particle box size (pix): == 96"
+run_job Extract/job005/
+PICK=External/job004 CUT=Extract/job005
 check_extracted 4
