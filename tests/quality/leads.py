@@ -38,6 +38,8 @@ paths start in. Needs python3-numpy. A set's micrographs are one run.
 - "alone": "edge" without the run's sparse cut.
 - "pool": every sparse micrograph takes the run's sparse cut, its own
   evidence or not.
+- "job": gvexmatch_relion's default (cutoff auto): each micrograph from
+  its own picks and decoys alone, neither run's cut.
 Prints the F1 of each (kept picks per micrograph on a set without
 particles) and how many sets meet the targets.
 """
@@ -153,7 +155,8 @@ RULES = {"edge": rule_edge,
          "decoy": lambda p: ([m for m, _, _ in p], ce.decoy_cuts([m for m, _, _ in p])),
          "own": lambda p: rule_edge(p, average=False),
          "alone": lambda p: rule_edge(p, run=False),
-         "pool": lambda p: rule_edge(p, own=False)}
+         "pool": lambda p: rule_edge(p, own=False),
+         "job": lambda p: rule_edge(p, run=False, whole=False)}
 
 
 def main(args):
