@@ -607,7 +607,7 @@ bool Job::write_job_files(bool page, std::string& why) {
   gvex_test_stop_point("relion_nodes");
   nodes_at_ = now;
   if (!page) return true;
-  if (!write_job_report(o_.out, records_, o_.diameter, why)) return false;
+  if (!write_job_report(o_.out, records_, o_.diameter, o_.speed, why)) return false;
   page_at_ = now;
   dirty_ = false;
   return true;

@@ -67,10 +67,15 @@ Micrograph as_micrograph(const MicRecord& r) {
 
 }  // namespace
 
-std::vector<std::string> warnings_of(const MicRecord& r, double diameter) {
+std::vector<std::string> warnings_of(const MicRecord& r, double diameter, int speed) {
   if (!r.pooled) return r.warnings;
   Micrograph m = as_micrograph(r);
-  add_kept_warnings(m, report_settings(r.apix, diameter, false));
+  // The grid the micrograph was picked on, for the warning of a pick in almost every cell.
+  Settings s = report_settings(r.apix, diameter, false);
+  PickOptions o = s.pick.opt;
+  o.speed = speed;
+  s.pick = derive(o);
+  add_kept_warnings(m, s);
   return m.warnings;
 }
 
@@ -82,7 +87,7 @@ std::string fmt(const char* f, double v) {
   return b;
 }
 
-bool write_summary(const std::string& path, const std::vector<MicRecord>& records, double diameter) {
+bool write_summary(const std::string& path, const std::vector<MicRecord>& records, double diameter, int speed) {
   StarTable t;
   t.name = "micrographs";
   t.labels = {"rlnMicrographName", "rlnMicrographCoordinates", "rlnMicrographPixelSize", "gvexPickCount", "gvexKeptCount",
@@ -92,7 +97,7 @@ bool write_summary(const std::string& path, const std::vector<MicRecord>& record
     for (const Pick& p : r.picks) s.push_back(p.score);
     std::sort(s.begin(), s.end());
     std::string warn;
-    for (const std::string& w : warnings_of(r, diameter)) warn += (warn.empty() ? "" : "; ") + w;
+    for (const std::string& w : warnings_of(r, diameter, speed)) warn += (warn.empty() ? "" : "; ") + w;
     t.rows.push_back({r.mic, r.coords, fmt("%.6f", r.apix), std::to_string(r.picks.size()), std::to_string(kept_picks(r).size()),
                       fmt("%.6f", r.cutoff), fmt("%.6f", s.empty() ? 0.0 : s[s.size() / 2]), fmt("%.4f", r.masked),
                       warn.empty() ? "none" : warn});
@@ -104,7 +109,8 @@ bool write_summary(const std::string& path, const std::vector<MicRecord>& record
 
 }  // namespace
 
-bool write_job_report(const std::string& job, const std::vector<MicRecord>& records, double diameter, std::string& why) {
+bool write_job_report(const std::string& job, const std::vector<MicRecord>& records, double diameter, int speed,
+                      std::string& why) {
   std::vector<Micrograph> mics(records.size());
   std::vector<std::string> pictures;
   std::vector<double> all;
@@ -112,7 +118,7 @@ bool write_job_report(const std::string& job, const std::vector<MicRecord>& reco
     const MicRecord& r = records[k];
     Micrograph& m = mics[k];
     m = as_micrograph(r);
-    m.warnings = warnings_of(r, diameter);
+    m.warnings = warnings_of(r, diameter, speed);
     pictures.push_back(r.picture);
     for (const Pick& p : r.picks) all.push_back(p.score);
   }
@@ -123,6 +129,6 @@ bool write_job_report(const std::string& job, const std::vector<MicRecord>& reco
   s.diameter = diameter;
   if (!write_page(mics, pictures, s, job_cutoff(all), job + "index.html"))
     return why = "cannot write " + job + "index.html", false;
-  if (!write_summary(job + "summary.star", records, diameter)) return why = "cannot write " + job + "summary.star", false;
+  if (!write_summary(job + "summary.star", records, diameter, speed)) return why = "cannot write " + job + "summary.star", false;
   return true;
 }

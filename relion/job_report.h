@@ -20,9 +20,10 @@ bool report_micrograph(Micrograph& m, const PickSettings& pick, bool apix_given,
                        bool kept_warnings = true);
 
 // A record's warnings; for one cut over the job, with those about the picks
-// its cut-off keeps now.
-std::vector<std::string> warnings_of(const MicRecord& r, double diameter);
+// its cut-off keeps now (picked at this speed).
+std::vector<std::string> warnings_of(const MicRecord& r, double diameter, int speed);
 
 // index.html and summary.star of the job folder, the picks drawn as circles
-// of diameter A; false with why.
-bool write_job_report(const std::string& job, const std::vector<MicRecord>& records, double diameter, std::string& why);
+// of diameter A, picked at speed; false with why.
+bool write_job_report(const std::string& job, const std::vector<MicRecord>& records, double diameter, int speed,
+                      std::string& why);
