@@ -40,6 +40,7 @@ void pool_record(MicRecord& rec, const PickResult& r, double diameter, const std
   run_cutoffs(alone, diameter);
   rec.cutoff = alone[0].cutoff;
   rec.drop_edges = alone[0].drop_edges;
+  rec.rule = alone[0].rule, rec.why = alone[0].why, rec.decoys_above = alone[0].decoys_above;
 }
 
 void run_cutoffs(std::vector<MicRecord>& records, double diameter) {
@@ -76,8 +77,10 @@ void run_cutoffs(std::vector<MicRecord>& records, double diameter) {
   const RunCut run = run_cut(mics, s);
   for (size_t i = 0; i < order.size(); i++) {
     decide_cutoff(mics[i], s, 0, NAN, sparse, run);
-    records[order[i]].cutoff = mics[i].cutoff;
-    records[order[i]].drop_edges = mics[i].drop_edges;
+    MicRecord& r = records[order[i]];
+    r.cutoff = mics[i].cutoff;
+    r.drop_edges = mics[i].drop_edges;
+    r.rule = mics[i].choice.rule, r.why = mics[i].choice.why, r.decoys_above = mics[i].choice.decoys_above;
     lend(i);  // and given back
   }
 }

@@ -62,6 +62,11 @@ Micrograph as_micrograph(const MicRecord& r) {
   m.on_edge = r.on_edge;
   m.drop_edges = r.drop_edges;
   m.warnings = r.warnings;
+  // A cut over the job: its decoys, and why it was chosen.
+  m.decoys_found = r.pooled;
+  m.decoys = r.decoys;
+  m.decoy_on_edge = r.decoy_on_edge;
+  m.choice.rule = r.rule, m.choice.why = r.why, m.choice.decoys_above = r.decoys_above;
   return m;
 }
 

@@ -32,6 +32,10 @@ struct MicRecord {
   std::vector<Pick> decoys;
   std::vector<char> decoy_on_edge;
   double usable_pixels = 0;
+  // How that cut was chosen, for the page (not kept on disk: each cut
+  // chooses anew).
+  std::string rule, why;
+  long decoys_above = -1;
 };
 
 // The picks kept at the record's cut-off and edge box, less those on strong

@@ -436,8 +436,9 @@ TEST(RelionJob, CutOverTheJobIsGvexreportsHoweverTheJobRan) {
     EXPECT_EQ(kept, coords_of(report + "/" + stem + "_vexmatch_auto.star")) << m;
     EXPECT_FALSE(kept.empty()) << m;  // each alone proves nothing; together they do
   }
-  // Warnings about the kept picks follow the cut over the job, not the first one.
+  // Warnings about the kept picks follow the cut over the job, not the first one; the page says why.
   EXPECT_FALSE(contains(read_text_file(whole + "/J/summary.star"), "no picks"));
+  EXPECT_TRUE(contains(read_text_file(whole + "/J/index.html"), "decoys of its 3 micrographs together"));
   const std::string cont = project("continued", 2);
   ASSERT_EQ(relion_in(cont, args).status, 0);
   project("continued", 3);
