@@ -36,11 +36,10 @@ void pool_record(MicRecord& rec, const PickResult& r, double diameter, const std
   rec.on_edge = pixels.empty() ? std::vector<char>()
                                : edge_picks(pixels, nx, ny, diameter / 2 / rec.apix, rec.picks, rec.decoys,
                                             &rec.decoy_on_edge);
-  std::vector<MicRecord> alone{rec};
+  std::vector<MicRecord> alone(1);
+  alone[0] = std::move(rec);
   run_cutoffs(alone, diameter);
-  rec.cutoff = alone[0].cutoff;
-  rec.drop_edges = alone[0].drop_edges;
-  rec.rule = alone[0].rule, rec.why = alone[0].why, rec.decoys_above = alone[0].decoys_above;
+  rec = std::move(alone[0]);
 }
 
 void run_cutoffs(std::vector<MicRecord>& records, double diameter) {

@@ -50,7 +50,9 @@ bool report_micrograph(Micrograph& m, const PickSettings& pick, bool apix_given,
 namespace {
 
 // The report's view of a recorded micrograph, its picks cut as recorded.
-Micrograph as_micrograph(const MicRecord& r) {
+// A micrograph cut over the job gets the warnings about the picks that cut
+// keeps now, on the grid of the job's speed (pixel size, diameter, speed).
+Micrograph as_micrograph(const MicRecord& r, double diameter, int speed) {
   Micrograph m;
   m.name = r.mic;
   m.nx = r.nx, m.ny = r.ny;
@@ -67,24 +69,15 @@ Micrograph as_micrograph(const MicRecord& r) {
   m.decoys = r.decoys;
   m.decoy_on_edge = r.decoy_on_edge;
   m.choice.rule = r.rule, m.choice.why = r.why, m.choice.decoys_above = r.decoys_above;
+  if (r.pooled) {
+    Settings s = report_settings(r.apix, diameter, false);
+    PickOptions o = s.pick.opt;
+    o.speed = speed;
+    s.pick = derive(o);
+    add_kept_warnings(m, s);
+  }
   return m;
 }
-
-}  // namespace
-
-std::vector<std::string> warnings_of(const MicRecord& r, double diameter, int speed) {
-  if (!r.pooled) return r.warnings;
-  Micrograph m = as_micrograph(r);
-  // The grid the micrograph was picked on, for the warning of a pick in almost every cell.
-  Settings s = report_settings(r.apix, diameter, false);
-  PickOptions o = s.pick.opt;
-  o.speed = speed;
-  s.pick = derive(o);
-  add_kept_warnings(m, s);
-  return m.warnings;
-}
-
-namespace {
 
 std::string fmt(const char* f, double v) {
   char b[64];
@@ -92,17 +85,19 @@ std::string fmt(const char* f, double v) {
   return b;
 }
 
-bool write_summary(const std::string& path, const std::vector<MicRecord>& records, double diameter, int speed) {
+// One row per record; mics: the report's view of each, with its warnings.
+bool write_summary(const std::string& path, const std::vector<MicRecord>& records, const std::vector<Micrograph>& mics) {
   StarTable t;
   t.name = "micrographs";
   t.labels = {"rlnMicrographName", "rlnMicrographCoordinates", "rlnMicrographPixelSize", "gvexPickCount", "gvexKeptCount",
               "gvexCutoff", "gvexMedianScore", "gvexMaskedFraction", "gvexWarnings"};
-  for (const MicRecord& r : records) {
+  for (size_t k = 0; k < records.size(); k++) {
+    const MicRecord& r = records[k];
     std::vector<double> s;
     for (const Pick& p : r.picks) s.push_back(p.score);
     std::sort(s.begin(), s.end());
     std::string warn;
-    for (const std::string& w : warnings_of(r, diameter, speed)) warn += (warn.empty() ? "" : "; ") + w;
+    for (const std::string& w : mics[k].warnings) warn += (warn.empty() ? "" : "; ") + w;
     t.rows.push_back({r.mic, r.coords, fmt("%.6f", r.apix), std::to_string(r.picks.size()), std::to_string(kept_picks(r).size()),
                       fmt("%.6f", r.cutoff), fmt("%.6f", s.empty() ? 0.0 : s[s.size() / 2]), fmt("%.4f", r.masked),
                       warn.empty() ? "none" : warn});
@@ -121,9 +116,7 @@ bool write_job_report(const std::string& job, const std::vector<MicRecord>& reco
   std::vector<double> all;
   for (size_t k = 0; k < records.size(); k++) {
     const MicRecord& r = records[k];
-    Micrograph& m = mics[k];
-    m = as_micrograph(r);
-    m.warnings = warnings_of(r, diameter, speed);
+    mics[k] = as_micrograph(r, diameter, speed);
     pictures.push_back(r.picture);
     for (const Pick& p : r.picks) all.push_back(p.score);
   }
@@ -134,6 +127,6 @@ bool write_job_report(const std::string& job, const std::vector<MicRecord>& reco
   s.diameter = diameter;
   if (!write_page(mics, pictures, s, job_cutoff(all), job + "index.html"))
     return why = "cannot write " + job + "index.html", false;
-  if (!write_summary(job + "summary.star", records, diameter, speed)) return why = "cannot write " + job + "summary.star", false;
+  if (!write_summary(job + "summary.star", records, mics)) return why = "cannot write " + job + "summary.star", false;
   return true;
 }

@@ -15,13 +15,9 @@ bool read_for_report(Micrograph& m, std::string& why);
 // warnings (added to m) and its picture at picture_path. apix_given: the
 // pixel size came from the input, so a header that disagrees is worth a word.
 // kept_warnings false: only those about the file, for a micrograph whose
-// cut-off will change (warnings_of adds the others when shown).
+// cut-off will change (the job's report adds the others when it is shown).
 bool report_micrograph(Micrograph& m, const PickSettings& pick, bool apix_given, const std::string& picture_path,
                        bool kept_warnings = true);
-
-// A record's warnings; for one cut over the job, with those about the picks
-// its cut-off keeps now (picked at this speed).
-std::vector<std::string> warnings_of(const MicRecord& r, double diameter, int speed);
 
 // index.html and summary.star of the job folder, the picks drawn as circles
 // of diameter A, picked at speed; false with why.
