@@ -538,8 +538,9 @@ void Job::write_one(Picked& p) {
   gvex_test_stop_point("relion_record");
   records_.push_back(r);
   remove_tree(p.work);
+  const std::string warning = r.warnings.empty() ? "" : " (warning: " + r.warnings[0] + ")";
   say("%s: %zu of %zu picks kept at cut-off %.4f%s, %.1f s%s\n", r.mic.c_str(), kept_picks(r).size(), r.picks.size(),
-      r.cutoff, o_.cutoff_run ? " (this micrograph alone)" : "", p.seconds, r.warnings.empty() ? "" : (" (warning: " + r.warnings[0] + ")").c_str());
+      r.cutoff, o_.cutoff_run ? " (this micrograph alone)" : "", p.seconds, warning.c_str());
   dirty_ = true;
   if (gvex_wall_seconds() - nodes_at_ >= kNodesEvery && !write_job_files(false, why)) throw std::runtime_error(why);
 }

@@ -86,7 +86,8 @@ std::string fmt(const char* f, double v) {
 }
 
 // One row per record; mics: the report's view of each, with its warnings.
-bool write_summary(const std::string& path, const std::vector<MicRecord>& records, const std::vector<Micrograph>& mics) {
+bool write_summary(const std::string& path, const std::vector<MicRecord>& records,
+                   const std::vector<Micrograph>& mics) {
   StarTable t;
   t.name = "micrographs";
   t.labels = {"rlnMicrographName", "rlnMicrographCoordinates", "rlnMicrographPixelSize", "gvexPickCount", "gvexKeptCount",
