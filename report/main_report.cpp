@@ -1,7 +1,6 @@
 // gvexreport: a cut-off per micrograph, from decoys when it picks the
 // micrographs itself, with pictures of the picks over every micrograph,
 // score histograms and warnings, as one self-contained web page.
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <csignal>
@@ -29,6 +28,7 @@
 #include "report/edges.h"
 #include "report/micrograph.h"
 #include "report/page.h"
+#include "report/run.h"
 
 namespace {
 
@@ -79,24 +79,6 @@ double number(const char* opt, const char* v, bool positive = true) {
   if (end == v || *end || errno || !std::isfinite(d) || (positive && !(d > 0)))
     usage_error(std::string(opt) + " needs a " + (positive ? "positive " : "") + "number, not '" + v + "'");
   return d;
-}
-
-bool make_dir(const std::string& dir) {
-  struct stat st;
-  if (stat(dir.c_str(), &st) == 0) return S_ISDIR(st.st_mode);
-  return mkdir(dir.c_str(), 0777) == 0;
-}
-
-// The picture of micrograph k: its number and a short, plain form of its
-// name, so that any micrograph name gives a file name the file system takes
-// and a link no browser misreads.
-std::string picture_name(size_t k, const std::string& mic) {
-  const size_t s = mic.rfind('/');
-  std::string stem = beside(s == std::string::npos ? mic : mic.substr(s + 1), "");
-  std::string plain;
-  for (char c : stem) plain += isalnum((unsigned char)c) || c == '-' || c == '_' || c == '.' ? c : '_';
-  if (plain.size() > 60) plain.resize(60);
-  return std::to_string(k + 1) + "_" + plain + ".png";
 }
 
 struct ReportOptions {
@@ -165,57 +147,12 @@ ReportOptions parse(int argc, char** argv) {
   return o;
 }
 
-void read_pixels(Micrograph& m) {
-  try {
-    read_micrograph(m);
-  } catch (const GvexFailure& f) {
-    gvex_throw("gvexreport: cannot read micrograph " + m.name + ":\n" + f.text, 1, true);
-  }
-}
-
-void damaged_lines(Micrograph& m, const PicksRead& read, const std::string& path) {
-  if (read.refused > 0)
-    m.warnings.push_back(std::to_string(read.refused) + " damaged line(s) of " + path + " skipped (the first is line " +
-                         std::to_string(read.first_refused) + "): numbers not finite or out of range");
-}
-
-void read_rejected(Micrograph& m) {
-  const std::string path = beside(m.name, "_rejected.box");
-  damaged_lines(m, rejected_read(path, m.rejected), path);
-  double area = 0;
-  for (const Cell& c : m.rejected) area += (double)c.w * c.h;
-  m.masked = std::min(1.0, area / ((double)m.nx * m.ny));
-  m.usable_pixels = (double)m.nx * m.ny * (1 - m.masked);
-}
-
-// A micrograph, the picks beside it and its rejected cells; a micrograph
-// that cannot be read ends the report (its reader's lines name the file).
-void read_inputs(Micrograph& m, const std::string& suffix, int boxsize) {
-  read_pixels(m);
-  const std::string path = beside(m.name, suffix);
-  damaged_lines(m, read_picks(m, path, boxsize), path);
-  read_rejected(m);
-}
-
-// Picks as their files hold them (centres in whole pixels, scores to six
-// decimals), so that the report and a later --apply on the files agree.
-std::vector<Pick> as_written(std::vector<Pick> picks) {
-  char text[64];
-  for (Pick& p : picks) {
-    p.x = std::lround(p.x), p.y = std::lround(p.y);
-    snprintf(text, sizeof text, "%.6f", p.score);
-    p.score = (float)strtod(text, nullptr);
-  }
-  return picks;
-}
-
-// The picture files, written as soon as a micrograph is read, and its
-// pixels then let go: a long run holds one micrograph's pixels at a time.
+// The picture files, written as soon as a micrograph is read.
 void picture(Micrograph& m, size_t k, const Settings& set, const std::string& out, std::vector<std::string>& pictures) {
-  pictures.push_back(picture_name(k, m.name));
-  if (!out.empty() && !write_picture(m, set, out + "/" + pictures.back()))
-    gvex_throw("gvexreport: cannot write " + out + "/" + pictures.back() + " (or the crop beside it)\n", 1, true);
-  std::vector<float>().swap(m.pixels);
+  const std::string name = write_pictures(m, k, set, out);
+  if (name.empty())
+    gvex_throw("gvexreport: cannot write " + out + "/" + picture_name(k, m.name) + " (or the crop beside it)\n", 1, true);
+  pictures.push_back(name);
 }
 
 struct Run {
@@ -233,7 +170,7 @@ void read_run(const ReportOptions& o, Run& run) {
   run.mics.resize(o.mics.size());
   for (size_t k = 0; k < o.mics.size(); k++) {
     run.mics[k].name = o.mics[k];
-    read_inputs(run.mics[k], o.suffix, run.boxsize);
+    read_inputs(run.mics[k], o.suffix, run.boxsize, "gvexreport");
     picture(run.mics[k], k, run.set, o.out, run.pictures);
   }
 }
@@ -293,46 +230,15 @@ void pick_run(const ReportOptions& o, const char* prog, Run& run) {
                      r.failure.text,
                  r.failure.status == 0 ? 1 : r.failure.status, true);
     if (r.outcome == PickResult::Outcome::skipped) {
-      read_inputs(m, run.suffix, run.boxsize);
+      read_inputs(m, run.suffix, run.boxsize, "gvexreport");
       printf("%s: picked before (--do_unfinished): its picks file is read, without decoys\n", m.name.c_str());
     } else {
-      read_pixels(m);
-      read_rejected(m);
-      m.picks_found = true;
-      m.picks = as_written(r.picks);
-      m.decoys_found = true;
-      m.decoys = as_written(r.decoys);
-      m.usable_pixels = r.usable_pixels;
-      m.on_edge = edge_picks(m.pixels, m.nx, m.ny, run.set.diameter / 2 / run.set.apix, m.picks, m.decoys,
-                             &m.decoy_on_edge);
+      take_picked(m, r, run.set, "gvexreport");
       printf("%s: picked, %zu picks and %zu decoys (%.1f s)\n", m.name.c_str(), m.picks.size(), m.decoys.size(),
              gvex_wall_seconds() - t0);
     }
     fflush(stdout);
     picture(m, (size_t)i, run.set, o.out, run.pictures);
-  }
-}
-
-// Each micrograph's cut-off and warnings, printed, and with --apply its
-// kept picks written.
-void choose_cutoffs(Run& run, const ReportOptions& o, double pooled) {
-  add_run_warnings(run.mics);
-  const SparseCut run_sparse = run_sparse_cut(run.mics, run.set);
-  const RunCut whole = run_cut(run.mics, run.set);
-  for (Micrograph& m : run.mics) {
-    decide_cutoff(m, run.set, pooled, o.fixed, run_sparse, whole);
-    add_warnings(m, run.set);
-    std::string decoys;
-    if (m.choice.decoys_above >= 0)
-      decoys = ", " + std::to_string(m.choice.decoys_above) + (m.choice.decoys_above == 1 ? " decoy" : " decoys") +
-               " above it" + (decoys_left_out(m) ? " off the edges whose picks are left out" : "");
-    printf("%s: %zu picks, cut-off %.4f keeps %ld%s; %s\n", m.name.c_str(), m.picks.size(), m.cutoff,
-           count_kept(m), decoys.c_str(), m.choice.why.c_str());
-    for (const std::string& w : m.warnings) printf("warning: %s: %s\n", m.name.c_str(), w.c_str());
-    if (o.apply && m.picks_found) {
-      const std::string failed = write_kept(m, beside(m.name, "_vexmatch_auto.box"), beside(m.name, "_vexmatch_auto.star"));
-      if (!failed.empty()) gvex_throw("gvexreport: cannot write " + failed + "\n", 1, true);
-    }
   }
 }
 
@@ -355,15 +261,11 @@ int run(int argc, char** argv) {
            "picks with decoys (the same templates with their contrast inverted, from the same scan) and chooses "
            "from them\n");
   const double pooled = run_cutoff(run.mics, run.set);
-  choose_cutoffs(run, o, pooled);
+  const std::string failed = cut_run(run.mics, run.set, pooled, o.fixed, o.apply);
+  if (!failed.empty()) gvex_throw("gvexreport: cannot write " + failed + "\n", 1, true);
   if (!o.out.empty()) {
-    // What the page's slider adds to the command it prints, to read these
-    // picks files again as they were read (or written) here.
-    char words[256];
-    snprintf(words, sizeof words, "--apixM %g --diameter %g --boxsize %d", run.set.apix, run.set.diameter, run.boxsize);
-    std::string apply_words = words;
-    if (run.suffix != "_vexmatch.star") apply_words += " --suffix " + shell_word(run.suffix);
-    if (!write_page(run.mics, run.pictures, run.set, pooled, o.out + "/index.html", apply_words) ||
+    const std::string words = apply_words(run.set, run.boxsize, run.suffix);
+    if (!write_page(run.mics, run.pictures, run.set, pooled, o.out + "/index.html", words) ||
         !write_summary_star(run.mics, o.out + "/summary.star"))
       gvex_throw("gvexreport: cannot write the report into " + o.out + "\n", 1, true);
   }

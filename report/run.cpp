@@ -1,0 +1,127 @@
+#include "report/run.h"
+
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <cctype>
+#include <cerrno>
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+
+#include "common/errors.h"
+#include "report/edges.h"
+#include "report/page.h"
+
+bool make_dir(const std::string& dir) {
+  struct stat st;
+  if (stat(dir.c_str(), &st) == 0) {
+    if (S_ISDIR(st.st_mode)) return true;
+    errno = ENOTDIR;
+    return false;
+  }
+  return mkdir(dir.c_str(), 0777) == 0;
+}
+
+std::string picture_name(size_t k, const std::string& mic) {
+  // Any micrograph name gives a file name the file system takes and a link
+  // no browser misreads.
+  const size_t s = mic.rfind('/');
+  std::string stem = beside(s == std::string::npos ? mic : mic.substr(s + 1), "");
+  std::string plain;
+  for (char c : stem) plain += isalnum((unsigned char)c) || c == '-' || c == '_' || c == '.' ? c : '_';
+  if (plain.size() > 60) plain.resize(60);
+  return std::to_string(k + 1) + "_" + plain + ".png";
+}
+
+void read_pixels(Micrograph& m, const std::string& prog) {
+  try {
+    read_micrograph(m);
+  } catch (const GvexFailure& f) {
+    gvex_throw(prog + ": cannot read micrograph " + m.name + ":\n" + f.text, 1, true);
+  }
+}
+
+static void damaged_lines(Micrograph& m, const PicksRead& read, const std::string& path) {
+  if (read.refused > 0)
+    m.warnings.push_back(std::to_string(read.refused) + " damaged line(s) of " + path + " skipped (the first is line " +
+                         std::to_string(read.first_refused) + "): numbers not finite or out of range");
+}
+
+void read_rejected(Micrograph& m) {
+  const std::string path = beside(m.name, "_rejected.box");
+  damaged_lines(m, rejected_read(path, m.rejected), path);
+  double area = 0;
+  for (const Cell& c : m.rejected) area += (double)c.w * c.h;
+  m.masked = std::min(1.0, area / ((double)m.nx * m.ny));
+  m.usable_pixels = (double)m.nx * m.ny * (1 - m.masked);
+}
+
+void read_inputs(Micrograph& m, const std::string& suffix, int boxsize, const std::string& prog) {
+  read_pixels(m, prog);
+  const std::string path = beside(m.name, suffix);
+  damaged_lines(m, read_picks(m, path, boxsize), path);
+  read_rejected(m);
+}
+
+// Picks as their files hold them (centres in whole pixels, scores to six
+// decimals), so that the report and a later --apply on the files agree.
+static std::vector<Pick> as_written(std::vector<Pick> picks) {
+  char text[64];
+  for (Pick& p : picks) {
+    p.x = std::lround(p.x), p.y = std::lround(p.y);
+    snprintf(text, sizeof text, "%.6f", p.score);
+    p.score = (float)strtod(text, nullptr);
+  }
+  return picks;
+}
+
+void take_picked(Micrograph& m, const PickResult& r, const Settings& s, const std::string& prog) {
+  read_pixels(m, prog);
+  read_rejected(m);
+  m.picks_found = true;
+  m.picks = as_written(r.picks);
+  m.decoys_found = true;
+  m.decoys = as_written(r.decoys);
+  m.usable_pixels = r.usable_pixels;
+  m.on_edge = edge_picks(m.pixels, m.nx, m.ny, s.diameter / 2 / s.apix, m.picks, m.decoys, &m.decoy_on_edge);
+}
+
+std::string write_pictures(Micrograph& m, size_t k, const Settings& s, const std::string& out) {
+  std::string name = picture_name(k, m.name);
+  if (!out.empty() && !write_picture(m, s, out + "/" + name)) name.clear();
+  // A long run holds one micrograph's pixels at a time.
+  std::vector<float>().swap(m.pixels);
+  return name;
+}
+
+std::string cut_run(std::vector<Micrograph>& mics, const Settings& s, double pooled, double fixed, bool apply) {
+  add_run_warnings(mics);
+  const SparseCut run_sparse = run_sparse_cut(mics, s);
+  const RunCut whole = run_cut(mics, s);
+  for (Micrograph& m : mics) {
+    decide_cutoff(m, s, pooled, fixed, run_sparse, whole);
+    add_warnings(m, s);
+    std::string decoys;
+    if (m.choice.decoys_above >= 0)
+      decoys = ", " + std::to_string(m.choice.decoys_above) + (m.choice.decoys_above == 1 ? " decoy" : " decoys") +
+               " above it" + (decoys_left_out(m) ? " off the edges whose picks are left out" : "");
+    printf("%s: %zu picks, cut-off %.4f keeps %ld%s; %s\n", m.name.c_str(), m.picks.size(), m.cutoff,
+           count_kept(m), decoys.c_str(), m.choice.why.c_str());
+    for (const std::string& w : m.warnings) printf("warning: %s: %s\n", m.name.c_str(), w.c_str());
+    if (apply && m.picks_found) {
+      const std::string failed =
+          write_kept(m, beside(m.name, "_vexmatch_auto.box"), beside(m.name, "_vexmatch_auto.star"));
+      if (!failed.empty()) return failed;
+    }
+  }
+  return "";
+}
+
+std::string apply_words(const Settings& s, int boxsize, const std::string& suffix) {
+  char words[256];
+  snprintf(words, sizeof words, "--apixM %g --diameter %g --boxsize %d", s.apix, s.diameter, boxsize);
+  std::string all = words;
+  if (suffix != "_vexmatch.star") all += " --suffix " + shell_word(suffix);
+  return all;
+}

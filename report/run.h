@@ -1,0 +1,49 @@
+// A run of micrographs as the report reads it: each micrograph's inputs,
+// from the files beside it or from the picking session's result, its
+// pictures, and the cut of them all. gvexreport and the MPI companion share
+// it, so that both cut a run alike to the byte.
+#pragma once
+#include <cstddef>
+#include <string>
+#include <vector>
+
+#include "picker/session.h"
+#include "report/micrograph.h"
+
+// A folder made when missing; false (errno set) when it cannot be, or
+// something else holds the name.
+bool make_dir(const std::string& dir);
+
+// The picture of micrograph k of the run: its number and a short, plain
+// form of its name.
+std::string picture_name(size_t k, const std::string& mic);
+
+// The header and pixels of m; a micrograph that cannot be read throws
+// GvexFailure (status 1, to standard error) whose first line starts with prog.
+void read_pixels(Micrograph& m, const std::string& prog);
+
+// The rejected cells beside m, its masked fraction and usable area.
+void read_rejected(Micrograph& m);
+
+// m read whole from its files: pixels, the picks file of suffix (boxsize:
+// the box of STAR picks) and the rejected cells.
+void read_inputs(Micrograph& m, const std::string& suffix, int boxsize, const std::string& prog);
+
+// m as the session picked it: pixels and rejected cells read, the picks and
+// decoys as their files hold them, and which of them lie on strong edges.
+void take_picked(Micrograph& m, const PickResult& r, const Settings& s, const std::string& prog);
+
+// m's pictures written into the folder out (none when out is empty) under
+// picture_name(k, m.name), which is returned; its pixels are then let go.
+// "" when they cannot be written.
+std::string write_pictures(Micrograph& m, size_t k, const Settings& s, const std::string& out);
+
+// Each micrograph's cut-off (fixed when finite) with the run's pooled one,
+// its warnings, both printed; with apply the kept picks written beside it
+// as NAME_vexmatch_auto.box and .star. "" on success, else the file that
+// could not be written.
+std::string cut_run(std::vector<Micrograph>& mics, const Settings& s, double pooled, double fixed, bool apply);
+
+// What the page's slider adds to the command it prints, to read the picks
+// files (of suffix) again as this run read or wrote them.
+std::string apply_words(const Settings& s, int boxsize, const std::string& suffix);
