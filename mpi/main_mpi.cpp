@@ -1,7 +1,9 @@
 // gvexmatch_mpi: the picker over Open MPI. Rank 0 hands out micrographs one
 // at a time as ranks ask for work (micrographs differ in cost); each worker
 // runs the same pipeline as gvexmatch and writes the same files. The only
-// traffic is the work queue: an index out, a short result back.
+// traffic is the work queue: an index out, a short result back. With an
+// automatic cut-off each finished micrograph's picks and decoys come back
+// too, and rank 0 cuts the run as one, as gvexreport --pick does.
 #include <fcntl.h>
 #include <mpi.h>
 #include <unistd.h>
@@ -10,6 +12,8 @@
 #endif
 
 #include <algorithm>
+#include <cerrno>
+#include <cmath>
 #include <csignal>
 #include <cstdio>
 #include <cstring>
@@ -23,15 +27,20 @@
 #include "common/strutil.h"
 #include "gpu/device.h"
 #include "io/mrcfile.h"
+#include "mpi/mic_message.h"
 #include "mpi/progress.h"
 #include "picker/help.h"
+#include "picker/options.h"
 #include "picker/session.h"
 #include "picker/startup.h"
 #include "picker/timer.h"
+#include "report/cutoff.h"
+#include "report/page.h"
+#include "report/run.h"
 
 namespace {
 
-enum Tag { TAG_RESULT = 1, TAG_WORK = 2 };
+enum Tag { TAG_RESULT = 1, TAG_WORK = 2, TAG_MICROGRAPH = 3 };
 constexpr int kStop = -1;
 
 // What a worker sends back: the micrograph it finished (-1 for the first
@@ -41,24 +50,93 @@ struct Result {
   int outcome = OUTCOME_DONE;
   int picks = 0;
   double seconds = 0.0;
+  long long bytes = 0;  // the packed micrograph that follows (automatic cut-off)
   char reason[512] = {0};
 };
 
+// The automatic cut-off: every grid maximum kept with the decoys of the
+// same scan, the run cut as one at the end.
+struct AutoCut {
+  bool on = false, apply = false, apix_given = false;
+  std::string report;  // the page's folder ("": none)
+  Settings set;        // the report's view of the run
+  std::string suffix;  // the picks files beside each micrograph
+  std::vector<Micrograph> mics;  // by index; those with picks found are cut
+  std::vector<std::string> pictures;
+};
+
+[[noreturn]] void usage_error(const std::string& why) {
+  gvex_throw("gvexmatch_mpi: " + why + " (gvexmatch_mpi --help lists the options)\n", 2, true);
+}
+
+// Takes --auto_cutoff and --report DIR out of the words; with either, the
+// picker keeps every grid maximum (--cc_cutoff 0 first, and refused later).
+std::vector<std::string> take_cut_options(int argc, char** argv, AutoCut& cut) {
+  std::vector<std::string> words = {argv[0]};
+  for (int i = 1; i < argc; i++) {
+    const std::string a = argv[i];
+    if (a == "--auto_cutoff") {
+      cut.apply = true;
+    } else if (a == "--report") {
+      if (i + 1 >= argc || !*argv[i + 1]) usage_error("--report needs a folder");
+      cut.report = argv[++i];
+    } else {
+      words.push_back(a);
+    }
+  }
+  cut.on = cut.apply || !cut.report.empty();
+  if (!cut.on) return words;
+  for (size_t i = 1; i < words.size(); i++) {
+    const OptionRow* row = gvex_find_option(words[i].c_str());
+    if (row && std::string(row->name) == "cc_cutoff")
+      usage_error("--auto_cutoff and --report keep every grid maximum (--cc_cutoff 0) and choose the cut-off "
+                  "themselves");
+    if (row && std::string(row->name) == "apixM") cut.apix_given = true;
+  }
+  words.insert(words.begin() + 1, {"--cc_cutoff", "0"});
+  return words;
+}
+
 void usage(const char* prog) {
-  printf("Usage: mpirun -n K %s [gvexmatch options] MICROGRAPH...\n\n"
+  printf("Usage: mpirun -n K %s [--auto_cutoff] [--report DIR] [gvexmatch options] MICROGRAPH...\n\n"
          "Picks the micrographs with the options and outputs of gvexmatch, spread over K MPI ranks: rank 0\n"
          "hands out micrographs, the other ranks pick them (with K = 1 rank 0 picks alone). Each rank uses\n"
          "GPU (--gid + local rank) mod (GPUs on its node), or the host with its share of the node's cores.\n"
          "A micrograph that cannot be picked is reported and skipped; the run then ends with status 1.\n"
          "On the host, FFT plans come from the FFTW wisdom of --fftw_wisdom FILE (written by gvexmatch_tune),\n"
          "else of the file GVEX_FFTW_WISDOM names (none: estimated plans), else FFTW's system wisdom.\n\n"
+         "Automatic cut-off (as gvexreport --pick): gvexmatch's files then keep every grid maximum\n"
+         "(--cc_cutoff 0, refused here), the same scan gives decoys, and once every micrograph is picked\n"
+         "rank 0 chooses a cut-off per micrograph with the whole run as gvexreport does:\n"
+         "  --auto_cutoff  write NAME_vexmatch_auto.box and .star beside each micrograph with the kept\n"
+         "                 picks (the STAR file records the cut-off), byte for byte gvexreport --pick --apply's\n"
+         "  --report DIR   write gvexreport's page into DIR (made when missing): DIR/index.html\n\n"
          "gvexmatch's options:\n",
          prog);
   gvexmatch_help(prog);
 }
 
-// Picks micrograph i and says how it went.
-Result pick_one(PickSession& session, const GVexMatch_Para& p, int i, int rank) {
+// What the cut needs of micrograph i, picked (or skipped as finished
+// before: its picks file, without decoys): r fails when it cannot be had.
+void take_for_cut(const PickResult& picked, const AutoCut& cut, int i, int rank, Result& r, Micrograph& m,
+                  std::string& picture) {
+  try {
+    if (picked.outcome == PickResult::Outcome::finished)
+      take_picked(m, picked, cut.set, "gvexmatch_mpi");
+    else
+      read_inputs(m, cut.suffix, cut.set.pick.opt.boxsize, "gvexmatch_mpi");
+    picture = write_pictures(m, (size_t)i, cut.set, cut.report);
+    if (picture.empty()) gvex_throw("cannot write " + cut.report + "/" + picture_name(i, m.name) + "\n");
+  } catch (const GvexFailure& f) {
+    r.outcome = OUTCOME_FAILED;
+    snprintf(r.reason, sizeof r.reason, "rank %d: %s", rank, gvex_failure_reason(f.text).c_str());
+  }
+}
+
+// Picks micrograph i and says how it went; with the automatic cut-off, m
+// gets what the cut needs of it.
+Result pick_one(PickSession& session, const GVexMatch_Para& p, int i, int rank, const AutoCut& cut,
+                Micrograph& m, std::string& picture) {
   Result r;
   r.index = i;
   const double t0 = gvex_wall_seconds();
@@ -81,11 +159,18 @@ Result pick_one(PickSession& session, const GVexMatch_Para& p, int i, int rank) 
       snprintf(r.reason, sizeof r.reason, "rank %d: %s", rank, gvex_failure_reason(picked.failure.text).c_str());
       break;
   }
+  m.name = p.mic_files[i];
+  if (cut.on && r.outcome != OUTCOME_FAILED) take_for_cut(picked, cut, i, rank, r, m, picture);
   return r;
 }
 
+void keep_for_cut(AutoCut& cut, int i, Micrograph&& m, std::string&& picture) {
+  cut.mics[i] = std::move(m);
+  cut.pictures[i] = std::move(picture);
+}
+
 // Rank 0 with other ranks: the queue.
-void hand_out(int ranks, Progress& progress) {
+void hand_out(int ranks, Progress& progress, AutoCut& cut) {
   int next = 0, working = ranks - 1;
   while (working > 0) {
     Result r;
@@ -97,6 +182,18 @@ void hand_out(int ranks, Progress& progress) {
       if (!waiting) usleep(2000);
     }
     MPI_Recv(&r, sizeof r, MPI_BYTE, MPI_ANY_SOURCE, TAG_RESULT, MPI_COMM_WORLD, &st);
+    if (r.bytes > 0) {
+      std::vector<char> bytes((size_t)r.bytes);
+      MPI_Recv(bytes.data(), (int)r.bytes, MPI_BYTE, st.MPI_SOURCE, TAG_MICROGRAPH, MPI_COMM_WORLD, MPI_STATUS_IGNORE);
+      Micrograph m;
+      std::string picture;
+      if (unpack_micrograph(bytes, m, picture)) {
+        keep_for_cut(cut, r.index, std::move(m), std::move(picture));
+      } else {
+        r.outcome = OUTCOME_FAILED;
+        snprintf(r.reason, sizeof r.reason, "rank %d: its picks came back damaged", st.MPI_SOURCE);
+      }
+    }
     if (r.index >= 0) progress.finished(r.index, r.outcome, r.picks, r.seconds, r.reason);
     // A name listed twice is picked once: two ranks would only race for it.
     while (next < progress.total() && progress.listed_before(next)) {
@@ -109,15 +206,63 @@ void hand_out(int ranks, Progress& progress) {
   }
 }
 
-void work(PickSession& session, const GVexMatch_Para& p, int rank) {
+void work(PickSession& session, const GVexMatch_Para& p, int rank, const AutoCut& cut) {
   Result r;
+  std::vector<char> bytes;
   for (;;) {
+    // One message holds at most 2^31 - 1 bytes: a micrograph that would
+    // need more (tens of millions of grid maxima) fails.
+    if (!bytes.empty() && bytes.size() > 0x7fffffffu) {
+      r.outcome = OUTCOME_FAILED;
+      snprintf(r.reason, sizeof r.reason, "rank %d: too many picks to send back", rank);
+      bytes.clear();
+    }
+    r.bytes = (long long)bytes.size();
     MPI_Send(&r, sizeof r, MPI_BYTE, 0, TAG_RESULT, MPI_COMM_WORLD);
+    if (!bytes.empty()) MPI_Send(bytes.data(), (int)bytes.size(), MPI_BYTE, 0, TAG_MICROGRAPH, MPI_COMM_WORLD);
     int i = kStop;
     MPI_Recv(&i, 1, MPI_INT, 0, TAG_WORK, MPI_COMM_WORLD, MPI_STATUS_IGNORE);
     if (i == kStop) return;
-    r = pick_one(session, p, i, rank);
+    Micrograph m;
+    std::string picture;
+    r = pick_one(session, p, i, rank, cut, m, picture);
+    bytes.clear();
+    if (cut.on && r.outcome != OUTCOME_FAILED) bytes = pack_micrograph(m, picture);
   }
+}
+
+// Rank 0, the run picked: its micrographs cut as one, the kept picks
+// written beside them, the page. Returns the exit status.
+int cut_the_run(AutoCut& cut, int status) {
+  std::vector<Micrograph> mics;
+  std::vector<std::string> pictures;
+  for (size_t i = 0; i < cut.mics.size(); i++) {
+    if (!cut.mics[i].picks_found) continue;
+    mics.push_back(std::move(cut.mics[i]));
+    pictures.push_back(cut.pictures[i]);
+  }
+  const bool decoys = std::all_of(mics.begin(), mics.end(), [](const Micrograph& m) { return m.decoys_found; });
+  if (!decoys)
+    printf("note: micrographs picked before (--do_unfinished) have no decoys; their cut-offs come from the scores "
+           "alone and are less reliable\n");
+  const double pooled = run_cutoff(mics, cut.set);
+  const std::string failed = cut_run(mics, cut.set, pooled, NAN, cut.apply);
+  if (!failed.empty()) {
+    fflush(stdout);
+    fprintf(stderr, "gvexmatch_mpi: cannot write %s\n", failed.c_str());
+    return 1;
+  }
+  if (!cut.report.empty() &&
+      (!write_page(mics, pictures, cut.set, pooled, cut.report + "/index.html",
+                   apply_words(cut.set, cut.set.pick.opt.boxsize, cut.suffix)) ||
+       !write_summary_star(mics, cut.report + "/summary.star"))) {
+    fflush(stdout);
+    fprintf(stderr, "gvexmatch_mpi: cannot write the report into %s\n", cut.report.c_str());
+    return 1;
+  }
+  printf("suggested --cc_cutoff %.4f\n", pooled);
+  if (!cut.report.empty()) printf("report: %s/index.html\n", cut.report.c_str());
+  return status;
 }
 
 int run_mpi(int argc, char** argv, int rank, int ranks, int local_rank, int local_ranks) {
@@ -127,13 +272,18 @@ int run_mpi(int argc, char** argv, int rank, int ranks, int local_rank, int loca
     if (rank == 0) usage(prog);
     return argc < 2 ? 2 : 0;
   }
+  AutoCut cut;
+  std::vector<std::string> words = take_cut_options(argc, argv, cut);
+  std::vector<char*> word_ptrs;
+  for (std::string& w : words) word_ptrs.push_back(&w[0]);
+  word_ptrs.push_back(nullptr);
   ParaPtr p(nullptr, gvexmatch_delete_parameters);
   Reference ref;
   {
     // The option echo and the reference micrograph's warnings, once.
     StdoutRedirect quiet(nullptr, rank != 0);
     gvex_timer_push();
-    p = gvexmatch_start(argc, argv, [](int& gid) { return check_and_set_gid(gid) == 0; });
+    p = gvexmatch_start((int)words.size(), word_ptrs.data(), [](int& gid) { return check_and_set_gid(gid) == 0; });
     const int gpus = gvex_device_count();
 #if defined(_OPENMP)
     if (gpus == 0) omp_set_num_threads(std::max(1, omp_get_num_procs() / local_ranks));
@@ -144,7 +294,17 @@ int run_mpi(int argc, char** argv, int rank, int ranks, int local_rank, int loca
     ref = gvexmatch_reference(*p, prog, true);
   }
   Progress progress(p->mic_files, p->n_mic);
-  PickSession session(derive(options_from_record(*p)));
+  PickOptions opt = options_from_record(*p);
+  opt.decoys = cut.on;
+  const PickSettings settings = derive(opt);
+  PickSession session(settings);
+  if (cut.on) {
+    cut.set = report_settings(opt.apixM, opt.diameter, cut.apix_given);
+    cut.set.pick = settings;
+    cut.suffix = opt.write_star ? "_vexmatch.star" : "_vexmatch.box";
+    cut.mics.resize(p->n_mic);
+    cut.pictures.resize(p->n_mic);
+  }
   // The processes sharing this rank's memory: on the host every rank of the
   // node, on a GPU the ranks of the node that were given the same GPU.
   int sharers = local_ranks;
@@ -157,6 +317,9 @@ int run_mpi(int argc, char** argv, int rank, int ranks, int local_rank, int loca
   int ok = 1, all_ok = 1;
   GvexFailure failure;
   try {
+    if (rank == 0 && !cut.report.empty() && !make_dir(cut.report))
+      gvex_throw("gvexmatch_mpi: cannot make the report folder " + cut.report + ": " + strerror(errno) + "\n", 1,
+                 true);
     StdoutRedirect quiet;
     session.prepare(ref.head, ref.name, sharers);
   } catch (const GvexFailure& f) {
@@ -172,15 +335,20 @@ int run_mpi(int argc, char** argv, int rank, int ranks, int local_rank, int loca
         progress.finished(i, OUTCOME_SKIPPED, 0, 0.0, "listed before");
         continue;
       }
-      const Result r = pick_one(session, *p, i, rank);
+      Micrograph m;
+      std::string picture;
+      const Result r = pick_one(session, *p, i, rank, cut, m, picture);
+      if (cut.on && r.outcome != OUTCOME_FAILED) keep_for_cut(cut, i, std::move(m), std::move(picture));
       progress.finished(i, r.outcome, r.picks, r.seconds, r.reason);
     }
   } else if (rank == 0) {
-    hand_out(ranks, progress);
+    hand_out(ranks, progress, cut);
   } else {
-    work(session, *p, rank);
+    work(session, *p, rank, cut);
   }
-  return rank == 0 ? progress.summary() : 0;
+  if (rank != 0) return 0;
+  const int status = progress.summary();
+  return cut.on ? cut_the_run(cut, status) : status;
 }
 
 }  // namespace

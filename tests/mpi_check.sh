@@ -3,10 +3,12 @@
 # identical files with 2 and 3 ranks; a corrupt and a wrong-size micrograph
 # in the middle are reported and skipped (status 1); a job killed part-way
 # and resumed with --do_unfinished ends with the files of an uninterrupted run;
-# a damaged first micrograph and a name listed twice.
-# Usage: mpi_check.sh GVEXMATCH GVEXMATCH_MPI MAKEMIC SCRATCH [GVEXMATCH_TUNE]
+# a damaged first micrograph and a name listed twice. With the automatic
+# cut-off, the files and page of gvexreport --pick --apply, whatever the
+# ranks and whichever micrographs fail.
+# Usage: mpi_check.sh GVEXMATCH GVEXMATCH_MPI MAKEMIC SCRATCH [GVEXMATCH_TUNE [GVEXREPORT]]
 set -eu
-gvex=$1 mpi=$2 makemic=$3 work=$4 tune=${5:-}
+gvex=$1 mpi=$2 makemic=$3 work=$4 tune=${5:-} report=${6:-}
 rm -rf "$work" && mkdir -p "$work/mics"
 cd "$work/mics"
 for i in 1 2 3 4 5 6; do "$makemic" make m$i.mrc --nx 512 --ny 512 --apix 1.34 --diameter 120 --seed $i >/dev/null; done
@@ -17,9 +19,13 @@ export GVEX_FFTW_WISDOM=none
 run="mpirun --allow-run-as-root --oversubscribe -x GVEX_FFTW_WISDOM"
 opts="--diameter 120 --write_mic_mask 1"
 fail() { echo "FAIL: $*"; exit 1; }
-fresh() { rm -rf "$work/$1" && mkdir "$work/$1" && cp "$work"/mics/m?.mrc "$work/$1/" && cd "$work/$1"; }
-same() { for f in "$work/one"/*; do cmp -s "$f" "$work/$1/${f##*/}" || fail "$1: ${f##*/} differs"; done
-         [ "$(ls "$work/$1" | wc -l)" = "$(ls "$work/one" | wc -l)" ] || fail "$1: other files"; }
+# fresh DIR [MICROGRAPHS]: a folder of micrographs (by default m1-m6) to pick in.
+fresh() { rm -rf "$work/$1" && mkdir "$work/$1" && cp "$work"/${2:-mics/m?.mrc} "$work/$1/" && cd "$work/$1"; }
+# same DIR [AS]: DIR holds the files of AS (by default one), and no others.
+same() { ref="$work/${2:-one}"
+         (cd "$ref" && find . -type f) | while read -r f; do cmp -s "$ref/$f" "$work/$1/$f" || fail "$1: $f differs"; done || exit 1
+         [ "$(cd "$work/$1" && find . -type f | wc -l)" = "$(cd "$ref" && find . -type f | wc -l)" ] ||
+           fail "$1: other files"; }
 
 fresh one && "$gvex" $opts m1.mrc m2.mrc m3.mrc m4.mrc m5.mrc >out.log || fail "gvexmatch failed"; rm out.log
 for k in 1 2 3; do
@@ -64,5 +70,38 @@ if [ -n "$tune" ]; then
   done
   grep -q "^FFT plans: from wisdom ../wisdom" ../tune1.log || fail "tune: the wisdom is not named"
   cd "$work/tune1" && for f in *; do cmp -s "$f" "../tune2/$f" || fail "tune: $f differs run to run"; done
+fi
+# The automatic cut-off: crowded and sparse micrographs cut as one run,
+# exactly as gvexreport cuts them; a micrograph that fails is left out of
+# the run, not fatal to it.
+if [ -n "$report" ]; then
+  mkdir "$work/cut" && cd "$work/cut"
+  for i in 1 2 3 4; do
+    d=0.9; [ $i -gt 2 ] && d=0.3
+    "$makemic" make c$i.mrc --nx 1024 --ny 1024 --apix 1.34 --diameter 120 --seed 4$i --noise 16 --density $d >/dev/null
+  done
+  cuts="c1.mrc c2.mrc c3.mrc c4.mrc" opts="--diameter 120"
+  lines() { grep "^c.\.mrc: .* picks, cut-off\|^suggested" "$1"; }
+  fresh gr cut/c?.mrc && "$report" --out rep --pick --apply $opts $cuts >../gr.log || fail "gvexreport failed"
+  rm rep/pick.log && lines ../gr.log >../gr.lines
+  [ "$(grep -c "keeps [1-9]" ../gr.lines)" = 4 ] || fail "cut: a micrograph keeps no picks"
+  for k in 1 3; do
+    fresh cut$k cut/c?.mrc && $run -n $k "$mpi" --auto_cutoff --report rep $opts $cuts >../cut$k.log 2>&1 ||
+      fail "cut -n $k failed"
+    same cut$k gr
+    lines ../cut$k.log | cmp -s - ../gr.lines || fail "cut -n $k: other cut-off lines"
+  done
+  fresh cutbad cut/c?.mrc && cp ../mics/broken.mrc .
+  if $run -n 3 "$mpi" --auto_cutoff --report rep $opts c1.mrc broken.mrc c2.mrc c3.mrc c4.mrc >../cutbad.log 2>&1; then
+    fail "cutbad: status 0"
+  fi
+  grep -q "^Summary: 5 micrographs, 4 picked, 0 skipped, 1 failed" ../cutbad.log || fail "cutbad: summary"
+  lines ../cutbad.log | cmp -s - ../gr.lines || fail "cutbad: other cut-off lines"
+  for f in c?_vexmatch_auto.* rep/summary.star; do cmp -s "$f" "../gr/$f" || fail "cutbad: $f differs"; done
+  if $run -n 2 "$mpi" --auto_cutoff --cc_cutoff 0.2 $opts c1.mrc >../refused.log 2>&1; then fail "--cc_cutoff taken"; fi
+  grep -q "^gvexmatch_mpi: --auto_cutoff and --report keep every grid maximum" ../refused.log || fail "no refusal"
+  touch notdir
+  if $run -n 2 "$mpi" --report notdir $opts c1.mrc >../notdir.log 2>&1; then fail "notdir: status 0"; fi
+  grep -q "^gvexmatch_mpi: cannot make the report folder notdir" ../notdir.log || fail "notdir: not said"
 fi
 echo "mpi_check: all cases passed"
