@@ -40,3 +40,7 @@ bool str_copy_fits(char* dst, const char* src, size_t cap) {
   dst[n] = 0;
   return fits;
 }
+
+bool ends_with(const std::string& s, const std::string& end) {
+  return s.size() >= end.size() && s.compare(s.size() - end.size(), end.size(), end) == 0;
+}

@@ -1,6 +1,7 @@
 // Small string helpers for option words and file names.
 #pragma once
 #include <cstddef>
+#include <string>
 
 // True when arg is "-name" or "--name", compared without regard to case.
 bool keywd_cmp(const char* arg, const char* name);
@@ -22,3 +23,6 @@ void get_bool_keyword(int argc, char** argv, int& value, int& i);
 // Copies src into dst of capacity cap (cap >= 1) with a terminating zero.
 // Returns false, leaving a truncated copy, when src does not fit.
 bool str_copy_fits(char* dst, const char* src, size_t cap);
+
+// True when s ends with end.
+bool ends_with(const std::string& s, const std::string& end);

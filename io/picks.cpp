@@ -7,16 +7,12 @@
 #include <fstream>
 #include <sstream>
 
+#include "common/strutil.h"
 #include "io/boxfile.h"
 
 namespace {
 
 const char* const kCutRecord = "# cut-off ";
-
-bool ends_with(const std::string& s, const char* end) {
-  const std::string e(end);
-  return s.size() >= e.size() && s.compare(s.size() - e.size(), e.size(), e) == 0;
-}
 
 // The numbers at the start of a line; false when the line does not start
 // with a number (a header or a blank line).

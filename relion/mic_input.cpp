@@ -8,13 +8,10 @@
 #include <set>
 #include <sstream>
 
+#include "common/strutil.h"
 #include "io/star_table.h"
 
 namespace {
-
-bool ends_with(const std::string& s, const std::string& end) {
-  return s.size() >= end.size() && s.compare(s.size() - end.size(), end.size(), end) == 0;
-}
 
 double positive(const std::string& v) {
   char* end = nullptr;
