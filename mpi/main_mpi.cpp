@@ -116,15 +116,19 @@ void usage(const char* prog) {
   gvexmatch_help(prog);
 }
 
-// What the cut needs of micrograph i, picked (or skipped as finished
-// before: its picks file, without decoys): r fails when it cannot be had.
+// What the cut needs of micrograph i, picked (its decoys then written
+// beside it), or skipped as finished before (its picks and decoys files):
+// r fails when it cannot be had.
 void take_for_cut(const PickResult& picked, const AutoCut& cut, int i, int rank, Result& r, Micrograph& m,
                   std::string& picture) {
   try {
-    if (picked.outcome == PickResult::Outcome::finished)
+    if (picked.outcome == PickResult::Outcome::finished) {
       take_picked(m, picked, cut.set, "gvexmatch_mpi");
-    else
-      read_inputs(m, cut.suffix, cut.set.pick.opt.boxsize, "gvexmatch_mpi");
+      const std::string decoys = decoys_path(m.name, cut.suffix);
+      if (!write_decoys(m, decoys)) gvex_throw("cannot write " + decoys + "\n");
+    } else {
+      read_inputs(m, cut.suffix, cut.set.pick.opt.boxsize, cut.set, "gvexmatch_mpi");
+    }
     picture = write_pictures(m, (size_t)i, cut.set, cut.report);
     if (picture.empty()) gvex_throw("cannot write " + cut.report + "/" + picture_name(i, m.name) + "\n");
   } catch (const GvexFailure& f) {
@@ -243,8 +247,8 @@ int cut_the_run(AutoCut& cut, int status) {
   }
   const bool decoys = std::all_of(mics.begin(), mics.end(), [](const Micrograph& m) { return m.decoys_found; });
   if (!decoys)
-    printf("note: micrographs picked before (--do_unfinished) have no decoys; their cut-offs come from the scores "
-           "alone and are less reliable\n");
+    printf("note: micrographs picked before without a decoys file beside them have their cut-offs from the "
+           "scores alone, which are less reliable\n");
   const double pooled = run_cutoff(mics, cut.set);
   const std::string failed = cut_run(mics, cut.set, pooled, NAN, cut.apply);
   if (!failed.empty()) {

@@ -46,9 +46,10 @@ const char* const kUsage =
     "scan gives decoys: the picks of the same templates with their contrast inverted, which match no\n"
     "particle and show how noise and the specimen's edges score on each micrograph; the cut-off comes\n"
     "from them, and on a sparse micrograph the picks on strong edges (carbon or contamination the\n"
-    "rejected cells missed) are left out; a fixed --cutoff keeps them. Without --pick it reads the\n"
-    "picks gvexmatch wrote beside each micrograph (run it with --cc_cutoff 0 to keep every grid\n"
-    "maximum); without decoys the cut-off is less reliable. Picks already cut (the STAR files\n"
+    "rejected cells missed) are left out; a fixed --cutoff keeps them. The decoys are written beside\n"
+    "each micrograph (NAME_vexmatch_decoys.star). Without --pick it reads the picks gvexmatch wrote\n"
+    "beside each micrograph (run it with --cc_cutoff 0 to keep every grid maximum) and the decoys\n"
+    "--pick wrote; without decoys the cut-off is less reliable. Picks already cut (the STAR files\n"
     "gvexreport writes record their cut-off) are kept as cut.\n"
     "\n"
     "Options:\n"
@@ -170,7 +171,7 @@ void read_run(const ReportOptions& o, Run& run) {
   run.mics.resize(o.mics.size());
   for (size_t k = 0; k < o.mics.size(); k++) {
     run.mics[k].name = o.mics[k];
-    read_inputs(run.mics[k], o.suffix, run.boxsize, "gvexreport");
+    read_inputs(run.mics[k], o.suffix, run.boxsize, run.set, "gvexreport");
     picture(run.mics[k], k, run.set, o.out, run.pictures);
   }
 }
@@ -230,10 +231,13 @@ void pick_run(const ReportOptions& o, const char* prog, Run& run) {
                      r.failure.text,
                  r.failure.status == 0 ? 1 : r.failure.status, true);
     if (r.outcome == PickResult::Outcome::skipped) {
-      read_inputs(m, run.suffix, run.boxsize, "gvexreport");
-      printf("%s: picked before (--do_unfinished): its picks file is read, without decoys\n", m.name.c_str());
+      read_inputs(m, run.suffix, run.boxsize, run.set, "gvexreport");
+      printf("%s: picked before (--do_unfinished): its picks file is read, %s\n", m.name.c_str(),
+             m.decoys_found ? "and its decoys file" : "without decoys");
     } else {
       take_picked(m, r, run.set, "gvexreport");
+      const std::string decoys = decoys_path(m.name, run.suffix);
+      if (!write_decoys(m, decoys)) gvex_throw("gvexreport: cannot write " + decoys + "\n", 1, true);
       printf("%s: picked, %zu picks and %zu decoys (%.1f s)\n", m.name.c_str(), m.picks.size(), m.decoys.size(),
              gvex_wall_seconds() - t0);
     }

@@ -8,8 +8,12 @@
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
+#include <fstream>
 
+#include "common/atomic_file.h"
 #include "common/errors.h"
+#include "common/strutil.h"
 #include "report/edges.h"
 #include "report/page.h"
 
@@ -57,11 +61,77 @@ void read_rejected(Micrograph& m) {
   m.usable_pixels = (double)m.nx * m.ny * (1 - m.masked);
 }
 
-void read_inputs(Micrograph& m, const std::string& suffix, int boxsize, const std::string& prog) {
+void read_inputs(Micrograph& m, const std::string& suffix, int boxsize, const Settings& s, const std::string& prog) {
   read_pixels(m, prog);
   const std::string path = beside(m.name, suffix);
   damaged_lines(m, read_picks(m, path, boxsize), path);
   read_rejected(m);
+  if (m.picks_found) read_decoys(m, decoys_path(m.name, suffix), s);
+}
+
+std::string decoys_path(const std::string& mic, const std::string& suffix) {
+  std::string stem = suffix;
+  for (const char* end : {".star", ".box"})
+    if (ends_with(stem, end)) stem.resize(stem.size() - strlen(end));
+  return beside(mic, stem + "_decoys.star");
+}
+
+namespace {
+
+const char* const kDecoysRecord = "# decoys of ";
+
+// FNV-1a over the picks as their files hold them: whole-pixel centres and
+// six-decimal scores, which the picks read back from a file reproduce.
+unsigned long long picks_checksum(const std::vector<Pick>& picks) {
+  unsigned long long h = 1469598103934665603ull;
+  char text[96];
+  for (const Pick& p : picks) {
+    const int n = snprintf(text, sizeof text, "%ld %ld %.6f\n", std::lround(p.x), std::lround(p.y), p.score);
+    for (int i = 0; i < n; i++) h = (h ^ (unsigned char)text[i]) * 1099511628211ull;
+  }
+  return h;
+}
+
+}  // namespace
+
+bool write_decoys(const Micrograph& m, const std::string& path) {
+  PartFile f(path.c_str(), "w");
+  if (!f.fp()) return false;
+  // The record goes last: the table's writer starts from the file's start.
+  const bool table = picks_write(f.fp(), m.decoys, true);
+  fprintf(f.fp(), "%s%zu picks, checksum %016llx; usable pixels %.17g\n", kDecoysRecord, m.picks.size(),
+          picks_checksum(m.picks), m.usable_pixels);
+  return table && f.commit();
+}
+
+void read_decoys(Micrograph& m, const std::string& path, const Settings& s) {
+  std::ifstream in(path);
+  if (!in) return;
+  std::string record;
+  for (std::string line; std::getline(in, line);)
+    if (line.compare(0, strlen(kDecoysRecord), kDecoysRecord) == 0) record = line;
+  size_t count = 0;
+  unsigned long long sum = 0;
+  double usable = 0;
+  const bool recorded = !record.empty() &&
+                    sscanf(record.c_str() + strlen(kDecoysRecord), "%zu picks, checksum %llx; usable pixels %lf",
+                           &count, &sum, &usable) == 3 &&
+                    std::isfinite(usable) && usable >= 0;
+  std::vector<Pick> decoys;
+  const PicksRead read = picks_read(path, 0, decoys);
+  if (!recorded || read.refused > 0) {
+    m.warnings.push_back("decoys file " + path + " is damaged: ignored, the cut-off comes from the scores alone");
+    return;
+  }
+  if (count != m.picks.size() || sum != picks_checksum(m.picks)) {
+    m.warnings.push_back("decoys file " + path + " belongs to other picks (picked again since?): ignored, the "
+                         "cut-off comes from the scores alone");
+    return;
+  }
+  m.decoys_found = true;
+  m.decoys = std::move(decoys);
+  m.usable_pixels = usable;
+  m.on_edge = edge_picks(m.pixels, m.nx, m.ny, s.diameter / 2 / s.apix, m.picks, m.decoys, &m.decoy_on_edge);
 }
 
 // Picks as their files hold them (centres in whole pixels, scores to six

@@ -26,8 +26,24 @@ void read_pixels(Micrograph& m, const std::string& prog);
 void read_rejected(Micrograph& m);
 
 // m read whole from its files: pixels, the picks file of suffix (boxsize:
-// the box of STAR picks) and the rejected cells.
-void read_inputs(Micrograph& m, const std::string& suffix, int boxsize, const std::string& prog);
+// the box of STAR picks), the rejected cells, and the decoys file of suffix
+// when there is one (read_decoys).
+void read_inputs(Micrograph& m, const std::string& suffix, int boxsize, const Settings& s, const std::string& prog);
+
+// The decoys of a picks file live beside it, so that a run resumed with
+// --do_unfinished, or a report without --pick, cuts as the run that picked:
+// "_vexmatch.star" (or ".box") -> "NAME_vexmatch_decoys.star".
+std::string decoys_path(const std::string& mic, const std::string& suffix);
+
+// m's decoys and usable area written at path (whole, or not at all), bound
+// to m's picks by their count and a checksum of them as written. False when
+// it cannot be written.
+bool write_decoys(const Micrograph& m, const std::string& path);
+
+// The decoys at path into m (read after its pixels and picks), with the
+// flags on strong edges: nothing when there is no such file; a warning, and
+// nothing, when it is damaged or belongs to other picks (picked again since).
+void read_decoys(Micrograph& m, const std::string& path, const Settings& s);
 
 // m as the session picked it: pixels and rejected cells read, the picks and
 // decoys as their files hold them, and which of them lie on strong edges.

@@ -5,7 +5,7 @@
 # and resumed with --do_unfinished ends with the files of an uninterrupted run;
 # a damaged first micrograph and a name listed twice. With the automatic
 # cut-off, the files and page of gvexreport --pick --apply, whatever the
-# ranks and whichever micrographs fail.
+# ranks, whichever micrographs fail, and when resumed after a kill.
 # Usage: mpi_check.sh GVEXMATCH GVEXMATCH_MPI MAKEMIC SCRATCH [GVEXMATCH_TUNE [GVEXREPORT]]
 set -eu
 gvex=$1 mpi=$2 makemic=$3 work=$4 tune=${5:-} report=${6:-}
@@ -91,6 +91,19 @@ if [ -n "$report" ]; then
     same cut$k gr
     lines ../cut$k.log | cmp -s - ../gr.lines || fail "cut -n $k: other cut-off lines"
   done
+  # Killed part-way and resumed: the micrographs picked before are cut from
+  # their decoys files, as if the run had not stopped.
+  fresh cutres cut/c?.mrc
+  if GVEX_TEST_STOP_AT=micrograph:2 $run -x GVEX_TEST_STOP_AT -n 2 "$mpi" --auto_cutoff --report rep $opts $cuts \
+     >../cutkill.log 2>&1; then fail "cutres: the kill did not happen"; fi
+  $run -n 3 "$mpi" --auto_cutoff --report rep --do_unfinished 1 $opts $cuts >../cutres.log 2>&1 || fail "cutres failed"
+  grep -q "skipped (finished before)" ../cutres.log || fail "cutres: nothing skipped"
+  same cutres gr
+  # gvexreport without --pick reads the decoys files too.
+  fresh again cut/c?.mrc && cp ../gr/c?_* . && "$report" --out rep --apply $opts $cuts >../again.log ||
+    fail "gvexreport again failed"
+  lines ../again.log | cmp -s - ../gr.lines || fail "again: other cut-off lines"
+  for f in c?_vexmatch_auto.*; do cmp -s "$f" "../gr/$f" || fail "again: $f differs"; done
   fresh cutbad cut/c?.mrc && cp ../mics/broken.mrc .
   if $run -n 3 "$mpi" --auto_cutoff --report rep $opts c1.mrc broken.mrc c2.mrc c3.mrc c4.mrc >../cutbad.log 2>&1; then
     fail "cutbad: status 0"

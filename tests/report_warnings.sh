@@ -4,7 +4,8 @@
 # pixels that are not finite, an extended header, mode 0, two sections, a
 # header pixel size other than --apixM, no picks file, no picks kept, picks
 # in nearly every grid cell, along the edge, on rejected areas, and
-# templates of the wrong contrast (decoys outscoring the picks). The
+# templates of the wrong contrast (decoys outscoring the picks), and a
+# decoys file that is damaged or belongs to other picks. The
 # realistic and real micrographs on which none may fire are checked by
 # tests/quality/.
 # Usage: report_warnings.sh GVEXMATCH GVEXREPORT MAKEMIC SCRATCH
@@ -81,4 +82,19 @@ if grep '^warning' right.log; then fail "a warning on the clean micrograph picke
   fail "gvexreport --pick --dont_invertT failed"
 grep -q '^warning: m.mrc: the decoys (these templates with their contrast inverted) outscore the picks on this' wrong.log ||
   fail "templates of the wrong contrast not found: $(cat wrong.log)"
+# The decoys file --pick wrote beside the picks: read without --pick, unless
+# the picks were made again since or the file is damaged.
+for m in stale damaged; do
+  ln m.mrc $m.mrc && cp m_vexmatch_decoys.star ${m}_vexmatch_decoys.star
+done
+head -n -1 m_vexmatch.star >stale_vexmatch.star && cp m_vexmatch.star damaged_vexmatch.star
+sed -i '12s/^[0-9]*/1e300/' damaged_vexmatch_decoys.star
+"$report" --out rep6 --apixM 1.34 --diameter 120 m.mrc stale.mrc damaged.mrc >decoys.log || fail "gvexreport failed"
+grep -q '^m.mrc: .* decoys\{0,1\} above it' decoys.log || fail "the decoys file was not read: $(cat decoys.log)"
+expect() {  # the same, in decoys.log
+  got=$(grep "^warning: $1: " decoys.log | grep -v "outscore the picks" | sed "s/^warning: $1: //")
+  case $got in "$2"*) ;; *) fail "$1: warned '$got', not '$2...'" ;; esac
+}
+expect stale.mrc "decoys file stale_vexmatch_decoys.star belongs to other picks (picked again since?)"
+expect damaged.mrc "decoys file damaged_vexmatch_decoys.star is damaged"
 echo "report_warnings: every warning fired on its planted case and on no other"
