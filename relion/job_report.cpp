@@ -49,25 +49,32 @@ bool report_micrograph(Micrograph& m, const PickSettings& pick, bool apix_given,
 
 namespace {
 
-// The report's view of a recorded micrograph, its picks cut as recorded.
-// A micrograph cut over the job gets the warnings about the picks that cut
-// keeps now, on the grid of the job's speed (pixel size, diameter, speed).
-Micrograph as_micrograph(const MicRecord& r, double diameter, int speed) {
+// Swaps the picks, decoys and their edge flags between a record and the
+// report's view of it: lent, and given back by the same call.
+void lend(MicRecord& r, Micrograph& m) {
+  r.picks.swap(m.picks);
+  r.decoys.swap(m.decoys);
+  r.on_edge.swap(m.on_edge);
+  r.decoy_on_edge.swap(m.decoy_on_edge);
+}
+
+// The report's view of a recorded micrograph, its picks cut as recorded,
+// the record's picks and decoys lent to it. A micrograph cut over the job
+// gets the warnings about the picks that cut keeps now, on the grid of the
+// job's speed (pixel size, diameter, speed).
+Micrograph as_micrograph(MicRecord& r, double diameter, int speed) {
   Micrograph m;
   m.name = r.mic;
   m.nx = r.nx, m.ny = r.ny;
   m.picks_found = true;
-  m.picks = r.picks;
   m.rejected = r.rejected;
   m.masked = r.masked;
   m.cutoff = r.cutoff;
-  m.on_edge = r.on_edge;
   m.drop_edges = r.drop_edges;
   m.warnings = r.warnings;
   // A cut over the job: its decoys, and why it was chosen.
   m.decoys_found = r.pooled;
-  m.decoys = r.decoys;
-  m.decoy_on_edge = r.decoy_on_edge;
+  lend(r, m);
   m.choice.rule = r.rule, m.choice.why = r.why, m.choice.decoys_above = r.decoys_above;
   if (r.pooled) {
     Settings s = report_settings(r.apix, diameter, false);
@@ -110,24 +117,36 @@ bool write_summary(const std::string& path, const std::vector<MicRecord>& record
 
 }  // namespace
 
-bool write_job_report(const std::string& job, const std::vector<MicRecord>& records, double diameter, int speed,
+bool write_job_report(const std::string& job, std::vector<MicRecord>& records, double diameter, int speed,
                       std::string& why) {
-  std::vector<Micrograph> mics(records.size());
-  std::vector<std::string> pictures;
-  std::vector<double> all;
-  for (size_t k = 0; k < records.size(); k++) {
-    const MicRecord& r = records[k];
-    mics[k] = as_micrograph(r, diameter, speed);
-    pictures.push_back(r.picture);
-    for (const Pick& p : r.picks) all.push_back(p.score);
+  std::vector<Micrograph> mics;
+  // Gives the lent picks back however the page ends (a failed allocation too).
+  struct GiveBack {
+    std::vector<MicRecord>& records;
+    std::vector<Micrograph>& mics;
+    ~GiveBack() {
+      for (size_t k = 0; k < mics.size(); k++) lend(records[k], mics[k]);
+    }
+  };
+  bool page = false;
+  {
+    mics.reserve(records.size());
+    GiveBack give_back{records, mics};
+    std::vector<std::string> pictures;
+    std::vector<double> all;
+    for (MicRecord& r : records) {
+      mics.push_back(as_micrograph(r, diameter, speed));
+      pictures.push_back(r.picture);
+      for (const Pick& p : mics.back().picks) all.push_back(p.score);
+    }
+    // The page draws the picks and finds the pictures' crops with the pixel
+    // size they were drawn with (one a job, as its first micrograph's).
+    Settings s;
+    s.apix = records.empty() ? 1.0 : records.front().apix;
+    s.diameter = diameter;
+    page = write_page(mics, pictures, s, job_cutoff(all), job + "index.html");
   }
-  // The page draws the picks and finds the pictures' crops with the pixel
-  // size they were drawn with (one a job, as its first micrograph's).
-  Settings s;
-  s.apix = records.empty() ? 1.0 : records.front().apix;
-  s.diameter = diameter;
-  if (!write_page(mics, pictures, s, job_cutoff(all), job + "index.html"))
-    return why = "cannot write " + job + "index.html", false;
+  if (!page) return why = "cannot write " + job + "index.html", false;
   if (!write_summary(job + "summary.star", records, mics)) return why = "cannot write " + job + "summary.star", false;
   return true;
 }
