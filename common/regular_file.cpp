@@ -43,6 +43,22 @@ FILE* gvex_open_regular(const char* path, const char** kind) {
   return fp;
 }
 
+const char* gvex_not_a_file_kind(const char* path) {
+  struct stat st;
+  return stat(path, &st) == 0 && !S_ISREG(st.st_mode) ? kind_of(st.st_mode) : "";
+}
+
+bool gvex_read_regular(const std::string& path, std::string& text, const char** kind) {
+  text.clear();
+  FILE* fp = gvex_open_regular(path.c_str(), kind);
+  if (!fp) return false;
+  char buf[65536];
+  for (size_t n; (n = fread(buf, 1, sizeof buf, fp)) > 0;) text.append(buf, n);
+  const bool ok = !ferror(fp);
+  fclose(fp);
+  return ok;
+}
+
 void gvex_not_a_file(const char* what, const char* path, const char* kind, const char* func, const char* module,
                      int line) {
   const std::string why = std::string(what) + " " + path + " is " + kind + ", not a file: it cannot be read";

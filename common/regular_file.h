@@ -4,11 +4,21 @@
 // allocated from what they would hand out.
 #pragma once
 #include <cstdio>
+#include <string>
 
 // Opens path for reading (links are followed) when it is a regular file.
 // Otherwise null, with *kind "a folder", "a FIFO", "a device" or "a socket",
 // or "" when the open itself failed (errno set).
 FILE* gvex_open_regular(const char* path, const char** kind);
+
+// What stands at path when it is there and not a regular file ("a FIFO",
+// "a folder"...); "" for a file, or nothing there.
+const char* gvex_not_a_file_kind(const char* path);
+
+// The whole of path into text when it is a regular file. Otherwise false,
+// with *kind as gvex_open_regular gives it ("" when it could not be opened
+// or read).
+bool gvex_read_regular(const std::string& path, std::string& text, const char** kind);
 
 // The fatal line for such an input: "<what> <path> is <kind>, not a file: it
 // cannot be read" from func of module at line.

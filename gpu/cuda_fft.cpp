@@ -15,6 +15,7 @@
 #endif
 
 #include "common/atomic_file.h"
+#include "common/regular_file.h"
 #include "gpu/device.h"
 #include "gpu/device_cuda.h"
 #include "gpu/launch.h"
@@ -87,10 +88,12 @@ bool import_wisdom(const std::string& path, std::string& why) {
     ok = fftwf_import_system_wisdom();
     if (!ok) why = "no FFTW system wisdom (/etc/fftw/wisdomf)";
   } else {
-    FILE* fp = fopen(path.c_str(), "r");
+    // A FIFO would wait for a writer for ever: only a file is read.
+    const char* kind = "";
+    FILE* fp = gvex_open_regular(path.c_str(), &kind);
     ok = fp && fftwf_import_wisdom_from_file(fp);
     if (fp) fclose(fp);
-    if (!ok) why = "cannot read FFTW wisdom from " + path;
+    if (!ok) why = "cannot read FFTW wisdom from " + path + (*kind ? std::string(": it is ") + kind : "");
   }
   return ok != 0;
 }

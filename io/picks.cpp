@@ -4,9 +4,9 @@
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
-#include <fstream>
 #include <sstream>
 
+#include "common/regular_file.h"
 #include "common/strutil.h"
 #include "io/boxfile.h"
 
@@ -62,8 +62,9 @@ bool picks_write(FILE* fp, const std::vector<Pick>& picks, bool star, double cut
 
 PicksRead picks_read(const std::string& path, int box, std::vector<Pick>& picks) {
   PicksRead r;
-  std::ifstream in(path);
-  if (!in) return r;
+  std::string text;
+  if (!gvex_read_regular(path, text, &r.not_a_file)) return r;
+  std::istringstream in(text);
   r.opened = true;
   const bool star = ends_with(path, ".star");
   std::vector<double> v;
@@ -106,8 +107,9 @@ PicksRead picks_read(const std::string& path, int box, std::vector<Pick>& picks)
 
 PicksRead rejected_read(const std::string& path, std::vector<Cell>& cells) {
   PicksRead r;
-  std::ifstream in(path);
-  if (!in) return r;
+  std::string text;
+  if (!gvex_read_regular(path, text, &r.not_a_file)) return r;
+  std::istringstream in(text);
   r.opened = true;
   std::vector<double> v;
   long line_no = 0;

@@ -45,6 +45,7 @@ struct PicksRead {
   long refused = 0;      // lines of numbers refused: not finite, or out of range
   long first_refused = 0;  // 1-based line number of the first refused line
   double cut = NAN;      // the cut-off a "# cut-off X" line records; NaN when none does
+  const char* not_a_file = "";  // "a FIFO", "a folder"...: what stands at the name instead, unread
 };
 
 // Coordinates beyond this many pixels, in either direction, are refused:

@@ -3,8 +3,9 @@
 #include "io/star_table.h"
 
 #include <cctype>
-#include <fstream>
 #include <sstream>
+
+#include "common/regular_file.h"
 
 int StarTable::column(const std::string& label) const {
   for (size_t i = 0; i < labels.size(); i++)
@@ -120,14 +121,13 @@ bool star_parse(const std::string& text, std::vector<StarTable>& blocks, std::st
 }
 
 bool star_read_file(const std::string& path, std::vector<StarTable>& blocks, std::string& why) {
-  std::ifstream in(path, std::ios::binary);
-  if (!in) {
-    why = "cannot read " + path;
+  std::string text;
+  const char* kind = "";
+  if (!gvex_read_regular(path, text, &kind)) {
+    why = *kind ? path + " is " + kind + ", not a file" : "cannot read " + path;
     return false;
   }
-  std::ostringstream ss;
-  ss << in.rdbuf();
-  if (!star_parse(ss.str(), blocks, why)) {
+  if (!star_parse(text, blocks, why)) {
     why = path + ", " + why;
     return false;
   }

@@ -25,6 +25,7 @@
 #include "common/atomic_file.h"
 #include "common/errors.h"
 #include "common/owned.h"
+#include "common/regular_file.h"
 #include "common/stop_point.h"
 #include "gpu/device.h"
 #include "io/mrcfile.h"
@@ -389,9 +390,10 @@ void Job::pick_all(const std::vector<MicEntry>& todo, std::string& why, bool& fa
     }
     MRC_HEAD h;
     try {
-      OwnedFile fp(fopen(e.name.c_str(), "r"));
+      const char* kind = "";
+      OwnedFile fp(gvex_open_regular(e.name.c_str(), &kind));
       if (!fp) {
-        skip(e, "cannot open it");
+        skip(e, *kind ? std::string("it is ") + kind + ", not a file" : "cannot open it");
         continue;
       }
       mrc_read_head(fp.get(), &h);
@@ -653,7 +655,11 @@ std::vector<MicEntry> Job::ready(double now) {
     auto f = failed_.find(e.name);
     Stamp s;
     if (f != failed_.end() && stamp_of(e.name, s) && s == f->second) continue;
-    if (settled(e, now)) todo.push_back(e);
+    // A FIFO or a folder never settles: said once, not waited on.
+    if (const char* kind = gvex_not_a_file_kind(e.name.c_str()); *kind)
+      skip(e, std::string("it is ") + kind + ", not a file");
+    else if (settled(e, now))
+      todo.push_back(e);
     else if (!o_.follow && !stamp_of(e.name, s)) skip(e, "no such file");
     else waiting_++;
   }

@@ -3,11 +3,11 @@
 #include <glob.h>
 
 #include <cstdlib>
-#include <fstream>
 #include <map>
 #include <set>
 #include <sstream>
 
+#include "common/regular_file.h"
 #include "common/strutil.h"
 #include "io/star_table.h"
 
@@ -56,8 +56,11 @@ void from_one_table(const StarTable& t, std::vector<MicEntry>& out) {
 }
 
 bool from_list(const std::string& path, std::vector<MicEntry>& out, std::string& why) {
-  std::ifstream in(path);
-  if (!in) return why = "cannot read the micrograph list " + path, false;
+  std::string text;
+  const char* kind = "";
+  if (!gvex_read_regular(path, text, &kind))
+    return why = "cannot read the micrograph list " + path + (*kind ? std::string(": it is ") + kind : ""), false;
+  std::istringstream in(text);
   for (std::string line; std::getline(in, line);) {
     std::istringstream ws(line);
     std::string w;
@@ -96,11 +99,12 @@ bool read_mic_input(const std::vector<std::string>& inputs, MicInput& out, std::
   std::vector<MicEntry> all;
   for (const std::string& in : inputs) {
     if (ends_with(in, ".star")) {
-      std::ifstream f(in, std::ios::binary);
-      if (!f) return why = "cannot read the micrographs STAR file " + in, false;
-      std::ostringstream text;
-      text << f.rdbuf();
-      if (!mics_from_star(text.str(), all, why)) return why = in + ": " + why, false;
+      std::string text;
+      const char* kind = "";
+      if (!gvex_read_regular(in, text, &kind))
+        return why = "cannot read the micrographs STAR file " + in + (*kind ? std::string(": it is ") + kind : ""),
+               false;
+      if (!mics_from_star(text, all, why)) return why = in + ": " + why, false;
       if (out.star.empty()) out.star = in;
     } else if (in.find_first_of("*?[") != std::string::npos) {
       from_glob(in, all);

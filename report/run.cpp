@@ -9,10 +9,11 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <fstream>
+#include <sstream>
 
 #include "common/atomic_file.h"
 #include "common/errors.h"
+#include "common/regular_file.h"
 #include "common/strutil.h"
 #include "report/edges.h"
 #include "report/page.h"
@@ -46,7 +47,9 @@ void read_pixels(Micrograph& m, const std::string& prog) {
   }
 }
 
+// What a user needs to hear of a file read beside a micrograph.
 static void damaged_lines(Micrograph& m, const PicksRead& read, const std::string& path) {
+  if (*read.not_a_file) m.warnings.push_back(path + " is " + read.not_a_file + ", not a file: not read");
   if (read.refused > 0)
     m.warnings.push_back(std::to_string(read.refused) + " damaged line(s) of " + path + " skipped (the first is line " +
                          std::to_string(read.first_refused) + "): numbers not finite or out of range");
@@ -105,18 +108,23 @@ bool write_decoys(const Micrograph& m, const std::string& path) {
 }
 
 void read_decoys(Micrograph& m, const std::string& path, const Settings& s) {
-  std::ifstream in(path);
-  if (!in) return;
+  std::string text;
+  const char* kind = "";
+  if (!gvex_read_regular(path, text, &kind)) {
+    if (*kind) m.warnings.push_back("decoys file " + path + " is " + kind + ", not a file: not read");
+    return;
+  }
   std::string record;
+  std::istringstream in(text);
   for (std::string line; std::getline(in, line);)
     if (line.compare(0, strlen(kDecoysRecord), kDecoysRecord) == 0) record = line;
   size_t count = 0;
   unsigned long long sum = 0;
   double usable = 0;
   const bool recorded = !record.empty() &&
-                    sscanf(record.c_str() + strlen(kDecoysRecord), "%zu picks, checksum %llx; usable pixels %lf",
-                           &count, &sum, &usable) == 3 &&
-                    std::isfinite(usable) && usable >= 0;
+                        sscanf(record.c_str() + strlen(kDecoysRecord), "%zu picks, checksum %llx; usable pixels %lf",
+                               &count, &sum, &usable) == 3 &&
+                        std::isfinite(usable) && usable >= 0;
   std::vector<Pick> decoys;
   const PicksRead read = picks_read(path, 0, decoys);
   if (!recorded || read.refused > 0) {

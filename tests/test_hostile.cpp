@@ -93,6 +93,20 @@ TEST(Hostile, FifosFoldersAndLineBreaksAreRefusedByName) {
   EXPECT_FALSE(rep.timed_out);
   EXPECT_EQ(rep.status, 1);
   EXPECT_TRUE(contains(rep.err, "micrograph fifo.mrc is a FIFO, not a file")) << rep.err;
+
+  // Beside a micrograph the report reads picks, rejected cells and decoys:
+  // what stands there instead of a file is named, not waited on.
+  for (const char* m : {"c.mrc", "d.mrc"}) ASSERT_TRUE(make_mic(dir.path(), m, 512, 512, 4));
+  expect_end(gvex_in(dir.path(), {"--cc_cutoff", "0", "d.mrc"}), 0, dir.path());
+  for (const char* f : {"c_vexmatch.star", "c_rejected.box", "d_vexmatch_decoys.star"})
+    ASSERT_EQ(mkfifo(dir.file(f).c_str(), 0644), 0);
+  const RunResult beside = report_in(dir.path(), "--out rep2 c.mrc d.mrc", 30);
+  EXPECT_FALSE(beside.timed_out);
+  EXPECT_EQ(beside.status, 0) << beside.err;
+  for (const char* said : {"c.mrc: c_vexmatch.star is a FIFO, not a file: not read",
+                           "c.mrc: c_rejected.box is a FIFO, not a file",
+                           "d.mrc: decoys file d_vexmatch_decoys.star is a FIFO"})
+    EXPECT_TRUE(contains(beside.out, said)) << beside.out;
 }
 
 // Something in the way of an output that is not ours to remove (a folder

@@ -471,7 +471,8 @@ TEST(RelionJob, UnreadableMicrographsAreSkipped) {
   std::string complex = bytes;
   complex[12] = 3;  // mode 3, complex shorts
   write_text_file(dir.file("complex.mrc"), complex);
-  write_text_file(dir.file("list.txt"), "short.mrc\ngood.mrc\ntext.mrc\nmissing.mrc\ncomplex.mrc\n");
+  ASSERT_EQ(mkfifo(dir.file("fifo.mrc").c_str(), 0644), 0);
+  write_text_file(dir.file("list.txt"), "short.mrc\ngood.mrc\ntext.mrc\nmissing.mrc\ncomplex.mrc\nfifo.mrc\n");
   RunResult r = relion_in(dir.path(), job_args("J/", "list.txt"));
   EXPECT_EQ(r.status, 0) << r.err;
   for (const char* bad : {"short.mrc", "text.mrc", "missing.mrc", "complex.mrc"}) {
@@ -481,6 +482,7 @@ TEST(RelionJob, UnreadableMicrographsAreSkipped) {
   EXPECT_TRUE(contains(r.out, "skipped short.mrc: file short.mrc is too short")) << r.out;
   EXPECT_TRUE(contains(r.out, "skipped missing.mrc: no such file")) << r.out;
   EXPECT_TRUE(contains(r.out, "skipped complex.mrc: its pixels are of MRC mode 3")) << r.out;
+  EXPECT_TRUE(contains(r.out, "skipped fifo.mrc: it is a FIFO, not a file")) << r.out;
   EXPECT_TRUE(file_exists(dir.file("J/good_autopick.star")));
   EXPECT_FALSE(file_exists(dir.file("J/short_autopick.star")));
   EXPECT_EQ(star_block(dir.file("J/autopick.star"), "coordinate_files").rows.size(), 1u);
@@ -491,6 +493,12 @@ TEST(RelionJob, UnreadableMicrographsAreSkipped) {
   EXPECT_EQ(r.status, 1);
   EXPECT_TRUE(contains(r.err, "no micrograph could be picked")) << r.err;
   EXPECT_TRUE(file_exists(dir.file("K/RELION_JOB_EXIT_FAILURE")));
+
+  // An input that is not a file is named, never waited on.
+  ASSERT_EQ(mkfifo(dir.file("fifo.star").c_str(), 0644), 0);
+  r = relion_in(dir.path(), job_args("L/", "fifo.star"));
+  EXPECT_EQ(r.status, 1);
+  EXPECT_TRUE(contains(r.err, "cannot read the micrographs STAR file fifo.star: it is a FIFO")) << r.err;
 }
 
 // RELION_JOB_ABORT_NOW: the job stops after the micrograph it is picking

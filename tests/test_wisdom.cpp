@@ -3,6 +3,7 @@
 // bits; a shape the wisdom lacks is estimated. (Its own executable: the
 // planning mode is the process's.)
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 #include <string>
 #include <vector>
@@ -34,6 +35,9 @@ TEST(Wisdom, MeasuredPlansAreFoundAgainWithTheirBits) {
   ASSERT_TRUE(gvex_fft_write_wisdom(wisdom));
   EXPECT_FALSE(gvex_fft_plans_from_wisdom(dir.file("none.wisdom"), why));
   EXPECT_NE(why.find("none.wisdom"), std::string::npos) << why;
+  ASSERT_EQ(mkfifo(dir.file("fifo.wisdom").c_str(), 0644), 0);  // named, never waited on
+  EXPECT_FALSE(gvex_fft_plans_from_wisdom(dir.file("fifo.wisdom"), why));
+  EXPECT_NE(why.find("fifo.wisdom: it is a FIFO"), std::string::npos) << why;
   ASSERT_TRUE(gvex_fft_plans_from_wisdom(wisdom, why)) << why;
   EXPECT_EQ(gvex_fft_plans_text(), "from wisdom " + wisdom + " (shapes it lacks are estimated)");
   EXPECT_TRUE(same_bits(round_trip(96, img), measured));
