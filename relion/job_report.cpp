@@ -5,9 +5,6 @@
 
 #include "common/atomic_file.h"
 #include "common/errors.h"
-#include "common/owned.h"
-#include "common/regular_file.h"
-#include "io/mrcfile.h"
 #include "io/star_table.h"
 #include "relion/cutoff_rule.h"
 #include "relion/relion_files.h"
@@ -15,23 +12,11 @@
 
 bool read_for_report(Micrograph& m, std::string& why) {
   try {
-    const char* kind = "";
-    OwnedFile fp(gvex_open_regular(m.name.c_str(), &kind));
-    if (!fp) return why = *kind ? m.name + " is " + kind + ", not a file" : "cannot open " + m.name, false;
-    MRC_HEAD h;
-    mrc_read_head(fp.get(), &h);
-    if (!mrc_mode_is_readable(h.mode, true)) return why = m.name + " has pixel mode " + std::to_string(h.mode), false;
-    m.nx = h.nx, m.ny = h.ny, m.nz = h.nz, m.mode = h.mode, m.nsymbt = h.nsymbt;
-    // A cell equal to the sampling says nothing about the pixel size.
-    m.header_apix = h.mx > 0 && h.xlen > 0 && h.xlen != (float)h.mx ? (double)h.xlen / h.mx : 0;
-    m.pixels.assign((size_t)h.nx * h.ny, 0.0f);
-    mrc_read_slice(fp.get(), &h, 0, 'z', m.pixels.data(), true);
+    read_micrograph(m, true);
   } catch (const GvexFailure& f) {
     why = f.text;
     return false;
   }
-  m.nonfinite = 0;
-  for (float v : m.pixels) m.nonfinite += !std::isfinite(v);
   return true;
 }
 

@@ -23,22 +23,22 @@ std::string beside(const std::string& mic, const std::string& suffix) {
   return mic + suffix;
 }
 
-void read_micrograph(Micrograph& m) {
+void read_micrograph(Micrograph& m, bool float16) {
   const char* kind = "";
   OwnedFile fp(gvex_open_regular(m.name.c_str(), &kind));
-  if (!fp && *kind) gvex_throw("gvexreport: micrograph " + m.name + " is " + kind + ", not a file: it cannot be read\n");
-  if (!fp) gvex_throw("gvexreport: cannot open micrograph " + m.name + "\n");
+  if (!fp && *kind) gvex_throw("micrograph " + m.name + " is " + kind + ", not a file: it cannot be read\n");
+  if (!fp) gvex_throw("cannot open micrograph " + m.name + "\n");
   MRC_HEAD h;
   mrc_read_head(fp.get(), &h);
   m.nx = h.nx, m.ny = h.ny, m.nz = h.nz, m.mode = h.mode, m.nsymbt = h.nsymbt;
-  if (!mrc_mode_is_readable(h.mode))
-    gvex_throw("gvexreport: micrograph " + m.name + " has pixel mode " + std::to_string(h.mode) +
-               ", which cannot be read\n");
+  if (!mrc_mode_is_readable(h.mode, float16))
+    gvex_throw("micrograph " + m.name + " has pixel mode " + std::to_string(h.mode) + ", which cannot be read\n");
   // A cell equal to the sampling (1 A per pixel) is what writers leave when
   // they know no pixel size: no claim to compare.
   m.header_apix = h.mx > 0 && h.xlen > 0 && h.xlen != (float)h.mx ? (double)h.xlen / h.mx : 0;
   m.pixels.assign((size_t)h.nx * h.ny, 0.0f);
-  mrc_read_slice(fp.get(), &h, 0, 'z', m.pixels.data());
+  mrc_read_slice(fp.get(), &h, 0, 'z', m.pixels.data(), float16);
+  m.nonfinite = 0;
   for (float v : m.pixels) m.nonfinite += !std::isfinite(v);
 }
 

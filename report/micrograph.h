@@ -54,9 +54,9 @@ struct Micrograph {
 // Name beside the micrograph: its ".mrc"/".mrcs" ending replaced by suffix.
 std::string beside(const std::string& mic, const std::string& suffix);
 
-// Reads the header and first section; a file that cannot be read throws
-// GvexFailure with a message naming it.
-void read_micrograph(Micrograph& m);
+// Reads the header and first section (float16 pixels too, when asked); a
+// file that cannot be read throws GvexFailure with a message naming it.
+void read_micrograph(Micrograph& m, bool float16 = false);
 
 // The picks of path into m (boxsize: the box of STAR picks), and the cut
 // they already had: the one the file records (for a ".box" file, the STAR
