@@ -61,12 +61,16 @@ bool picks_write(FILE* fp, const std::vector<Pick>& picks, bool star, double cut
 
 
 PicksRead picks_read(const std::string& path, int box, std::vector<Pick>& picks) {
-  PicksRead r;
   std::string text;
+  PicksRead r;
   if (!gvex_read_regular(path, text, &r.not_a_file)) return r;
+  return picks_parse(text, ends_with(path, ".star"), box, picks);
+}
+
+PicksRead picks_parse(const std::string& text, bool star, int box, std::vector<Pick>& picks) {
+  PicksRead r;
   std::istringstream in(text);
   r.opened = true;
-  const bool star = ends_with(path, ".star");
   std::vector<double> v;
   long line_no = 0;
   for (std::string line; std::getline(in, line);) {

@@ -62,6 +62,9 @@ constexpr double PICKS_MAX_SCORE = 1e6;
 // the result.
 PicksRead picks_read(const std::string& path, int box, std::vector<Pick>& picks);
 
+// The same for the text of such a file, in its ".star" (star) or ".box" form.
+PicksRead picks_parse(const std::string& text, bool star, int box, std::vector<Pick>& picks);
+
 // The cells of a "_rejected.box" file (none when it is absent); damaged
 // lines are counted as in picks_read.
 PicksRead rejected_read(const std::string& path, std::vector<Cell>& cells);

@@ -126,7 +126,7 @@ void read_decoys(Micrograph& m, const std::string& path, const Settings& s) {
                                &count, &sum, &usable) == 3 &&
                         std::isfinite(usable) && usable >= 0;
   std::vector<Pick> decoys;
-  const PicksRead read = picks_read(path, 0, decoys);
+  const PicksRead read = picks_parse(text, true, 0, decoys);
   if (!recorded || read.refused > 0) {
     m.warnings.push_back("decoys file " + path + " is damaged: ignored, the cut-off comes from the scores alone");
     return;
