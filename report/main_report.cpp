@@ -152,7 +152,8 @@ ReportOptions parse(int argc, char** argv) {
 void picture(Micrograph& m, size_t k, const Settings& set, const std::string& out, std::vector<std::string>& pictures) {
   const std::string name = write_pictures(m, k, set, out);
   if (name.empty())
-    gvex_throw("gvexreport: cannot write " + out + "/" + picture_name(k, m.name) + " (or the crop beside it)\n", 1, true);
+    gvex_throw("gvexreport: cannot write " + out + "/" + picture_name(k, m.name) + " (or the crop beside it)\n", 1,
+               true);
   pictures.push_back(name);
 }
 
