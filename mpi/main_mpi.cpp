@@ -63,6 +63,15 @@ struct AutoCut {
   std::string suffix;  // the picks files beside each micrograph
   std::vector<Micrograph> mics;  // by index; those with picks found are cut
   std::vector<std::string> pictures;
+
+  // The report's view of a run of n micrographs picked with these options.
+  void start(const PickOptions& opt, const PickSettings& settings, int n) {
+    set = report_settings(opt.apixM, opt.diameter, apix_given);
+    set.pick = settings;
+    suffix = opt.write_star ? "_vexmatch.star" : "_vexmatch.box";
+    mics.resize(n);
+    pictures.resize(n);
+  }
 };
 
 [[noreturn]] void usage_error(const std::string& why) {
@@ -237,6 +246,21 @@ void work(PickSession& session, const GVexMatch_Para& p, int rank, const AutoCut
   }
 }
 
+// Rank 0 alone (-n 1): every micrograph in turn.
+void pick_alone(PickSession& session, const GVexMatch_Para& p, Progress& progress, AutoCut& cut) {
+  for (int i = 0; i < p.n_mic; i++) {
+    if (progress.listed_before(i)) {
+      progress.finished(i, OUTCOME_SKIPPED, 0, 0.0, "listed before");
+      continue;
+    }
+    Micrograph m;
+    std::string picture;
+    const Result r = pick_one(session, p, i, 0, cut, m, picture);
+    if (cut.on && r.outcome != OUTCOME_FAILED) keep_for_cut(cut, i, std::move(m), std::move(picture));
+    progress.finished(i, r.outcome, r.picks, r.seconds, r.reason);
+  }
+}
+
 // Rank 0, the run picked: its micrographs cut as one, the kept picks
 // written beside them, the page. Returns the exit status.
 int cut_the_run(AutoCut& cut, int status) {
@@ -304,13 +328,7 @@ int run_mpi(int argc, char** argv, int rank, int ranks, int local_rank, int loca
   opt.decoys = cut.on;
   const PickSettings settings = derive(opt);
   PickSession session(settings);
-  if (cut.on) {
-    cut.set = report_settings(opt.apixM, opt.diameter, cut.apix_given);
-    cut.set.pick = settings;
-    cut.suffix = opt.write_star ? "_vexmatch.star" : "_vexmatch.box";
-    cut.mics.resize(p->n_mic);
-    cut.pictures.resize(p->n_mic);
-  }
+  if (cut.on) cut.start(opt, settings, p->n_mic);
   // The processes sharing this rank's memory: on the host every rank of the
   // node, on a GPU the ranks of the node that were given the same GPU.
   int sharers = local_ranks;
@@ -336,17 +354,7 @@ int run_mpi(int argc, char** argv, int rank, int ranks, int local_rank, int loca
   if (!ok) throw failure;
   if (!all_ok) gvex_throw("Another rank could not prepare the run; its messages went to its own output.\n");
   if (ranks == 1) {
-    for (int i = 0; i < p->n_mic; i++) {
-      if (progress.listed_before(i)) {
-        progress.finished(i, OUTCOME_SKIPPED, 0, 0.0, "listed before");
-        continue;
-      }
-      Micrograph m;
-      std::string picture;
-      const Result r = pick_one(session, *p, i, rank, cut, m, picture);
-      if (cut.on && r.outcome != OUTCOME_FAILED) keep_for_cut(cut, i, std::move(m), std::move(picture));
-      progress.finished(i, r.outcome, r.picks, r.seconds, r.reason);
-    }
+    pick_alone(session, *p, progress, cut);
   } else if (rank == 0) {
     hand_out(ranks, progress, cut);
   } else {
