@@ -10,5 +10,7 @@
 
 std::vector<char> pack_micrograph(const Micrograph& m, const std::string& picture);
 
-// False for bytes that are not a whole packed micrograph.
+// False for bytes that are not a whole packed micrograph, or whose figures
+// no picking rank would send (coordinates or scores out of range, flags
+// that do not match the picks).
 bool unpack_micrograph(const std::vector<char>& bytes, Micrograph& m, std::string& picture);
