@@ -29,10 +29,20 @@ const char* const kPairs[] = {"rlnMicrographName", "gvexSequence", "gvexWidth", 
                               "rlnMicrographPixelSize", "gvexCutoff", "gvexEdgeBox", "gvexMaskedFraction",
                               "rlnMicrographCoordinates", "gvexPicture"};
 
-bool number(const std::string& s, double& v) {
+// A number as record_write writes it: the whole text, within [lo, hi]
+// (never NaN), so that it converts to its field's type without overflow.
+bool number(const std::string& s, double& v, double lo, double hi) {
   char* end = nullptr;
   v = strtod(s.c_str(), &end);
-  return !s.empty() && !*end;
+  return !s.empty() && !*end && v >= lo && v <= hi;
+}
+
+constexpr double kCoord = PICKS_MAX_COORD, kScore = PICKS_MAX_SCORE;
+
+// A pick's centre and score (the first three of a row).
+bool pick_numbers(const std::vector<std::string>& row, double* n) {
+  return number(row[0], n[0], -kCoord, kCoord) && number(row[1], n[1], -kCoord, kCoord) &&
+         number(row[2], n[2], -kScore, kScore);
 }
 
 // The blocks a record of a job cut over the whole job adds: the area, the
@@ -40,8 +50,8 @@ bool number(const std::string& s, double& v) {
 bool pooled_read(const std::vector<StarTable>& blocks, MicRecord& r) {
   const StarTable &run = blocks[4], &edges = blocks[5], &decoys = blocks[6];
   double v[2];
-  if (run.rows.size() != 1 || run.rows[0].size() != 2 || !number(run.rows[0][0], v[0]) ||
-      !number(run.rows[0][1], v[1]) || !std::isfinite(v[0]) || v[0] < 0 || edges.rows.size() != r.picks.size())
+  if (run.rows.size() != 1 || run.rows[0].size() != 2 || !number(run.rows[0][0], v[0], 0, 1e15) ||
+      !number(run.rows[0][1], v[1], 0, 1) || edges.rows.size() != r.picks.size())
     return false;
   r.pooled = true;
   r.usable_pixels = v[0];
@@ -52,9 +62,7 @@ bool pooled_read(const std::vector<StarTable>& blocks, MicRecord& r) {
   }
   for (const auto& row : decoys.rows) {
     double n[3];
-    if (row.size() != 4 || (row[3] != "0" && row[3] != "1")) return false;
-    for (int i = 0; i < 3; i++)
-      if (!number(row[i], n[i]) || !std::isfinite(n[i])) return false;
+    if (row.size() != 4 || (row[3] != "0" && row[3] != "1") || !pick_numbers(row, n)) return false;
     Pick p;
     p.x = n[0], p.y = n[1], p.score = (float)n[2];
     r.decoys.push_back(p);
@@ -131,9 +139,11 @@ bool record_read(const std::string& path, MicRecord& r, std::string& why) {
       blocks[0].labels.size() != std::size(kPairs))
     return false;
   const std::vector<std::string>& h = blocks[0].rows[0];
+  // Sequence, width, height, pixel size, cut-off, edge box, masked share.
+  static const double lo[8] = {0, 0, 0, 0, 0, -kScore, 0, 0}, hi[8] = {0, 1e15, kCoord, kCoord, 1e6, kScore, kCoord, 1};
   double v[8];
   for (int i = 1; i < 8; i++)
-    if (!number(h[i], v[i])) return false;
+    if (!number(h[i], v[i], lo[i], hi[i])) return false;
   r.mic = h[0];
   r.sequence = (long)v[1], r.nx = (int)v[2], r.ny = (int)v[3], r.apix = v[4], r.cutoff = v[5];
   r.edge_box = (int)v[6], r.masked = v[7];
@@ -142,9 +152,9 @@ bool record_read(const std::string& path, MicRecord& r, std::string& why) {
   for (const auto& row : blocks[1].rows) r.warnings.push_back(row[0]);
   for (const auto& row : blocks[2].rows) {
     double n[6];
-    if (row.size() != 6) return false;
-    for (int i = 0; i < 6; i++)
-      if (!number(row[i], n[i])) return false;
+    if (row.size() != 6 || !pick_numbers(row, n) || !number(row[3], n[3], -1e9, 1e9) ||
+        !number(row[4], n[4], -1e6, 1e6) || !number(row[5], n[5], 0, kCoord))
+      return false;
     Pick p;
     p.x = n[0], p.y = n[1], p.score = (float)n[2], p.cls = (int)n[3], p.psi = (float)n[4], p.w = p.h = (int)n[5];
     r.picks.push_back(p);
@@ -153,7 +163,7 @@ bool record_read(const std::string& path, MicRecord& r, std::string& why) {
     double n[4];
     if (row.size() != 4) return false;
     for (int i = 0; i < 4; i++)
-      if (!number(row[i], n[i])) return false;
+      if (!number(row[i], n[i], -kCoord, kCoord)) return false;
     r.rejected.push_back(Cell{(long)n[0], (long)n[1], (long)n[2], (long)n[3]});
   }
   if (blocks.size() == 7 && !pooled_read(blocks, r)) return false;

@@ -16,6 +16,7 @@
 #include "relion/cutoff_rule.h"
 #include "relion/job_options.h"
 #include "relion/mic_input.h"
+#include "relion/record.h"
 #include "relion/relion_files.h"
 #include "support/e2e.h"
 
@@ -458,6 +459,41 @@ TEST(RelionJob, CutOverTheJobIsGvexreportsHoweverTheJobRan) {
   EXPECT_EQ(run_shell(cmd, RunOptions{killed, 180}).signal, SIGKILL);
   ASSERT_EQ(relion_in(killed, args).status, 0);
   EXPECT_EQ(files_of(killed + "/J/"), want);
+}
+
+// A record edited by hand or left by a damaged disk: a number out of its
+// field's range is refused whole, as a missing field is, and never converted
+// into a width or a class it overflows.
+TEST(RelionJob, RecordsWithNumbersOutOfRangeAreRefused) {
+  TempDir dir;
+  MicRecord r;
+  r.mic = "m1.mrc", r.sequence = 1, r.nx = 960, r.ny = 800, r.apix = 1.06, r.cutoff = 0.2, r.masked = 0.1;
+  Pick p;
+  p.x = 100, p.y = 120, p.score = 0.5f, p.cls = 2, p.psi = 30, p.w = p.h = 64;
+  r.picks = {p};
+  r.pooled = true, r.usable_pixels = 7e5, r.on_edge = {0}, r.decoys = {p}, r.decoy_on_edge = {1};
+  const std::string path = dir.file("r.star");
+  ASSERT_TRUE(record_write(path, r));
+  const std::string text = read_text_file(path);
+  MicRecord back;
+  std::string why;
+  ASSERT_TRUE(record_read(path, back, why)) << why;
+  EXPECT_EQ(back.picks.size(), 1u);
+  EXPECT_EQ(back.decoys.size(), 1u);
+  const std::pair<const char*, const char*> damage[] = {
+      {"_gvexWidth 960", "_gvexWidth 1e300"},   {"_gvexSequence 1\n", "_gvexSequence -1\n"},
+      {"_gvexMaskedFraction 0.1", "_gvexMaskedFraction nan"}, {"_gvexUsablePixels 700000", "_gvexUsablePixels inf"},
+      {"120 0.5 2 30 64", "120 0.5 9e18 30 64"}, {"120 0.5 2 30 64", "120 1e30 2 30 64"},
+      {"100 120 0.5 1\n", "1e300 120 0.5 1\n"}};
+  for (const auto& d : damage) {
+    ASSERT_NE(text.find(d.first), std::string::npos) << d.first << " in\n" << text;
+    std::string bad = text;
+    bad.replace(bad.find(d.first), strlen(d.first), d.second);
+    write_text_file(path, bad);
+    MicRecord fresh;
+    EXPECT_FALSE(record_read(path, fresh, why)) << d.second;
+    EXPECT_EQ(why, path + " is not a complete record") << d.second;
+  }
 }
 
 // A micrograph that cannot be read is named and skipped, the rest are

@@ -1,0 +1,26 @@
+// The RELION job's inputs: the micrographs STAR file a pipeline hands it,
+// and a micrograph's record under the job folder as an older build, an
+// edit or a damaged disk may leave it, through the reader, the kept picks
+// and the cut over the whole job.
+#include <string>
+#include <vector>
+
+#include "fuzz_support.h"
+#include "relion/cutoff_rule.h"
+#include "relion/mic_input.h"
+#include "relion/record.h"
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  std::vector<MicEntry> mics;
+  std::string why;
+  mics_from_star(std::string((const char*)data, size), mics, why);
+  std::vector<MicRecord> records(1);
+  if (!record_read(fuzz::write_scratch(data, size, ".star"), records[0], why)) return 0;
+  kept_picks(records[0]);
+  records.push_back(records[0]);
+  records[1].sequence++;
+  for (Pick& p : records[1].picks) p.score *= 0.5f;
+  run_cutoffs(records, 120.0);
+  for (const MicRecord& r : records) kept_picks(r);
+  return 0;
+}
