@@ -1,5 +1,5 @@
-// The RELION job's inputs: the micrographs STAR file a pipeline hands it,
-// and a micrograph's record under the job folder as an older build, an
+// The RELION job's inputs: its command line (one word a line), the
+// micrographs STAR file a pipeline hands it, and a micrograph's record under the job folder as an older build, an
 // edit or a damaged disk may leave it, through the reader, the kept picks
 // and the cut over the whole job.
 #include <string>
@@ -7,13 +7,23 @@
 
 #include "fuzz_support.h"
 #include "relion/cutoff_rule.h"
+#include "relion/job_options.h"
 #include "relion/mic_input.h"
 #include "relion/record.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  std::vector<MicEntry> mics;
+  const std::string text((const char*)data, size);
+  std::vector<std::string> words(1);
+  for (char c : text)
+    if (c == '\n')
+      words.emplace_back();
+    else
+      words.back().push_back(c);
+  JobOptions o;
   std::string why;
-  mics_from_star(std::string((const char*)data, size), mics, why);
+  if (parse_job_options(words, o, why)) picking_settings(o);
+  std::vector<MicEntry> mics;
+  mics_from_star(text, mics, why);
   std::vector<MicRecord> records(1);
   if (!record_read(fuzz::write_scratch(data, size, ".star"), records[0], why)) return 0;
   kept_picks(records[0]);
