@@ -130,7 +130,7 @@ void usage(const char* prog) {
 // What the cut needs of micrograph i, picked (its decoys then written
 // beside it), or skipped as finished before (its picks and decoys files):
 // r fails when it cannot be had.
-void take_for_cut(const PickResult& picked, const AutoCut& cut, int i, int rank, Result& r, Micrograph& m,
+void take_for_cut(PickResult& picked, const AutoCut& cut, int i, int rank, Result& r, Micrograph& m,
                   std::string& picture) {
   try {
     if (picked.outcome == PickResult::Outcome::finished) {
@@ -326,6 +326,7 @@ int run_mpi(int argc, char** argv, int rank, int ranks, int local_rank, int loca
   Progress progress(p->mic_files, p->n_mic);
   PickOptions opt = options_from_record(*p);
   opt.decoys = cut.on;
+  opt.keep_pixels = cut.on;
   const PickSettings settings = derive(opt);
   PickSession session(settings);
   if (cut.on) cut.start(opt, settings, p->n_mic);

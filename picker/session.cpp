@@ -71,6 +71,7 @@ struct PickSession::Impl {
   const PickSettings s;
   std::string first_mic;
   MRC_HEAD ref{};
+  MRC_HEAD mic_head{};            // the micrograph being picked
   int nx = 0, ny = 0;             // raw micrograph size (the reference)
   int ext = 0;                    // square, even working size
   int gx = 0, gy = 0;             // exclusion grid
@@ -273,7 +274,7 @@ void PickSession::Impl::read(const std::string& mic, const std::string& next, Mi
   OwnedFile fmic(gvex_open_regular(mic.c_str(), &kind));
   if (!fmic && *kind) gvex_not_a_file("micrograph", mic.c_str(), kind, "main", "gvexmatch56", 187);
   if (!fmic) gvex_open_read_failed(mic.c_str(), "main", "gvexmatch56", 187);
-  MRC_HEAD head;
+  MRC_HEAD& head = mic_head;
   mrc_read_head(fmic.get(), &head);
   check_mrc_head_sizes_two(mic.c_str(), first_mic.c_str(), &head, &ref);
   printf("Reading File %s ...\n", mic.c_str());
@@ -318,6 +319,10 @@ void PickSession::Impl::pick(const std::string& mic, const std::string& next, Pi
   OwnedFile fnon(gvex_create_new(names.nonunique.c_str(), "w+"));
   if (!fnon) gvex_open_write_failed(names.nonunique.c_str(), "main", "gvexmatch56", 185);
   read(mic, next, names);
+  if (s.opt.keep_pixels) {
+    r.head = mic_head;
+    r.pixels.assign(h_raw.data(), h_raw.data() + (size_t)nx * ny);
+  }
   r.times.reading = gvex_timer_pop("READING");
   gvex_timer_push();
   normalise(mic, r);

@@ -33,6 +33,8 @@ struct PickResult {
   long rejected_cells = 0;     // exclusion-grid cells masked (ice, carbon, exclusions)
   double masked_fraction = 0;  // share of the working image the mask leaves out
   double usable_pixels = 0;    // micrograph pixels the mask leaves in (the micrograph's own part)
+  MRC_HEAD head{};             // with keep_pixels: the micrograph's header...
+  std::vector<float> pixels;   // ...and its first section, nx * ny, as picked
   StageTimes times;
   GvexFailure failure;  // failed: the lines gvexmatch prints and its status
 };

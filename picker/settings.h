@@ -43,6 +43,10 @@ struct PickOptions {
   // with their contrast the other way would give, from the same scan
   // (companions that choose a cut-off; gvexmatch never asks).
   bool decoys = false;
+  // The result carries the micrograph's header and first section as the
+  // session read them (companions that draw or weigh the micrograph then
+  // need not read it again, nor see a file changed since).
+  bool keep_pixels = false;
   // Outputs beside each micrograph.
   bool write_star = true, write_rejected_box = false, write_ccmax_mic = false, write_pref_mic = false,
        write_bg_mic = false, write_bgfree_mic = false, write_lsigma_mic = false, write_mic_mask = false,

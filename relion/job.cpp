@@ -316,6 +316,7 @@ PickSettings Job::settings_for(double apix) const {
   // cut-off is the job's, per micrograph.
   p.cc_cutoff = 0;
   p.decoys = o_.cutoff_auto;
+  p.keep_pixels = true;
   p.write_star = false;
   p.write_rejected_box = true;
   p.read_float16 = true;
@@ -508,7 +509,11 @@ void Job::write_one(Picked& p) {
   r.picture = job_file_for("pictures/", r.mic, ".png", why);
   Micrograph m;
   m.name = r.mic;
-  const bool pixels = read_for_report(m, why);
+  bool pixels = !p.result.pixels.empty();
+  if (pixels)
+    take_micrograph(m, p.result.head, std::move(p.result.pixels));
+  else
+    pixels = read_for_report(m, why);
   long edge_dropped = 0;
   if (o_.cutoff_run) {
     // Cut alone for now; the job's next cut over all its micrographs weighs it in.

@@ -204,6 +204,7 @@ void pick_run(const ReportOptions& o, const char* prog, Run& run) {
                f.status == 0 ? 2 : f.status, true);
   }
   opt.decoys = true;
+  opt.keep_pixels = true;
   const PickSettings settings = derive(opt);
   run.set = report_settings(opt.apixM, opt.diameter, o.apix_given);
   run.set.pick = settings;

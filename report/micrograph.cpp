@@ -30,14 +30,19 @@ void read_micrograph(Micrograph& m, bool float16) {
   if (!fp) gvex_throw("cannot open micrograph " + m.name + "\n");
   MRC_HEAD h;
   mrc_read_head(fp.get(), &h);
-  m.nx = h.nx, m.ny = h.ny, m.nz = h.nz, m.mode = h.mode, m.nsymbt = h.nsymbt;
   if (!mrc_mode_is_readable(h.mode, float16))
     gvex_throw("micrograph " + m.name + " has pixel mode " + std::to_string(h.mode) + ", which cannot be read\n");
+  std::vector<float> pixels((size_t)h.nx * h.ny, 0.0f);
+  mrc_read_slice(fp.get(), &h, 0, 'z', pixels.data(), float16);
+  take_micrograph(m, h, std::move(pixels));
+}
+
+void take_micrograph(Micrograph& m, const MRC_HEAD& h, std::vector<float> pixels) {
+  m.nx = h.nx, m.ny = h.ny, m.nz = h.nz, m.mode = h.mode, m.nsymbt = h.nsymbt;
   // A cell equal to the sampling (1 A per pixel) is what writers leave when
   // they know no pixel size: no claim to compare.
   m.header_apix = h.mx > 0 && h.xlen > 0 && h.xlen != (float)h.mx ? (double)h.xlen / h.mx : 0;
-  m.pixels.assign((size_t)h.nx * h.ny, 0.0f);
-  mrc_read_slice(fp.get(), &h, 0, 'z', m.pixels.data(), float16);
+  m.pixels = std::move(pixels);
   m.nonfinite = 0;
   for (float v : m.pixels) m.nonfinite += !std::isfinite(v);
 }

@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "io/mrcfile.h"
 #include "io/picks.h"
 #include "report/cutoff.h"
 #include "picker/settings.h"
@@ -57,6 +58,9 @@ std::string beside(const std::string& mic, const std::string& suffix);
 // Reads the header and first section (float16 pixels too, when asked); a
 // file that cannot be read throws GvexFailure with a message naming it.
 void read_micrograph(Micrograph& m, bool float16 = false);
+
+// The same from a header and first section already read (nx * ny pixels).
+void take_micrograph(Micrograph& m, const MRC_HEAD& h, std::vector<float> pixels);
 
 // The picks of path into m (boxsize: the box of STAR picks), and the cut
 // they already had: the one the file records (for a ".box" file, the STAR

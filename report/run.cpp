@@ -154,8 +154,11 @@ static std::vector<Pick> as_written(std::vector<Pick> picks) {
   return picks;
 }
 
-void take_picked(Micrograph& m, const PickResult& r, const Settings& s, const std::string& prog) {
-  read_pixels(m, prog);
+void take_picked(Micrograph& m, PickResult& r, const Settings& s, const std::string& prog) {
+  if (r.pixels.empty())
+    read_pixels(m, prog);
+  else
+    take_micrograph(m, r.head, std::move(r.pixels));
   read_rejected(m);
   m.picks_found = true;
   m.picks = as_written(r.picks);
