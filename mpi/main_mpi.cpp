@@ -271,6 +271,11 @@ int cut_the_run(AutoCut& cut, int status) {
     mics.push_back(std::move(cut.mics[i]));
     pictures.push_back(cut.pictures[i]);
   }
+  // A cut-off chosen from nothing would read as a finding.
+  if (mics.empty()) {
+    printf("no micrograph was picked: no cut-off to suggest%s\n", cut.report.empty() ? "" : ", and no page written");
+    return status;
+  }
   const bool decoys = std::all_of(mics.begin(), mics.end(), [](const Micrograph& m) { return m.decoys_found; });
   if (!decoys)
     printf("note: micrographs picked before without a decoys file beside them have their cut-offs from the "

@@ -113,6 +113,12 @@ if [ -n "$report" ]; then
   for f in c?_vexmatch_auto.* rep/summary.star; do cmp -s "$f" "../gr/$f" || fail "cutbad: $f differs"; done
   if $run -n 2 "$mpi" --auto_cutoff --cc_cutoff 0.2 $opts c1.mrc >../refused.log 2>&1; then fail "--cc_cutoff taken"; fi
   grep -q "^gvexmatch_mpi: --auto_cutoff and --report keep every grid maximum" ../refused.log || fail "no refusal"
+  # Every micrograph failing after the start (its output names taken by
+  # folders): no cut-off suggested from nothing, no empty page.
+  fresh cutnone "cut/c[12].mrc" && mkdir c1_vexmatch.star c2_vexmatch.star
+  if $run -n 2 "$mpi" --auto_cutoff --report rep $opts c1.mrc c2.mrc >../cutnone.log 2>&1; then fail "cutnone: status 0"; fi
+  grep -q "^no micrograph was picked: no cut-off to suggest, and no page written$" ../cutnone.log &&
+    ! grep -q "^suggested" ../cutnone.log && [ ! -e rep/index.html ] || fail "cutnone: a cut-off or a page from nothing"
   touch notdir
   if $run -n 2 "$mpi" --report notdir $opts c1.mrc >../notdir.log 2>&1; then fail "notdir: status 0"; fi
   grep -q "^gvexmatch_mpi: cannot make the report folder notdir" ../notdir.log || fail "notdir: not said"
