@@ -41,6 +41,8 @@ bool str_copy_fits(char* dst, const char* src, size_t cap) {
   return fits;
 }
 
+bool starts_with(const std::string& s, const std::string& start) { return s.compare(0, start.size(), start) == 0; }
+
 bool ends_with(const std::string& s, const std::string& end) {
   return s.size() >= end.size() && s.compare(s.size() - end.size(), end.size(), end) == 0;
 }

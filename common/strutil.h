@@ -24,5 +24,6 @@ void get_bool_keyword(int argc, char** argv, int& value, int& i);
 // Returns false, leaving a truncated copy, when src does not fit.
 bool str_copy_fits(char* dst, const char* src, size_t cap);
 
-// True when s ends with end.
+// True when s starts with start, or ends with end.
+bool starts_with(const std::string& s, const std::string& start);
 bool ends_with(const std::string& s, const std::string& end);

@@ -87,7 +87,10 @@ std::vector<std::string> take_cut_options(int argc, char** argv, AutoCut& cut) {
     if (a == "--auto_cutoff") {
       cut.apply = true;
     } else if (a == "--report") {
-      if (i + 1 >= argc || !*argv[i + 1]) usage_error("--report needs a folder");
+      // "--report --apixM": the folder was left out, and the option would be eaten as its name.
+      if (i + 1 >= argc || !*argv[i + 1] || starts_with(argv[i + 1], "--"))
+        usage_error("--report needs a folder" + std::string(i + 1 < argc && *argv[i + 1] ? ", not the option " : "") +
+                    (i + 1 < argc ? argv[i + 1] : ""));
       cut.report = argv[++i];
     } else {
       words.push_back(a);

@@ -4,6 +4,8 @@
 #include <cmath>
 #include <cstdlib>
 
+#include "common/strutil.h"
+
 namespace {
 
 // One row per word the program takes: its name, the value it wants ("" for
@@ -129,7 +131,7 @@ bool parse_job_options(const std::vector<std::string>& words, JobOptions& o, std
       o.help = true;
       continue;
     }
-    if (a.compare(0, 2, "--") != 0) {
+    if (!starts_with(a, "--")) {
       if (!a.empty() && a[0] == '-') return why = "unknown option " + a + "; known: " + known_words(), false;
       o.inputs.push_back(a);  // a micrograph or a list given by hand
       continue;
@@ -148,7 +150,7 @@ bool parse_job_options(const std::vector<std::string>& words, JobOptions& o, std
     // "--LABEL VALUE" with an empty VALUE as "--LABEL" alone. --follow takes
     // only yes/no, so that a micrograph name after it stays a name.
     const bool flag = !*w->value;
-    const bool next_free = i + 1 < words.size() && words[i + 1].compare(0, 2, "--") != 0;
+    const bool next_free = i + 1 < words.size() && !starts_with(words[i + 1], "--");
     if (!inline_value && next_free &&
         (!flag || (name == "follow" && (is_yes(words[i + 1]) || is_no(words[i + 1])))))
       value = words[++i];

@@ -18,6 +18,7 @@
 #include "common/redirect.h"
 #include "common/errors.h"
 #include "common/owned.h"
+#include "common/strutil.h"
 #include "gpu/device.h"
 #include "picker/options.h"
 #include "picker/params.h"
@@ -109,6 +110,8 @@ ReportOptions parse(int argc, char** argv) {
       return o;
     } else if (a == "--out") {
       o.out = value();
+      // "--out --pick": the folder was left out, and the next option would be eaten as its name.
+      if (starts_with(o.out, "--")) usage_error("--out needs a folder, not the option " + o.out);
     } else if (a == "--pick") {
     } else if (a == "--apply") {
       o.apply = true;

@@ -119,6 +119,9 @@ if [ -n "$report" ]; then
   if $run -n 2 "$mpi" --auto_cutoff --report rep $opts c1.mrc c2.mrc >../cutnone.log 2>&1; then fail "cutnone: status 0"; fi
   grep -q "^no micrograph was picked: no cut-off to suggest, and no page written$" ../cutnone.log &&
     ! grep -q "^suggested" ../cutnone.log && [ ! -e rep/index.html ] || fail "cutnone: a cut-off or a page from nothing"
+  if $run -n 2 "$mpi" --report --auto_cutoff $opts c1.mrc >../noreport.log 2>&1; then fail "noreport: status 0"; fi
+  grep -q "^gvexmatch_mpi: --report needs a folder, not the option --auto_cutoff" ../noreport.log &&
+    [ ! -e ./--auto_cutoff ] || fail "noreport: an option taken as the folder"
   touch notdir
   if $run -n 2 "$mpi" --report notdir $opts c1.mrc >../notdir.log 2>&1; then fail "notdir: status 0"; fi
   grep -q "^gvexmatch_mpi: cannot make the report folder notdir" ../notdir.log || fail "notdir: not said"

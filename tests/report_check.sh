@@ -62,6 +62,8 @@ refused 2 "Failed to recognize option" --out rep5 --pick --no_such_option n4_d0.
 refused 2 "out DIR is required with --pick" --pick --apply n4_d0.3_1.mrc
 refused 2 "suffix" --out rep5 --pick --suffix _x.star n4_d0.3_1.mrc
 refused 2 "cutoff needs a number" --apply --cutoff high n4_d0.3_1.mrc
+refused 2 "out needs a folder, not the option --pick" --out --pick --diameter 120 n4_d0.3_1.mrc
+[ ! -e ./--pick ] || fail "a folder named --pick was made"
 refused 1 "cannot pick cut.mrc" --out rep6 --pick --diameter 120 n4_d0.3_1.mrc cut.mrc
 grep -q 'gvexmatch.*rep6/pick.log' err.log || fail "the picking transcript is not named"
 [ ! -e rep6/index.html ] || fail "a page was written for a failed --pick"
