@@ -75,8 +75,8 @@ void fields(IO& io, M& m, S& picture) {
 }
 
 bool plausible(const Pick& p) {
-  return std::fabs(p.x) <= PICKS_MAX_COORD && std::fabs(p.y) <= PICKS_MAX_COORD && std::fabs(p.score) <= PICKS_MAX_SCORE &&
-         std::isfinite(p.psi) && p.w >= 0 && p.h >= 0;
+  return std::fabs(p.x) <= PICKS_MAX_COORD && std::fabs(p.y) <= PICKS_MAX_COORD &&
+         std::fabs(p.score) <= PICKS_MAX_SCORE && std::isfinite(p.psi) && p.w >= 0 && p.h >= 0;
 }
 
 // Figures a picking rank sends, as the readers of its files would take them;

@@ -139,8 +139,9 @@ bool record_read(const std::string& path, MicRecord& r, std::string& why) {
       blocks[0].labels.size() != std::size(kPairs))
     return false;
   const std::vector<std::string>& h = blocks[0].rows[0];
-  // Sequence, width, height, pixel size, cut-off, edge box, masked share.
-  static const double lo[8] = {0, 0, 0, 0, 0, -kScore, 0, 0}, hi[8] = {0, 1e15, kCoord, kCoord, 1e6, kScore, kCoord, 1};
+  // After the name: sequence, width, height, pixel size, cut-off, edge box, masked share.
+  static const double lo[8] = {0, 0, 0, 0, 0, -kScore, 0, 0};
+  static const double hi[8] = {0, 1e15, kCoord, kCoord, 1e6, kScore, kCoord, 1};
   double v[8];
   for (int i = 1; i < 8; i++)
     if (!number(h[i], v[i], lo[i], hi[i])) return false;

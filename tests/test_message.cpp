@@ -20,7 +20,8 @@ Micrograph sample() {
   m.picks_found = m.decoys_found = true;
   for (int i = 0; i < 3; i++) {
     Pick p;
-    p.x = 100 + i, p.y = 200 - i, p.w = p.h = 64, p.score = 0.5f + 0.1f * (float)i, p.cls = i + 1, p.psi = 30.0f * (float)i;
+    p.x = 100 + i, p.y = 200 - i, p.w = p.h = 64, p.cls = i + 1;
+    p.score = 0.5f + 0.1f * (float)i, p.psi = 30.0f * (float)i;
     m.picks.push_back(p);
   }
   m.decoys = {m.picks[0]};

@@ -33,7 +33,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     m.name = "fuzz" + std::to_string(k) + ".mrc";
     m.nx = 96, m.ny = 80;
     m.pixels.assign((size_t)m.nx * m.ny, 0.0f);
-    for (size_t i = 0; i < m.pixels.size(); i++) m.pixels[i] = (float)((i * 7919) % 13) + (i % 96 > 60 ? 40.0f : 0.0f);
+    // Texture, and a step the edge flags can find.
+    for (size_t i = 0; i < m.pixels.size(); i++) m.pixels[i] = (float)((i * 7919) % 13) + (i % 96 > 60 ? 40.f : 0.f);
     m.picks = fixed_picks();
     m.picks_found = true;
     m.usable_pixels = (double)m.nx * m.ny;

@@ -1,7 +1,7 @@
 // The RELION job's inputs: its command line (one word a line), the
-// micrographs STAR file a pipeline hands it, and a micrograph's record under the job folder as an older build, an
-// edit or a damaged disk may leave it, through the reader, the kept picks
-// and the cut over the whole job.
+// micrographs STAR file a pipeline hands it, and a micrograph's record under
+// the job folder as an older build, an edit or a damaged disk may leave it,
+// through the reader, the kept picks and the cut over the whole job.
 #include <string>
 #include <vector>
 
