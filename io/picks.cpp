@@ -75,7 +75,7 @@ PicksRead picks_parse(const std::string& text, bool star, int box, std::vector<P
   long line_no = 0;
   for (std::string line; std::getline(in, line);) {
     line_no++;
-    if (star && line.compare(0, strlen(kCutRecord), kCutRecord) == 0) {
+    if (star && starts_with(line, kCutRecord)) {
       char* end = nullptr;
       const double cut = strtod(line.c_str() + strlen(kCutRecord), &end);
       if (end != line.c_str() + strlen(kCutRecord) && sane(cut, PICKS_MAX_SCORE)) r.cut = cut;

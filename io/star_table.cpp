@@ -6,6 +6,7 @@
 #include <sstream>
 
 #include "common/regular_file.h"
+#include "common/strutil.h"
 
 int StarTable::column(const std::string& label) const {
   for (size_t i = 0; i < labels.size(); i++)
@@ -67,7 +68,7 @@ bool star_parse(const std::string& text, std::vector<StarTable>& blocks, std::st
     if (w.empty()) continue;
     const std::string& first = w[0];
     const bool word = !quoted[0];  // a keyword or label, when it looks like one
-    if (word && first.compare(0, 5, "data_") == 0) {
+    if (word && starts_with(first, "data_")) {
       blocks.emplace_back();
       t = &blocks.back();
       t->name = first.substr(5);
@@ -138,7 +139,7 @@ bool star_quote(const std::string& v, std::string& out) {
   const bool dq = v.find('"') != std::string::npos, sq = v.find('\'') != std::string::npos;
   if (v.find('\n') != std::string::npos || v.find('\r') != std::string::npos || (dq && sq)) return false;
   bool plain = !v.empty() && v[0] != '_' && v[0] != '#' && v[0] != '"' && v[0] != '\'' &&
-               v.compare(0, 5, "data_") != 0 && v != "loop_" && v != "stop_";
+               !starts_with(v, "data_") && v != "loop_" && v != "stop_";
   for (char c : v) plain = plain && !isspace((unsigned char)c);
   if (plain) {
     out = v;

@@ -34,8 +34,6 @@
 #include "picker/session.h"
 #include "picker/startup.h"
 #include "picker/timer.h"
-#include "report/cutoff.h"
-#include "report/page.h"
 #include "report/run.h"
 
 namespace {
@@ -283,23 +281,13 @@ int cut_the_run(AutoCut& cut, int status) {
   if (!decoys)
     printf("note: micrographs picked before without a decoys file beside them have their cut-offs from the "
            "scores alone, which are less reliable\n");
-  const double pooled = run_cutoff(mics, cut.set);
-  const std::string failed = cut_run(mics, cut.set, pooled, NAN, cut.apply);
+  const std::string failed =
+      cut_and_report(mics, pictures, cut.set, cut.set.pick.opt.boxsize, cut.suffix, NAN, cut.apply, cut.report);
   if (!failed.empty()) {
     fflush(stdout);
-    fprintf(stderr, "gvexmatch_mpi: cannot write %s\n", failed.c_str());
+    fprintf(stderr, "gvexmatch_mpi: %s\n", failed.c_str());
     return 1;
   }
-  if (!cut.report.empty() &&
-      (!write_page(mics, pictures, cut.set, pooled, cut.report + "/index.html",
-                   apply_words(cut.set, cut.set.pick.opt.boxsize, cut.suffix)) ||
-       !write_summary_star(mics, cut.report + "/summary.star"))) {
-    fflush(stdout);
-    fprintf(stderr, "gvexmatch_mpi: cannot write the report into %s\n", cut.report.c_str());
-    return 1;
-  }
-  printf("suggested --cc_cutoff %.4f\n", pooled);
-  if (!cut.report.empty()) printf("report: %s/index.html\n", cut.report.c_str());
   return status;
 }
 

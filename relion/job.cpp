@@ -27,6 +27,7 @@
 #include "common/owned.h"
 #include "common/regular_file.h"
 #include "common/stop_point.h"
+#include "common/strutil.h"
 #include "gpu/device.h"
 #include "io/mrcfile.h"
 #include "io/star_table.h"
@@ -69,9 +70,8 @@ std::string one_line(const std::string& text) {
   // RELION user nothing: only the reason is kept.
   const std::string head = "Error in function ", tail = "! Exit now!";
   const size_t colon = out.find(": ");
-  if (out.compare(0, head.size(), head) == 0 && colon != std::string::npos) out.erase(0, colon + 2);
-  if (out.size() >= tail.size() && out.compare(out.size() - tail.size(), tail.size(), tail) == 0)
-    out.resize(out.size() - tail.size());
+  if (starts_with(out, head) && colon != std::string::npos) out.erase(0, colon + 2);
+  if (ends_with(out, tail)) out.resize(out.size() - tail.size());
   return out;
 }
 
@@ -509,11 +509,8 @@ void Job::write_one(Picked& p) {
   r.picture = job_file_for("pictures/", r.mic, ".png", why);
   Micrograph m;
   m.name = r.mic;
-  bool pixels = !p.result.pixels.empty();
-  if (pixels)
-    take_micrograph(m, p.result.head, std::move(p.result.pixels));
-  else
-    pixels = read_for_report(m, why);
+  // The pixels the session picked (the job keeps them): no second read.
+  take_micrograph(m, p.result.head, std::move(p.result.pixels));
   long edge_dropped = 0;
   if (o_.cutoff_run) {
     // Cut alone for now; the job's next cut over all its micrographs weighs it in.
@@ -524,17 +521,13 @@ void Job::write_one(Picked& p) {
   } else {
     r.cutoff = o_.cutoff;
   }
-  if (pixels) {
-    m.picks_found = true;
-    m.picks = r.picks;
-    m.rejected = r.rejected;
-    m.cutoff = r.cutoff;
-    const bool apix_given = o_.apix > 0 || p.mic.apix > 0;
-    if (!report_micrograph(m, p.settings, apix_given, o_.out + r.picture, !o_.cutoff_run))
-      throw std::runtime_error("cannot write " + o_.out + r.picture);
-  } else {
-    m.warnings.push_back("no picture: " + one_line(why));
-  }
+  m.picks_found = true;
+  m.picks = r.picks;
+  m.rejected = r.rejected;
+  m.cutoff = r.cutoff;
+  const bool apix_given = o_.apix > 0 || p.mic.apix > 0;
+  if (!report_micrograph(m, p.settings, apix_given, o_.out + r.picture, !o_.cutoff_run))
+    throw std::runtime_error("cannot write " + o_.out + r.picture);
   r.warnings = m.warnings;
   const char* how = o_.cutoff_run ? "automatic, this micrograph alone" : o_.cutoff_auto ? "automatic" : "given";
   if (!write_coords(r, edge_dropped, how, why)) throw std::runtime_error(why);

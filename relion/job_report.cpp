@@ -4,21 +4,10 @@
 #include <cmath>
 
 #include "common/atomic_file.h"
-#include "common/errors.h"
 #include "io/star_table.h"
 #include "relion/cutoff_rule.h"
 #include "relion/relion_files.h"
 #include "report/page.h"
-
-bool read_for_report(Micrograph& m, std::string& why) {
-  try {
-    read_micrograph(m, true);
-  } catch (const GvexFailure& f) {
-    why = f.text;
-    return false;
-  }
-  return true;
-}
 
 bool report_micrograph(Micrograph& m, const PickSettings& pick, bool apix_given, const std::string& picture_path,
                        bool kept_warnings) {

@@ -8,9 +8,6 @@
 #include "relion/record.h"
 #include "report/micrograph.h"
 
-// The header and first section of m.name, float16 included; false with why.
-bool read_for_report(Micrograph& m, std::string& why);
-
 // The report's view of a micrograph picked with these settings: the
 // warnings (added to m) and its picture at picture_path. apix_given: the
 // pixel size came from the input, so a header that disagrees is worth a word.

@@ -25,10 +25,7 @@
 #include "picker/session.h"
 #include "picker/startup.h"
 #include "picker/timer.h"
-#include "report/cutoff.h"
-#include "report/edges.h"
 #include "report/micrograph.h"
-#include "report/page.h"
 #include "report/run.h"
 
 namespace {
@@ -269,17 +266,9 @@ int run(int argc, char** argv) {
     printf("note: without decoys these cut-offs come from the scores alone and are less reliable; gvexreport --pick "
            "picks with decoys (the same templates with their contrast inverted, from the same scan) and chooses "
            "from them\n");
-  const double pooled = run_cutoff(run.mics, run.set);
-  const std::string failed = cut_run(run.mics, run.set, pooled, o.fixed, o.apply);
-  if (!failed.empty()) gvex_throw("gvexreport: cannot write " + failed + "\n", 1, true);
-  if (!o.out.empty()) {
-    const std::string words = apply_words(run.set, run.boxsize, run.suffix);
-    if (!write_page(run.mics, run.pictures, run.set, pooled, o.out + "/index.html", words) ||
-        !write_summary_star(run.mics, o.out + "/summary.star"))
-      gvex_throw("gvexreport: cannot write the report into " + o.out + "\n", 1, true);
-  }
-  printf("suggested --cc_cutoff %.4f\n", pooled);
-  if (!o.out.empty()) printf("report: %s/index.html\n", o.out.c_str());
+  const std::string failed =
+      cut_and_report(run.mics, run.pictures, run.set, run.boxsize, run.suffix, o.fixed, o.apply, o.out);
+  if (!failed.empty()) gvex_throw("gvexreport: " + failed + "\n", 1, true);
   return 0;
 }
 

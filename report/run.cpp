@@ -117,7 +117,7 @@ void read_decoys(Micrograph& m, const std::string& path, const Settings& s) {
   std::string record;
   std::istringstream in(text);
   for (std::string line; std::getline(in, line);)
-    if (line.compare(0, strlen(kDecoysRecord), kDecoysRecord) == 0) record = line;
+    if (starts_with(line, kDecoysRecord)) record = line;
   size_t count = 0;
   unsigned long long sum = 0;
   double usable = 0;
@@ -196,6 +196,19 @@ std::string cut_run(std::vector<Micrograph>& mics, const Settings& s, double poo
       if (!failed.empty()) return failed;
     }
   }
+  return "";
+}
+
+std::string cut_and_report(std::vector<Micrograph>& mics, const std::vector<std::string>& pictures, const Settings& s,
+                           int boxsize, const std::string& suffix, double fixed, bool apply, const std::string& out) {
+  const double pooled = run_cutoff(mics, s);
+  const std::string failed = cut_run(mics, s, pooled, fixed, apply);
+  if (!failed.empty()) return "cannot write " + failed;
+  if (!out.empty() && (!write_page(mics, pictures, s, pooled, out + "/index.html", apply_words(s, boxsize, suffix)) ||
+                       !write_summary_star(mics, out + "/summary.star")))
+    return "cannot write the report into " + out;
+  printf("suggested --cc_cutoff %.4f\n", pooled);
+  if (!out.empty()) printf("report: %s/index.html\n", out.c_str());
   return "";
 }
 

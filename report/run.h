@@ -64,3 +64,10 @@ std::string cut_run(std::vector<Micrograph>& mics, const Settings& s, double poo
 // What the page's slider adds to the command it prints, to read the picks
 // files (of suffix) again as this run read or wrote them.
 std::string apply_words(const Settings& s, int boxsize, const std::string& suffix);
+
+// The whole run's end: the pooled cut-off, cut_run, the page and
+// summary.star into out (none when out is empty) with the pictures, then
+// the lines "suggested --cc_cutoff X" and "report: OUT/index.html". ""
+// on success, else what could not be done ("cannot write ...").
+std::string cut_and_report(std::vector<Micrograph>& mics, const std::vector<std::string>& pictures, const Settings& s,
+                           int boxsize, const std::string& suffix, double fixed, bool apply, const std::string& out);
