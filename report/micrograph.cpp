@@ -23,17 +23,17 @@ std::string beside(const std::string& mic, const std::string& suffix) {
   return mic + suffix;
 }
 
-void read_micrograph(Micrograph& m, bool float16) {
+void read_micrograph(Micrograph& m) {
   const char* kind = "";
   OwnedFile fp(gvex_open_regular(m.name.c_str(), &kind));
   if (!fp && *kind) gvex_throw("micrograph " + m.name + " is " + kind + ", not a file: it cannot be read\n");
   if (!fp) gvex_throw("cannot open micrograph " + m.name + "\n");
   MRC_HEAD h;
   mrc_read_head(fp.get(), &h);
-  if (!mrc_mode_is_readable(h.mode, float16))
+  if (!mrc_mode_is_readable(h.mode, false))
     gvex_throw("micrograph " + m.name + " has pixel mode " + std::to_string(h.mode) + ", which cannot be read\n");
   std::vector<float> pixels((size_t)h.nx * h.ny, 0.0f);
-  mrc_read_slice(fp.get(), &h, 0, 'z', pixels.data(), float16);
+  mrc_read_slice(fp.get(), &h, 0, 'z', pixels.data(), false);
   take_micrograph(m, h, std::move(pixels));
 }
 

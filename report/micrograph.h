@@ -55,9 +55,10 @@ struct Micrograph {
 // Name beside the micrograph: its ".mrc"/".mrcs" ending replaced by suffix.
 std::string beside(const std::string& mic, const std::string& suffix);
 
-// Reads the header and first section (float16 pixels too, when asked); a
-// file that cannot be read throws GvexFailure with a message naming it.
-void read_micrograph(Micrograph& m, bool float16 = false);
+// Reads the header and first section (float16 refused, as gvexmatch
+// refuses it); a file that cannot be read throws GvexFailure with a message
+// naming it.
+void read_micrograph(Micrograph& m);
 
 // The same from a header and first section already read (nx * ny pixels).
 void take_micrograph(Micrograph& m, const MRC_HEAD& h, std::vector<float> pixels);
