@@ -62,9 +62,15 @@ if [ -n "$probe" ]; then
   mkdir -p "$stage"/bin
   # Linked like the programs: the library, FFTW with its threads, OpenMP,
   # the static CUDA runtime.
-  /usr/local/cuda/bin/nvcc -std=c++17 -O2 -I"$src" -I/usr/local/cuda/include -DGVEX_WITH_CUDA=1 \
+  # A probe written against an older library may no longer compile; the
+  # bundle is still worth having, and device_check.sh skips a missing probe.
+  if ! /usr/local/cuda/bin/nvcc -std=c++17 -O2 -I"$src" -I/usr/local/cuda/include -DGVEX_WITH_CUDA=1 \
     -Xcompiler=-fopenmp -o "$stage"/bin/gpu_probe "$probe" "$build"/libgvex.a \
-    -lfftw3f_omp -lfftw3f -lgomp -ldl -lrt -lpthread
+    -lfftw3f_omp -lfftw3f -lgomp -ldl -lrt -lpthread >"$out"/probe.log 2>&1; then
+    echo "bundle.sh: $probe does not compile against this library (errors in $out/probe.log); bundled without it" >&2
+    grep -m 5 'error' "$out"/probe.log >&2 || true
+    rm -rf "$stage"/bin
+  fi
 fi
 
 # Every shared library the programs load, but the C library's own and the

@@ -52,7 +52,9 @@ if has tests; then
   grep -h -A3 'Skipped$' "$log" | grep -v '^--$' | sort | uniq -c | head -20 >>"$S"
 fi
 
-if has probe && [ -x "$B"/bin/gpu_probe ]; then
+if has probe && [ ! -x "$B"/bin/gpu_probe ]; then
+  say "probe: none in this bundle (tools/bundle.sh --probe FILE.cpp adds one)"
+elif has probe; then
   timeout 120 "$B"/bin/gpu_probe >"$OUT"/probe.log 2>&1
   say "probe: status $?, $(grep -c '^PASS' "$OUT"/probe.log) PASS, $(grep -c '^FAIL' "$OUT"/probe.log) FAIL  [$(elapsed) s]"
   grep -E '^(FAIL|INFO)' "$OUT"/probe.log | head -30 >>"$S"
