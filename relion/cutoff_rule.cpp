@@ -42,22 +42,23 @@ void pool_record(MicRecord& rec, const PickResult& r, double diameter, const std
   rec = std::move(alone[0]);
 }
 
-void run_cutoffs(std::vector<MicRecord>& records, double diameter) {
-  std::vector<size_t> order;
-  for (size_t k = 0; k < records.size(); k++)
-    if (records[k].pooled) order.push_back(k);
+namespace {
+
+// Cuts the pooled records as one run; only: the one record whose cut is
+// written (null: all of them).
+void cut_as_one_run(std::vector<MicRecord*> order, double diameter, const MicRecord* only) {
   if (order.empty()) return;
   // Pooled in name order: sums and ties do not follow the order of arrival.
-  std::sort(order.begin(), order.end(), [&](size_t a, size_t b) { return records[a].mic < records[b].mic; });
+  std::sort(order.begin(), order.end(), [](const MicRecord* a, const MicRecord* b) { return a->mic < b->mic; });
   // One pixel size for the run; each usable area in its pixels, so that
   // micrographs of other optics groups hold as many particle discs.
-  const double apix = records[order[0]].apix;
+  const double apix = order[0]->apix;
   const Settings s = report_settings(apix, diameter, true);
   // The picks and decoys are lent to the report's records, not copied: a
   // job of thousands of micrographs holds millions.
   std::vector<Micrograph> mics(order.size());
   auto lend = [&](size_t i) {
-    MicRecord& r = records[order[i]];
+    MicRecord& r = *order[i];
     Micrograph& m = mics[i];
     m.picks.swap(r.picks);
     m.decoys.swap(r.decoys);
@@ -65,7 +66,7 @@ void run_cutoffs(std::vector<MicRecord>& records, double diameter) {
     m.decoy_on_edge.swap(r.decoy_on_edge);
   };
   for (size_t i = 0; i < order.size(); i++) {
-    const MicRecord& r = records[order[i]];
+    const MicRecord& r = *order[i];
     Micrograph& m = mics[i];
     m.name = r.mic;
     m.picks_found = m.decoys_found = true;
@@ -75,13 +76,34 @@ void run_cutoffs(std::vector<MicRecord>& records, double diameter) {
   const SparseCut sparse = run_sparse_cut(mics, s);
   const RunCut run = run_cut(mics, s);
   for (size_t i = 0; i < order.size(); i++) {
+    MicRecord& r = *order[i];
+    if (only && &r != only) {
+      lend(i);
+      continue;
+    }
     decide_cutoff(mics[i], s, 0, NAN, sparse, run);
-    MicRecord& r = records[order[i]];
     r.cutoff = mics[i].cutoff;
     r.drop_edges = mics[i].drop_edges;
     r.rule = mics[i].choice.rule, r.why = mics[i].choice.why, r.decoys_above = mics[i].choice.decoys_above;
     lend(i);  // and given back
   }
+}
+
+}  // namespace
+
+void run_cutoffs(std::vector<MicRecord>& records, double diameter) {
+  std::vector<MicRecord*> pooled;
+  for (MicRecord& r : records)
+    if (r.pooled) pooled.push_back(&r);
+  cut_as_one_run(pooled, diameter, nullptr);
+}
+
+int recent_cutoff(std::vector<MicRecord>& before, MicRecord& r, int most, double diameter) {
+  std::vector<MicRecord*> run{&r};
+  for (size_t k = before.size(); k-- > 0 && (int)run.size() <= most;)
+    if (before[k].pooled) run.push_back(&before[k]);
+  cut_as_one_run(run, diameter, &r);
+  return (int)run.size() - 1;
 }
 
 double job_cutoff(const std::vector<double>& all) { return pooled_cutoff(all).value; }

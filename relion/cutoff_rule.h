@@ -1,9 +1,11 @@
 // The automatic cut-offs of a job that picks while micrographs arrive.
 // auto: each micrograph is cut when it is picked, from its own picks and
-// decoys; the run's cuts that gvexreport lends (the run's sparse cut, the
-// whole run's cut weighed in) are not used, since borrowed from the
-// micrographs picked before they would make a micrograph's picks depend on
-// the order of arrival. run: every micrograph is cut again, as often as the
+// decoys alone, without the run's cuts that gvexreport lends (the run's
+// sparse cut, the whole run's cut weighed in). recent: each micrograph is
+// cut when it is picked, as the last of one run made of it and the
+// micrographs picked just before it (at most 63, so that a cut's cost stays
+// bounded in a long job); its cut depends on the order of arrival but never
+// changes once written. run: every micrograph is cut again, as often as the
 // job writes its node files, with all the job's micrographs as one run,
 // exactly as gvexreport --pick cuts them; its files change as the job grows,
 // and depend only on which micrographs it holds.
@@ -31,6 +33,11 @@ void pool_record(MicRecord& rec, const PickResult& r, double diameter, const std
 // as one run of particles of diameter A (records not pooled keep theirs);
 // the same cuts whatever the records' order.
 void run_cutoffs(std::vector<MicRecord>& records, double diameter);
+
+// The cut-off of r (pooled, not yet among before) as one run with the most
+// recent pooled records of before (in the job's order), at most `most` of
+// them; their cuts stay as they were. Returns how many were taken.
+int recent_cutoff(std::vector<MicRecord>& before, MicRecord& r, int most, double diameter);
 
 // The one line the job's page draws over every score of the job.
 double job_cutoff(const std::vector<double>& all);

@@ -315,7 +315,7 @@ PickSettings Job::settings_for(double apix) const {
   // Every grid maximum is kept, and the decoys of the same scan: the
   // cut-off is the job's, per micrograph.
   p.cc_cutoff = 0;
-  p.decoys = o_.cutoff_auto;
+  p.decoys = cut_automatic(o_.cut);
   p.keep_pixels = true;
   p.write_star = false;
   p.write_rejected_box = true;
@@ -512,10 +512,19 @@ void Job::write_one(Picked& p) {
   // The pixels the session picked (the job keeps them): no second read.
   take_micrograph(m, p.result.head, std::move(p.result.pixels));
   long edge_dropped = 0;
-  if (o_.cutoff_run) {
+  std::string how = "given";
+  if (o_.cut == JobCut::kRun) {
     // Cut alone for now; the job's next cut over all its micrographs weighs it in.
     pool_record(r, p.result, p.settings.opt.diameter, m.pixels, m.nx, m.ny);
-  } else if (o_.cutoff_auto) {
+    how = "automatic, this micrograph alone";
+  } else if (o_.cut == JobCut::kRecent) {
+    pool_record(r, p.result, p.settings.opt.diameter, m.pixels, m.nx, m.ny);
+    const int before = recent_cutoff(records_, r, kRecentBefore, p.settings.opt.diameter);
+    how = before ? "automatic, with the " + std::to_string(before) + " micrograph" + (before > 1 ? "s" : "") +
+                       " picked before it"
+                 : "automatic, the job's first micrograph alone";
+  } else if (o_.cut == JobCut::kAlone) {
+    how = "automatic";
     r.cutoff = auto_cutoff(p.result, p.settings.opt.diameter, p.settings.opt.apixM, m.pixels, m.nx, m.ny, r.picks,
                            edge_dropped);
   } else {
@@ -525,11 +534,14 @@ void Job::write_one(Picked& p) {
   m.picks = r.picks;
   m.rejected = r.rejected;
   m.cutoff = r.cutoff;
+  m.on_edge = r.on_edge;
+  m.drop_edges = r.drop_edges;
   const bool apix_given = o_.apix > 0 || p.mic.apix > 0;
-  if (!report_micrograph(m, p.settings, apix_given, o_.out + r.picture, !o_.cutoff_run))
+  // A pooled record's warnings about its kept picks come with the page,
+  // from the cut it holds then.
+  if (!report_micrograph(m, p.settings, apix_given, o_.out + r.picture, !r.pooled))
     throw std::runtime_error("cannot write " + o_.out + r.picture);
   r.warnings = m.warnings;
-  const char* how = o_.cutoff_run ? "automatic, this micrograph alone" : o_.cutoff_auto ? "automatic" : "given";
   if (!write_coords(r, edge_dropped, how, why)) throw std::runtime_error(why);
   gvex_test_stop_point("relion_coordinates");
   std::string record_path = job_file_for(o_.out + "records/", r.mic, "_record.star", why);
@@ -540,7 +552,7 @@ void Job::write_one(Picked& p) {
   remove_tree(p.work);
   const std::string warning = r.warnings.empty() ? "" : " (warning: " + r.warnings[0] + ")";
   say("%s: %zu of %zu picks kept at cut-off %.4f%s, %.1f s%s\n", r.mic.c_str(), kept_picks(r).size(), r.picks.size(),
-      r.cutoff, o_.cutoff_run ? " (this micrograph alone)" : "", p.seconds, warning.c_str());
+      r.cutoff, o_.cut == JobCut::kRun ? " (this micrograph alone)" : "", p.seconds, warning.c_str());
   dirty_ = true;
   if (gvex_wall_seconds() - nodes_at_ >= kNodesEvery && !write_job_files(false, why)) throw std::runtime_error(why);
 }
@@ -589,7 +601,7 @@ bool Job::cut_over_the_job(std::string& why, bool last) {
 bool Job::write_job_files(bool page, std::string& why) {
   // A cut over thousands of micrographs takes seconds: while picking, it
   // takes at most a twentieth of the writer's time.
-  if (o_.cutoff_run && gvex_wall_seconds() - cut_at_ >= std::max(kNodesEvery, 20 * cut_took_) &&
+  if (o_.cut == JobCut::kRun && gvex_wall_seconds() - cut_at_ >= std::max(kNodesEvery, 20 * cut_took_) &&
       !cut_over_the_job(why))
     return false;
   const double now = gvex_wall_seconds();
@@ -706,7 +718,7 @@ int Job::run(std::string& why) {
   remove_tree(work_dir_);
   if (!write_error_.empty()) return why = write_error_, kFailure;
   if (fatal) return kFailure;
-  if (o_.cutoff_run && !cut_over_the_job(why, true)) return kFailure;
+  if (o_.cut == JobCut::kRun && !cut_over_the_job(why, true)) return kFailure;
   if (!write_job_files(true, why)) return kFailure;
   say("%d micrographs picked in this run (%zu in the job), %d skipped%s; %.1f s\n", picked_, records_.size(), skipped_,
       waiting_ && !o_.follow ? (", " + std::to_string(waiting_) + " still being written, left for the next run").c_str()

@@ -25,7 +25,9 @@ const Word kWords[] = {
     {"apix_templates", "A", "pixel size of the templates (default: the micrographs')"},
     {"angle_step", "DEG", "in-plane angle step of the templates (default 5)"},
     {"speed", "0-4", "shrink of the micrographs before picking, 0 slowest (default 2)"},
-    {"cutoff", "auto|run|X", "auto (default): each micrograph cut from its own picks as it is picked; run: all\n"
+    {"cutoff", "auto|recent|run|X",
+     "recent (default): each micrograph cut as it is picked, as one run with the (up to) 63\n"
+     "                        micrographs picked before it; auto: from its own picks alone; run: all\n"
      "                        cut again together, as gvexreport --pick cuts one run (the files of micrographs\n"
      "                        picked before change as the job grows); X: keep scores >= X"},
     {"gpu", "ID", "GPU to pick on (RELION's \"0\" or \"0:1\": the first is used); empty or none: the best one"},
@@ -97,9 +99,9 @@ bool take(const std::string& name, const std::string& v, JobOptions& o, std::str
   } else if (name == "speed") {
     return whole(name, v, 0, 4, o.speed, why);
   } else if (name == "cutoff") {
-    o.cutoff_run = v == "run";
-    o.cutoff_auto = v == "auto" || o.cutoff_run;
-    if (!o.cutoff_auto && !number(name, v, -1e6, 1e6, o.cutoff, why)) return why += " (or auto, or run)", false;
+    o.cut = v == "auto" ? JobCut::kAlone : v == "recent" ? JobCut::kRecent : v == "run" ? JobCut::kRun : JobCut::kGiven;
+    if (o.cut == JobCut::kGiven && !number(name, v, -1e6, 1e6, o.cutoff, why))
+      return why += " (or auto, recent or run)", false;
   } else if (name == "gpu") {
     // RELION's GPU field: "", "0", "0:1", "0,1"; one process uses the first.
     const std::string first = v.substr(0, v.find_first_of(":,"));
@@ -200,7 +202,10 @@ std::vector<std::pair<std::string, std::string>> picking_settings(const JobOptio
           {"apix_templates", num(o.apix_templates)},
           {"angle_step", num(o.angle_step)},
           {"speed", std::to_string(o.speed)},
-          {"cutoff", o.cutoff_run ? "run" : o.cutoff_auto ? "auto" : num(o.cutoff)},
+          {"cutoff", o.cut == JobCut::kAlone    ? "auto"
+                     : o.cut == JobCut::kRecent ? "recent"
+                     : o.cut == JobCut::kRun    ? "run"
+                                                : num(o.cutoff)},
           {"extract_box", std::to_string(o.extract_box)},
           {"apix", num(o.apix)}};
 }

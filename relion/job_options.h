@@ -5,6 +5,16 @@
 #include <string>
 #include <vector>
 
+// How the job cuts each micrograph: from its own picks and decoys alone
+// (auto); when it is picked, as one run with up to kRecentBefore micrographs
+// picked just before it (recent, the default: its files never change once
+// written, and a few dozen micrographs prove what one cannot); again and
+// again with all the job's as one run (run); at a given score.
+enum class JobCut { kAlone, kRecent, kRun, kGiven };
+constexpr int kRecentBefore = 63;
+
+inline bool cut_automatic(JobCut c) { return c != JobCut::kGiven; }
+
 struct JobOptions {
   std::string out;                  // job folder, ending in '/'
   std::vector<std::string> inputs;  // --in_mics and names after the options
@@ -14,9 +24,8 @@ struct JobOptions {
   double apix_templates = 0;        // 0: the micrographs'
   double angle_step = 5;
   int speed = 2;
-  bool cutoff_auto = true;
-  bool cutoff_run = false;          // automatic, and weighed with the whole job's
-  double cutoff = 0;                // when not automatic
+  JobCut cut = JobCut::kRecent;
+  double cutoff = 0;                // JobCut::kGiven's score
   int gpu = -1;                     // -1: the best GPU that answers
   int extract_box = 0;              // 0: keep picks near the edge
   double apix = 0;                  // 0: from the input

@@ -45,14 +45,20 @@ bool pick_numbers(const std::vector<std::string>& row, double* n) {
          number(row[2], n[2], -kScore, kScore);
 }
 
-// The blocks a record of a job cut over the whole job adds: the area, the
-// edge step, a flag per pick and the decoys with theirs.
+// The blocks a record of a job cut as a run adds: the area, the edge step,
+// how its cut was chosen (a job cut over the whole job chooses again), a
+// flag per pick and the decoys with theirs.
 bool pooled_read(const std::vector<StarTable>& blocks, MicRecord& r) {
   const StarTable &run = blocks[4], &edges = blocks[5], &decoys = blocks[6];
-  double v[2];
-  if (run.rows.size() != 1 || run.rows[0].size() != 2 || !number(run.rows[0][0], v[0], 0, 1e15) ||
-      !number(run.rows[0][1], v[1], 0, 1) || edges.rows.size() != r.picks.size())
+  double v[3];
+  if (run.rows.size() != 1 || (run.rows[0].size() != 2 && run.rows[0].size() != 5) ||
+      !number(run.rows[0][0], v[0], 0, 1e15) || !number(run.rows[0][1], v[1], 0, 1) ||
+      edges.rows.size() != r.picks.size())
     return false;
+  if (run.rows[0].size() == 5) {
+    if (!number(run.rows[0][4], v[2], -1, 1e15)) return false;
+    r.rule = run.rows[0][2], r.why = run.rows[0][3], r.decoys_above = (long)v[2];
+  }
   r.pooled = true;
   r.usable_pixels = v[0];
   r.drop_edges = v[1] != 0;
@@ -113,8 +119,15 @@ bool record_write(const std::string& path, const MicRecord& r) {
     StarTable run, edges, decoys;
     run.name = "pooled";
     run.loop = false;
-    run.labels = {"gvexUsablePixels", "gvexDropEdges"};
-    run.rows = {{g17(r.usable_pixels), r.drop_edges ? "1" : "0"}};
+    run.labels = {"gvexUsablePixels", "gvexDropEdges", "gvexRule", "gvexWhy", "gvexDecoysAbove"};
+    auto quotable = [](std::string s) {  // one line, never both quotes
+      std::replace(s.begin(), s.end(), '"', '\'');
+      std::replace(s.begin(), s.end(), '\n', ' ');
+      std::replace(s.begin(), s.end(), '\r', ' ');
+      return s;
+    };
+    run.rows = {{g17(r.usable_pixels), r.drop_edges ? "1" : "0", quotable(r.rule), quotable(r.why),
+                 std::to_string(r.decoys_above)}};
     edges.name = "pick_edges";
     edges.labels = {"gvexOnEdge"};
     for (size_t i = 0; i < r.picks.size(); i++)

@@ -32,8 +32,7 @@ struct MicRecord {
   std::vector<Pick> decoys;
   std::vector<char> decoy_on_edge;
   double usable_pixels = 0;
-  // How that cut was chosen, for the page (not kept on disk: each cut
-  // chooses anew).
+  // How that cut was chosen, for the page.
   std::string rule, why;
   long decoys_above = -1;
 };

@@ -104,7 +104,7 @@ TEST(RelionJob, CommandLineOfAnExternalJob) {
                                 o, why))
       << why;
   EXPECT_EQ(o.out, "External/job003/");
-  EXPECT_TRUE(o.follow && !o.cutoff_auto);
+  EXPECT_TRUE(o.follow && o.cut == JobCut::kGiven);
   EXPECT_EQ(o.cutoff, -0.25);
   EXPECT_EQ(o.gpu, 1);
   EXPECT_EQ(o.threads, 2);
@@ -255,7 +255,7 @@ TEST(RelionJob, StarFilesOfRelion30To5InAndTheFilesOf31To5Out) {
     EXPECT_EQ(std::to_string(c.rows.size()), column(summary, i, "gvexKeptCount"));
     // The cut-off in a comment RELION skips, as the summary has it.
     EXPECT_TRUE(contains(read_text_file(coords), "# gvexmatch_relion: cut-off " + column(summary, i, "gvexCutoff") +
-                                                     " (automatic)"));
+                                                     " (automatic"));
     EXPECT_TRUE(contains(read_text_file(job + "index.html"), "MotionCorr/job002/Movies/" + name + ".mrc"));
     EXPECT_TRUE(file_exists(job + "pictures/Movies/" + name + ".png"));
   }
@@ -397,25 +397,41 @@ TEST(RelionJob, ContinuedAndKilledRunsEndWithTheSameFiles) {
   }
 }
 
+const std::string kSparse[] = {"m1.mrc", "m2.mrc", "m3.mrc"};
+
+// Three sparse micrographs of a few particles each, too few to prove alone.
+bool make_sparse_three(const TempDir& dir) {
+  for (int i = 0; i < 3; i++)
+    if (!make_mic(dir.path(), kSparse[i], 1024, 1024, 40 + i, {"--density", "0.05"})) return false;
+  return true;
+}
+
+// A project folder of dir's three micrographs whose list.txt names the first mics.
+std::string project_of(const TempDir& dir, const std::string& name, int mics) {
+  const std::string p = dir.file(name);
+  mkdir(p.c_str(), 0777);
+  std::string list;
+  for (int i = 0; i < 3; i++) {
+    symlink(dir.file(kSparse[i]).c_str(), (p + "/" + kSparse[i]).c_str());
+    if (i < mics) list += kSparse[i] + "\n";
+  }
+  write_text_file(p + "/list.txt", list);
+  return p;
+}
+
+// The cut-off written in a coordinate file's comment line.
+double cut_in(const std::string& path) {
+  const std::string text = read_text_file(path);
+  return std::stod(text.substr(text.find("cut-off ") + 8));
+}
+
 // --cutoff run cuts each micrograph as gvexreport --pick cuts the same
-// micrographs as one run (here a few particles each, too few to prove alone),
-// and the files depend on which micrographs the job holds, not on how it
-// came to hold them: continued, killed, or in one go.
+// micrographs as one run, and the files depend on which micrographs the job
+// holds, not on how it came to hold them: continued, killed, or in one go.
 TEST(RelionJob, CutOverTheJobIsGvexreportsHoweverTheJobRan) {
   TempDir dir;
-  const std::string names[] = {"m1.mrc", "m2.mrc", "m3.mrc"};
-  for (int i = 0; i < 3; i++) ASSERT_TRUE(make_mic(dir.path(), names[i], 1024, 1024, 40 + i, {"--density", "0.05"}));
-  auto project = [&](const std::string& name, int mics) {
-    const std::string p = dir.file(name);
-    mkdir(p.c_str(), 0777);
-    std::string list;
-    for (int i = 0; i < 3; i++) {
-      symlink(dir.file(names[i]).c_str(), (p + "/" + names[i]).c_str());
-      if (i < mics) list += names[i] + "\n";
-    }
-    write_text_file(p + "/list.txt", list);
-    return p;
-  };
+  ASSERT_TRUE(make_sparse_three(dir));
+  auto project = [&](const std::string& name, int mics) { return project_of(dir, name, mics); };
   std::vector<std::string> args = job_args("J/", "list.txt");
   args.insert(args.end(), {"--cutoff", "run"});
   const std::string whole = project("whole", 3);
@@ -427,12 +443,12 @@ TEST(RelionJob, CutOverTheJobIsGvexreportsHoweverTheJobRan) {
   const std::string pick = " --out rep --pick --apply --apixM 1.34 --diameter 120 m1.mrc m2.mrc m3.mrc";
   r = run_shell(gvex_report_bin() + pick, RunOptions{report, 180});
   ASSERT_EQ(r.status, 0) << r.out << r.err;
-  for (const std::string& m : names) {
+  for (const std::string& m : kSparse) {
     const std::string stem = m.substr(0, m.size() - 4), job = read_text_file(whole + "/J/" + stem + "_autopick.star");
-    const std::string ours = read_text_file(report + "/" + stem + "_vexmatch_auto.star");
     ASSERT_TRUE(contains(job, "(automatic, over the job)")) << job;
-    const double job_cut = std::stod(job.substr(job.find("cut-off ") + 8));
-    EXPECT_NEAR(job_cut, std::stod(ours.substr(ours.find("cut-off ") + 8)), 1e-6) << m;
+    EXPECT_NEAR(cut_in(whole + "/J/" + stem + "_autopick.star"), cut_in(report + "/" + stem + "_vexmatch_auto.star"),
+                1e-6)
+        << m;
     const auto kept = coords_of(whole + "/J/" + stem + "_autopick.star");
     EXPECT_EQ(kept, coords_of(report + "/" + stem + "_vexmatch_auto.star")) << m;
     EXPECT_FALSE(kept.empty()) << m;  // each alone proves nothing; together they do
@@ -459,6 +475,43 @@ TEST(RelionJob, CutOverTheJobIsGvexreportsHoweverTheJobRan) {
   EXPECT_EQ(run_shell(cmd, RunOptions{killed, 180}).signal, SIGKILL);
   ASSERT_EQ(relion_in(killed, args).status, 0);
   EXPECT_EQ(files_of(killed + "/J/"), want);
+}
+
+// --cutoff recent cuts each micrograph once, when it is picked, as
+// gvexreport --pick cuts it among the micrographs picked before it; the
+// files a continued job wrote before do not change as it grows.
+TEST(RelionJob, RecentCutIsGvexreportsOverTheMicrographsBefore) {
+  TempDir dir;
+  ASSERT_TRUE(make_sparse_three(dir));
+  std::vector<std::string> args = job_args("J/", "list.txt");
+  args.insert(args.end(), {"--cutoff", "recent"});
+  const std::string whole = project_of(dir, "whole", 3);
+  ASSERT_EQ(relion_in(whole, args).status, 0);
+  const auto want = files_of(whole + "/J/");
+  const char* how[] = {"(automatic, the job's first micrograph alone)",
+                       "(automatic, with the 1 micrograph picked before it)",
+                       "(automatic, with the 2 micrographs picked before it)"};
+  for (int k = 0; k < 3; k++) {
+    const std::string stem = kSparse[k].substr(0, 2), job = whole + "/J/" + stem + "_autopick.star";
+    EXPECT_TRUE(contains(read_text_file(job), how[k])) << read_text_file(job);
+    const std::string report = project_of(dir, "report" + std::to_string(k), 3);
+    std::string pick = " --out rep --pick --apply --apixM 1.34 --diameter 120";
+    for (int i = 0; i <= k; i++) pick += " " + kSparse[i];
+    const RunResult r = run_shell(gvex_report_bin() + pick, RunOptions{report, 180});
+    ASSERT_EQ(r.status, 0) << r.out << r.err;
+    const std::string ours = report + "/" + stem + "_vexmatch_auto.star";
+    EXPECT_NEAR(cut_in(job), cut_in(ours), 1e-6) << stem;
+    EXPECT_EQ(coords_of(job), coords_of(ours)) << stem;
+  }
+  // The third micrograph proves the run's particles; picked alone it keeps none.
+  EXPECT_FALSE(coords_of(whole + "/J/m3_autopick.star").empty());
+  const std::string cont = project_of(dir, "continued", 2);
+  ASSERT_EQ(relion_in(cont, args).status, 0);
+  const std::string first = read_text_file(cont + "/J/m1_autopick.star");
+  project_of(dir, "continued", 3);
+  ASSERT_EQ(relion_in(cont, args).status, 0);
+  EXPECT_EQ(read_text_file(cont + "/J/m1_autopick.star"), first);
+  EXPECT_EQ(files_of(cont + "/J/"), want);
 }
 
 // A record edited by hand or left by a damaged disk: a number out of its

@@ -1,7 +1,8 @@
 // The RELION job's inputs: its command line (one word a line), the
 // micrographs STAR file a pipeline hands it, and a micrograph's record under
 // the job folder as an older build, an edit or a damaged disk may leave it,
-// through the reader, the kept picks and the cut over the whole job.
+// through the reader, the kept picks, the cut over the whole job and the cut
+// of a micrograph with those picked before it.
 #include <string>
 #include <vector>
 
@@ -31,6 +32,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   records[1].sequence++;
   for (Pick& p : records[1].picks) p.score *= 0.5f;
   run_cutoffs(records, 120.0);
+  MicRecord next = records[0];
+  recent_cutoff(records, next, 63, 120.0);
+  kept_picks(next);
   for (const MicRecord& r : records) kept_picks(r);
   return 0;
 }
