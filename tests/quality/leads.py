@@ -38,8 +38,11 @@ paths start in. Needs python3-numpy. A set's micrographs are one run.
 - "alone": "edge" without the run's sparse cut.
 - "pool": every sparse micrograph takes the run's sparse cut, its own
   evidence or not.
-- "job": gvexmatch_relion's default (cutoff auto): each micrograph from
-  its own picks and decoys alone, neither run's cut.
+- "job": gvexmatch_relion's cutoff auto: each micrograph from its own
+  picks and decoys alone, neither run's cut.
+- "recent": gvexmatch_relion's default (cutoff recent): each micrograph,
+  in the list's order, cut as the last of a run of itself and the (up to)
+  63 micrographs before it.
 Prints the F1 of each (kept picks per micrograph on a set without
 particles) and how many sets meet the targets.
 """
@@ -149,6 +152,17 @@ def in_fours(rule):
     return cut
 
 
+def recent(triples, window=64):
+    """gvexmatch_relion's default: each micrograph, in list order, cut as the
+    last of a run of itself and up to window - 1 micrographs before it."""
+    mics, cuts = [], []
+    for i in range(len(triples)):
+        m, c = rule_edge(triples[max(0, i + 1 - window):i + 1])
+        mics.append(m[-1])
+        cuts.append(c[-1])
+    return mics, cuts
+
+
 RULES = {"edge": rule_edge,
          "fours": in_fours(rule_edge),
          "permic": lambda p: rule_edge(p, whole=False),
@@ -156,7 +170,8 @@ RULES = {"edge": rule_edge,
          "own": lambda p: rule_edge(p, average=False),
          "alone": lambda p: rule_edge(p, run=False),
          "pool": lambda p: rule_edge(p, own=False),
-         "job": lambda p: rule_edge(p, run=False, whole=False)}
+         "job": lambda p: rule_edge(p, run=False, whole=False),
+         "recent": recent}
 
 
 def main(args):
