@@ -337,6 +337,35 @@ TEST(RelionJob, MicrographStarFileOfEachVersion) {
   EXPECT_TRUE(contains(why, "_rlnMicrographName")) << why;
 }
 
+const std::string kMics[] = {"m1.mrc", "m2.mrc", "m3.mrc"};
+
+// Three sparse micrographs of a few particles each, too few to prove alone.
+bool make_sparse_three(const TempDir& dir) {
+  for (int i = 0; i < 3; i++)
+    if (!make_mic(dir.path(), kMics[i], 1024, 1024, 40 + i, {"--density", "0.05"})) return false;
+  return true;
+}
+
+// A project folder of dir's three micrographs (m1-m3.mrc) whose list.txt
+// names the first mics.
+std::string project_of(const TempDir& dir, const std::string& name, int mics) {
+  const std::string p = dir.file(name);
+  mkdir(p.c_str(), 0777);
+  std::string list;
+  for (int i = 0; i < 3; i++) {
+    symlink(dir.file(kMics[i]).c_str(), (p + "/" + kMics[i]).c_str());
+    if (i < mics) list += kMics[i] + "\n";
+  }
+  write_text_file(p + "/list.txt", list);
+  return p;
+}
+
+// The cut-off written in a coordinate file's comment line.
+double cut_in(const std::string& path) {
+  const std::string text = read_text_file(path);
+  return std::stod(text.substr(text.find("cut-off ") + 8));
+}
+
 // A rerun with the same --o picks only what is new and rewrites the node
 // files for all; a run killed at any of its steps, then run again, leaves
 // the files of a run that was never interrupted.
@@ -344,18 +373,7 @@ TEST(RelionJob, ContinuedAndKilledRunsEndWithTheSameFiles) {
   TempDir dir;
   for (int i = 1; i <= 3; i++) ASSERT_TRUE(make_mic(dir.path(), "m" + std::to_string(i) + ".mrc", 1024, 1024, 10 + i));
   // Each case in its own folder, with the same names for the same micrographs.
-  auto project = [&](const std::string& name, int mics) {
-    const std::string p = dir.file(name);
-    mkdir(p.c_str(), 0777);
-    std::string list;
-    for (int i = 1; i <= 3; i++) {
-      const std::string m = "m" + std::to_string(i) + ".mrc";
-      symlink(dir.file(m).c_str(), (p + "/" + m).c_str());
-      if (i <= mics) list += m + "\n";
-    }
-    write_text_file(p + "/list.txt", list);
-    return p;
-  };
+  auto project = [&](const std::string& name, int mics) { return project_of(dir, name, mics); };
   const std::string whole = project("whole", 3);
   RunResult r = relion_in(whole, job_args("J/", "list.txt"));
   ASSERT_EQ(r.status, 0) << r.out << r.err;
@@ -397,33 +415,6 @@ TEST(RelionJob, ContinuedAndKilledRunsEndWithTheSameFiles) {
   }
 }
 
-const std::string kSparse[] = {"m1.mrc", "m2.mrc", "m3.mrc"};
-
-// Three sparse micrographs of a few particles each, too few to prove alone.
-bool make_sparse_three(const TempDir& dir) {
-  for (int i = 0; i < 3; i++)
-    if (!make_mic(dir.path(), kSparse[i], 1024, 1024, 40 + i, {"--density", "0.05"})) return false;
-  return true;
-}
-
-// A project folder of dir's three micrographs whose list.txt names the first mics.
-std::string project_of(const TempDir& dir, const std::string& name, int mics) {
-  const std::string p = dir.file(name);
-  mkdir(p.c_str(), 0777);
-  std::string list;
-  for (int i = 0; i < 3; i++) {
-    symlink(dir.file(kSparse[i]).c_str(), (p + "/" + kSparse[i]).c_str());
-    if (i < mics) list += kSparse[i] + "\n";
-  }
-  write_text_file(p + "/list.txt", list);
-  return p;
-}
-
-// The cut-off written in a coordinate file's comment line.
-double cut_in(const std::string& path) {
-  const std::string text = read_text_file(path);
-  return std::stod(text.substr(text.find("cut-off ") + 8));
-}
 
 // --cutoff run cuts each micrograph as gvexreport --pick cuts the same
 // micrographs as one run, and the files depend on which micrographs the job
@@ -443,7 +434,7 @@ TEST(RelionJob, CutOverTheJobIsGvexreportsHoweverTheJobRan) {
   const std::string pick = " --out rep --pick --apply --apixM 1.34 --diameter 120 m1.mrc m2.mrc m3.mrc";
   r = run_shell(gvex_report_bin() + pick, RunOptions{report, 180});
   ASSERT_EQ(r.status, 0) << r.out << r.err;
-  for (const std::string& m : kSparse) {
+  for (const std::string& m : kMics) {
     const std::string stem = m.substr(0, m.size() - 4), job = read_text_file(whole + "/J/" + stem + "_autopick.star");
     ASSERT_TRUE(contains(job, "(automatic, over the job)")) << job;
     EXPECT_NEAR(cut_in(whole + "/J/" + stem + "_autopick.star"), cut_in(report + "/" + stem + "_vexmatch_auto.star"),
@@ -478,8 +469,9 @@ TEST(RelionJob, CutOverTheJobIsGvexreportsHoweverTheJobRan) {
 }
 
 // --cutoff recent cuts each micrograph once, when it is picked, as
-// gvexreport --pick cuts it among the micrographs picked before it; the
-// files a continued job wrote before do not change as it grows.
+// gvexreport --pick cuts it among the micrographs picked before it. (It is
+// the default: ContinuedAndKilledRunsEndWithTheSameFiles shows its files
+// never change as a job grows.)
 TEST(RelionJob, RecentCutIsGvexreportsOverTheMicrographsBefore) {
   TempDir dir;
   ASSERT_TRUE(make_sparse_three(dir));
@@ -487,16 +479,15 @@ TEST(RelionJob, RecentCutIsGvexreportsOverTheMicrographsBefore) {
   args.insert(args.end(), {"--cutoff", "recent"});
   const std::string whole = project_of(dir, "whole", 3);
   ASSERT_EQ(relion_in(whole, args).status, 0);
-  const auto want = files_of(whole + "/J/");
   const char* how[] = {"(automatic, the job's first micrograph alone)",
                        "(automatic, with the 1 micrograph picked before it)",
                        "(automatic, with the 2 micrographs picked before it)"};
   for (int k = 0; k < 3; k++) {
-    const std::string stem = kSparse[k].substr(0, 2), job = whole + "/J/" + stem + "_autopick.star";
+    const std::string stem = kMics[k].substr(0, 2), job = whole + "/J/" + stem + "_autopick.star";
     EXPECT_TRUE(contains(read_text_file(job), how[k])) << read_text_file(job);
     const std::string report = project_of(dir, "report" + std::to_string(k), 3);
     std::string pick = " --out rep --pick --apply --apixM 1.34 --diameter 120";
-    for (int i = 0; i <= k; i++) pick += " " + kSparse[i];
+    for (int i = 0; i <= k; i++) pick += " " + kMics[i];
     const RunResult r = run_shell(gvex_report_bin() + pick, RunOptions{report, 180});
     ASSERT_EQ(r.status, 0) << r.out << r.err;
     const std::string ours = report + "/" + stem + "_vexmatch_auto.star";
@@ -505,13 +496,6 @@ TEST(RelionJob, RecentCutIsGvexreportsOverTheMicrographsBefore) {
   }
   // The third micrograph proves the run's particles; picked alone it keeps none.
   EXPECT_FALSE(coords_of(whole + "/J/m3_autopick.star").empty());
-  const std::string cont = project_of(dir, "continued", 2);
-  ASSERT_EQ(relion_in(cont, args).status, 0);
-  const std::string first = read_text_file(cont + "/J/m1_autopick.star");
-  project_of(dir, "continued", 3);
-  ASSERT_EQ(relion_in(cont, args).status, 0);
-  EXPECT_EQ(read_text_file(cont + "/J/m1_autopick.star"), first);
-  EXPECT_EQ(files_of(cont + "/J/"), want);
 }
 
 // A record edited by hand or left by a damaged disk: a number out of its
