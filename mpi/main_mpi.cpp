@@ -135,7 +135,7 @@ void take_for_cut(PickResult& picked, const AutoCut& cut, int i, int rank, Resul
                   std::string& picture) {
   try {
     if (picked.outcome == PickResult::Outcome::finished) {
-      take_picked(m, picked, cut.set, "gvexmatch_mpi");
+      take_picked(m, picked, cut.set);
       const std::string decoys = decoys_path(m.name, cut.suffix);
       if (!write_decoys(m, decoys)) gvex_throw("cannot write " + decoys + "\n");
     } else {

@@ -237,7 +237,7 @@ void pick_run(const ReportOptions& o, const char* prog, Run& run) {
       printf("%s: picked before (--do_unfinished): its picks file is read, %s\n", m.name.c_str(),
              m.decoys_found ? "and its decoys file" : "without decoys");
     } else {
-      take_picked(m, r, run.set, "gvexreport");
+      take_picked(m, r, run.set);
       const std::string decoys = decoys_path(m.name, run.suffix);
       if (!write_decoys(m, decoys)) gvex_throw("gvexreport: cannot write " + decoys + "\n", 1, true);
       printf("%s: picked, %zu picks and %zu decoys (%.1f s)\n", m.name.c_str(), m.picks.size(), m.decoys.size(),

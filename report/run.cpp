@@ -154,11 +154,8 @@ static std::vector<Pick> as_written(std::vector<Pick> picks) {
   return picks;
 }
 
-void take_picked(Micrograph& m, PickResult& r, const Settings& s, const std::string& prog) {
-  if (r.pixels.empty())
-    read_pixels(m, prog);
-  else
-    take_micrograph(m, r.head, std::move(r.pixels));
+void take_picked(Micrograph& m, PickResult& r, const Settings& s) {
+  take_micrograph(m, r.head, std::move(r.pixels));
   read_rejected(m);
   m.picks_found = true;
   m.picks = as_written(r.picks);

@@ -45,10 +45,10 @@ bool write_decoys(const Micrograph& m, const std::string& path);
 // nothing, when it is damaged or belongs to other picks (picked again since).
 void read_decoys(Micrograph& m, const std::string& path, const Settings& s);
 
-// m as the session picked it: its pixels (moved out of r when the session
-// kept them, else read), its rejected cells, the picks and decoys as their
-// files hold them, and which of them lie on strong edges.
-void take_picked(Micrograph& m, PickResult& r, const Settings& s, const std::string& prog);
+// m as the session picked it (with keep_pixels): its pixels, moved out of
+// r, its rejected cells, the picks and decoys as their files hold them, and
+// which of them lie on strong edges.
+void take_picked(Micrograph& m, PickResult& r, const Settings& s);
 
 // m's pictures written into the folder out (none when out is empty) under
 // picture_name(k, m.name), which is returned; its pixels are then let go.
