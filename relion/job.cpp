@@ -190,7 +190,7 @@ class Job {
 
   // Writer state: records_ and the times belong to the writer thread until it stops.
   std::vector<MicRecord> records_;
-  double nodes_at_ = 0, page_at_ = 0;
+  double nodes_at_ = 0, page_at_ = 0, page_took_ = 0;  // the last page: when, and how long it took
   bool dirty_ = false;  // records not yet in the node files and report
   // --cutoff run: the cut and edge step each coordinate file was last
   // written with (none yet in this run: written again at the first cut).
@@ -605,7 +605,8 @@ bool Job::write_job_files(bool page, std::string& why) {
       !cut_over_the_job(why))
     return false;
   const double now = gvex_wall_seconds();
-  page = page || now - page_at_ >= kPageEvery;
+  // A page of thousands of micrographs takes seconds too: likewise.
+  page = page || now - page_at_ >= std::max(kPageEvery, 20 * page_took_);
   std::vector<std::pair<std::string, std::string>> coords;
   for (const MicRecord& r : records_) coords.push_back({r.mic, r.coords});
   std::string star = star_;
@@ -620,8 +621,10 @@ bool Job::write_job_files(bool page, std::string& why) {
   gvex_test_stop_point("relion_nodes");
   nodes_at_ = now;
   if (!page) return true;
+  const double page_from = gvex_wall_seconds();
   if (!write_job_report(o_.out, records_, o_.diameter, o_.speed, why)) return false;
   page_at_ = now;
+  page_took_ = gvex_wall_seconds() - page_from;
   dirty_ = false;
   return true;
 }

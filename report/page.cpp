@@ -415,7 +415,29 @@ std::string shell_word(const std::string& w) {
 }
 
 bool write_page(const std::vector<Micrograph>& mics, const std::vector<std::string>& pictures, const Settings& s,
-                double pooled, const std::string& path, const std::string& apply_words) {
+                double pooled, const std::string& path, const std::string& apply_words, size_t per_page) {
+  per_page = std::max<size_t>(1, per_page);
+  const size_t pages = std::max<size_t>(1, (mics.size() + per_page - 1) / per_page);
+  const size_t slash = path.rfind('/');
+  const std::string dir = slash == std::string::npos ? "" : path.substr(0, slash + 1);
+  auto file_of = [&](size_t p) { return p ? "page-" + std::to_string(p + 1) + ".html" : path.substr(dir.size()); };
+  auto head = [&](const std::string& title) {
+    return "<!DOCTYPE html>\n<html lang=\"en\"><head><meta charset=\"utf-8\"><title>gvexreport</title>\n<style>" +
+           std::string(kStyle) + "</style></head>\n<body>\n<h1>" + title + "</h1>\n";
+  };
+  const std::string run_title =
+      "Picks of " + std::to_string(mics.size()) + (mics.size() == 1 ? " micrograph" : " micrographs");
+  std::string nav;
+  for (size_t p = 0; pages > 1 && p < pages; p++)
+    nav += std::string(p ? "" : "<p class=\"pages\">Micrographs by page:") + " <a href=\"" + file_of(p) + "\">" +
+           std::to_string(p * per_page + 1) + "-" + std::to_string(std::min(mics.size(), (p + 1) * per_page)) +
+           "</a>" + (p + 1 == pages ? "</p>\n" : "");
+  auto sections = [&](size_t p) {
+    std::string h;
+    for (size_t k = p * per_page; k < std::min(mics.size(), (p + 1) * per_page); k++)
+      h += section(mics[k], k, s, pictures[k], apply_words);
+    return h + "<script>\n" + std::string(kScript) + "</script>\n</body></html>\n";
+  };
   std::vector<double> all, all_decoys;
   bool decoys = !mics.empty();
   for (const Micrograph& m : mics) {
@@ -423,9 +445,7 @@ bool write_page(const std::vector<Micrograph>& mics, const std::vector<std::stri
     for (const Pick& p : m.decoys) all_decoys.push_back(p.score);
     decoys = decoys && m.decoys_found;
   }
-  std::string h = "<!DOCTYPE html>\n<html lang=\"en\"><head><meta charset=\"utf-8\"><title>gvexreport</title>\n<style>" +
-                  std::string(kStyle) + "</style></head>\n<body>\n<h1>Picks of " + std::to_string(mics.size()) +
-                  (mics.size() == 1 ? " micrograph" : " micrographs") + "</h1>\n";
+  std::string h = head(run_title) + nav;
   if (!decoys)
     h += "<p class=\"note\">Some micrographs have no decoys: their cut-offs come from the scores alone and are less "
          "reliable. <code>gvexreport --pick</code> picks with decoys (the same templates with their contrast inverted, "
@@ -443,17 +463,25 @@ bool write_page(const std::vector<Micrograph>& mics, const std::vector<std::stri
     const std::vector<double> sc = scores_of(m.picks);
     std::string warn;
     for (const std::string& w : m.warnings) warn += (warn.empty() ? "" : "; ") + html_escape(w);
-    h += "<tr><td class=\"name\"><a href=\"#m" + std::to_string(k + 1) + "\">" + html_escape(m.name) + "</a></td><td>" +
-         std::to_string(sc.size()) + "</td><td>" + std::to_string(count_kept(m)) + "</td><td>" +
+    h += "<tr><td class=\"name\"><a href=\"" + (k < per_page ? std::string() : file_of(k / per_page)) + "#m" +
+         std::to_string(k + 1) + "\">" + html_escape(m.name) + "</a></td><td>" + std::to_string(sc.size()) +
+         "</td><td>" + std::to_string(count_kept(m)) + "</td><td>" +
          (m.decoys_found ? std::to_string(m.choice.decoys_above) : std::string("-")) + "</td><td>" +
          num("%.4f", quantile(sc, 0.5)) + "</td><td>" + num("%.4f", quantile(sc, 0.9)) + "</td><td>" +
          num("%.3f", m.masked) + "</td><td>" + num("%.4f", m.cutoff) + "</td><td class=\"rule\">" +
          html_escape(m.choice.rule) + "</td><td class=\"warn\">" + warn + "</td></tr>\n";
   }
   h += "</tbody></table>\n";
-  for (size_t k = 0; k < mics.size(); k++) h += section(mics[k], k, s, pictures[k], apply_words);
-  h += "<script>\n" + std::string(kScript) + "</script>\n</body></html>\n";
-  return write_text(path, h);
+  if (!write_text(path, h + sections(0))) return false;
+  for (size_t p = 1; p < pages; p++) {
+    const std::string title = run_title + ": " + std::to_string(p * per_page + 1) + " to " +
+                              std::to_string(std::min(mics.size(), (p + 1) * per_page));
+    if (!write_text(dir + file_of(p), head(title) + nav + sections(p))) return false;
+  }
+  // A shorter run written here leaves no page of a longer one behind.
+  size_t stale = pages;
+  while (std::remove((dir + file_of(stale)).c_str()) == 0) stale++;
+  return true;
 }
 
 bool write_summary_star(const std::vector<Micrograph>& mics, const std::string& path) {

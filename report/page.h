@@ -31,9 +31,15 @@ bool write_picture(const Micrograph& m, const Settings& s, const std::string& pa
 // matching "gvexreport --apply --cutoff X" command (apply_words: the
 // options it needs besides). Self-contained: pictures are the PNGs beside
 // it, no network. A fragment "#cut=K:X" sets micrograph K's slider (from 1)
-// to the cut-off X as the page opens.
+// to the cut-off X as the page opens. A run of more than per_page
+// micrographs keeps the table and the first per_page sections in path and
+// the others per_page a file beside it (page-2.html, page-3.html, ...): a
+// collection's thousands in one file come to hundreds of megabytes, more
+// than a browser opens.
+constexpr size_t kPageMicrographs = 100;
 bool write_page(const std::vector<Micrograph>& mics, const std::vector<std::string>& pictures, const Settings& s,
-                double pooled, const std::string& path, const std::string& apply_words = "");
+                double pooled, const std::string& path, const std::string& apply_words = "",
+                size_t per_page = kPageMicrographs);
 
 // A word as a POSIX shell reads it back: quoted when it holds anything but
 // letters, digits and "-_./=:,+@%".

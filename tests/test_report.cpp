@@ -536,6 +536,43 @@ TEST(Page, DecoysOnEdgesLeftOutAreNotCounted) {
             std::string::npos);
 }
 
+// A long run's page stays one a browser opens: the table lists every
+// micrograph, their sections come a few a file, each row links to the file
+// that holds its section, and a shorter run written to the same folder
+// leaves no file of the longer one behind. A short run is one file.
+TEST(Page, LongRunsSpreadOverPages) {
+  const Settings s = report_settings(1.0, 40.0, true);
+  std::vector<Micrograph> mics(5, micrograph(spread(20, 0.1, 0.5)));
+  for (size_t k = 0; k < mics.size(); k++) mics[k].name = "m" + std::to_string(k + 1) + ".mrc";
+  const std::vector<std::string> pictures(5, "m.png");
+  TempDir dir;
+  auto count = [](const std::string& text, const std::string& what) {
+    size_t n = 0;
+    for (size_t at = text.find(what); at != std::string::npos; at = text.find(what, at + 1)) n++;
+    return n;
+  };
+  ASSERT_TRUE(write_page(mics, pictures, s, 0.2, dir.file("index.html"), "", 2));
+  const std::string first = read_text_file(dir.file("index.html")), last = read_text_file(dir.file("page-3.html"));
+  EXPECT_EQ(count(first, "<td class=\"name\">"), 5u);
+  EXPECT_EQ(count(first, "<section class=\"mic\""), 2u);
+  EXPECT_EQ(count(read_text_file(dir.file("page-2.html")), "<section class=\"mic\""), 2u);
+  EXPECT_EQ(count(last, "<section class=\"mic\""), 1u);
+  EXPECT_FALSE(file_exists(dir.file("page-4.html")));
+  EXPECT_NE(first.find("<a href=\"#m2\">m2.mrc</a>"), std::string::npos);
+  EXPECT_NE(first.find("<a href=\"page-3.html#m5\">m5.mrc</a>"), std::string::npos);
+  EXPECT_NE(last.find("id=\"m5\" data-k=\"5\""), std::string::npos);
+  EXPECT_NE(last.find("<a href=\"index.html\">1-2</a>"), std::string::npos);
+  EXPECT_NE(last.find("<script>"), std::string::npos);
+
+  mics.resize(3);
+  ASSERT_TRUE(write_page(mics, pictures, s, 0.2, dir.file("index.html"), "", 2));
+  EXPECT_TRUE(file_exists(dir.file("page-2.html")));
+  EXPECT_FALSE(file_exists(dir.file("page-3.html")));
+  ASSERT_TRUE(write_page(mics, pictures, s, 0.2, dir.file("index.html")));
+  EXPECT_EQ(count(read_text_file(dir.file("index.html")), "<section class=\"mic\""), 3u);
+  EXPECT_FALSE(file_exists(dir.file("page-2.html")));
+}
+
 // The page's command must reach the shell as the words it names.
 TEST(Page, ShellWordsComeBackUnchanged) {
   for (const std::string w : {"m.mrc", "a b.mrc", "it's.mrc", "$(rm x)", "x\"y;z", "#1%20?"}) {
