@@ -191,6 +191,7 @@ class Job {
   // Writer state: records_ and the times belong to the writer thread until it stops.
   std::vector<MicRecord> records_;
   double nodes_at_ = 0, page_at_ = 0, page_took_ = 0;  // the last page: when, and how long it took
+  size_t paged_ = 0;                                    // ... and the records it showed
   bool dirty_ = false;  // records not yet in the node files and report
   // --cutoff run: the cut and edge step each coordinate file was last
   // written with (none yet in this run: written again at the first cut).
@@ -622,7 +623,11 @@ bool Job::write_job_files(bool page, std::string& why) {
   nodes_at_ = now;
   if (!page) return true;
   const double page_from = gvex_wall_seconds();
-  if (!write_job_report(o_.out, records_, o_.diameter, o_.speed, why)) return false;
+  // Records only grow unless the cut is over the job: those on the last
+  // page this process wrote are as they were.
+  const size_t settled = o_.cut == JobCut::kRun ? 0 : paged_;
+  if (!write_job_report(o_.out, records_, o_.diameter, o_.speed, settled, why)) return false;
+  paged_ = records_.size();
   page_at_ = now;
   page_took_ = gvex_wall_seconds() - page_from;
   dirty_ = false;

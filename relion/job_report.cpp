@@ -92,7 +92,7 @@ bool write_summary(const std::string& path, const std::vector<MicRecord>& record
 }  // namespace
 
 bool write_job_report(const std::string& job, std::vector<MicRecord>& records, double diameter, int speed,
-                      std::string& why) {
+                      size_t settled, std::string& why) {
   std::vector<Micrograph> mics;
   // Gives the lent picks back however the page ends (a failed allocation too).
   struct GiveBack {
@@ -118,7 +118,7 @@ bool write_job_report(const std::string& job, std::vector<MicRecord>& records, d
     Settings s;
     s.apix = records.empty() ? 1.0 : records.front().apix;
     s.diameter = diameter;
-    page = write_page(mics, pictures, s, job_cutoff(all), job + "index.html");
+    page = write_page(mics, pictures, s, job_cutoff(all), job + "index.html", "", kPageMicrographs, settled);
   }
   if (!page) return why = "cannot write " + job + "index.html", false;
   if (!write_summary(job + "summary.star", records, mics)) return why = "cannot write " + job + "summary.star", false;

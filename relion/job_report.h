@@ -19,6 +19,8 @@ bool report_micrograph(Micrograph& m, const PickSettings& pick, bool apix_given,
 // index.html and summary.star of the job folder, the picks drawn as circles
 // of diameter A, picked at speed; false with why. The records' picks and
 // decoys are lent to the page while it is written (a job of thousands of
-// micrographs holds millions) and are theirs again on return.
+// micrographs holds millions) and are theirs again on return. settled: the
+// first records, unchanged since the last report this process wrote (their
+// full pages are not written again).
 bool write_job_report(const std::string& job, std::vector<MicRecord>& records, double diameter, int speed,
-                      std::string& why);
+                      size_t settled, std::string& why);

@@ -6,6 +6,8 @@
 #include <cstring>
 #include <string>
 
+#include <unistd.h>
+
 #include "common/atomic_file.h"
 #include "io/star_table.h"
 #include "report/png.h"
@@ -415,7 +417,8 @@ std::string shell_word(const std::string& w) {
 }
 
 bool write_page(const std::vector<Micrograph>& mics, const std::vector<std::string>& pictures, const Settings& s,
-                double pooled, const std::string& path, const std::string& apply_words, size_t per_page) {
+                double pooled, const std::string& path, const std::string& apply_words, size_t per_page,
+                size_t settled) {
   per_page = std::max<size_t>(1, per_page);
   const size_t pages = std::max<size_t>(1, (mics.size() + per_page - 1) / per_page);
   const size_t slash = path.rfind('/');
@@ -427,11 +430,19 @@ bool write_page(const std::vector<Micrograph>& mics, const std::vector<std::stri
   };
   const std::string run_title =
       "Picks of " + std::to_string(mics.size()) + (mics.size() == 1 ? " micrograph" : " micrographs");
+  auto first = [&](size_t p) { return std::to_string(p * per_page + 1); };
+  auto last = [&](size_t p) { return std::to_string(std::min(mics.size(), (p + 1) * per_page)); };
   std::string nav;
   for (size_t p = 0; pages > 1 && p < pages; p++)
     nav += std::string(p ? "" : "<p class=\"pages\">Micrographs by page:") + " <a href=\"" + file_of(p) + "\">" +
-           std::to_string(p * per_page + 1) + "-" + std::to_string(std::min(mics.size(), (p + 1) * per_page)) +
-           "</a>" + (p + 1 == pages ? "</p>\n" : "");
+           first(p) + "-" + last(p) + "</a>" + (p + 1 == pages ? "</p>\n" : "");
+  // The other pages link only to the first and their neighbours: a page
+  // stays as it is while the run grows past it.
+  auto nav_of = [&](size_t p) {
+    return "<p class=\"pages\"><a href=\"" + file_of(0) + "\">all micrographs</a>" +
+           (p > 1 ? " <a href=\"" + file_of(p - 1) + "\">previous</a>" : std::string()) +
+           (p + 1 < pages ? " <a href=\"" + file_of(p + 1) + "\">next</a>" : std::string()) + "</p>\n";
+  };
   auto sections = [&](size_t p) {
     std::string h;
     for (size_t k = p * per_page; k < std::min(mics.size(), (p + 1) * per_page); k++)
@@ -474,9 +485,10 @@ bool write_page(const std::vector<Micrograph>& mics, const std::vector<std::stri
   h += "</tbody></table>\n";
   if (!write_text(path, h + sections(0))) return false;
   for (size_t p = 1; p < pages; p++) {
-    const std::string title = run_title + ": " + std::to_string(p * per_page + 1) + " to " +
-                              std::to_string(std::min(mics.size(), (p + 1) * per_page));
-    if (!write_text(dir + file_of(p), head(title) + nav + sections(p))) return false;
+    // Full of settled micrographs, and the next page was there to link to.
+    const std::string file = dir + file_of(p);
+    if (settled > (p + 1) * per_page && access(file.c_str(), F_OK) == 0) continue;
+    if (!write_text(file, head("Micrographs " + first(p) + " to " + last(p)) + nav_of(p) + sections(p))) return false;
   }
   // A shorter run written here leaves no page of a longer one behind.
   size_t stale = pages;

@@ -35,11 +35,13 @@ bool write_picture(const Micrograph& m, const Settings& s, const std::string& pa
 // micrographs keeps the table and the first per_page sections in path and
 // the others per_page a file beside it (page-2.html, page-3.html, ...): a
 // collection's thousands in one file come to hundreds of megabytes, more
-// than a browser opens.
+// than a browser opens. settled: the first micrographs, as the last call
+// for this path wrote them (a run that only grows); the pages they fill are
+// not written again.
 constexpr size_t kPageMicrographs = 100;
 bool write_page(const std::vector<Micrograph>& mics, const std::vector<std::string>& pictures, const Settings& s,
                 double pooled, const std::string& path, const std::string& apply_words = "",
-                size_t per_page = kPageMicrographs);
+                size_t per_page = kPageMicrographs, size_t settled = 0);
 
 // A word as a POSIX shell reads it back: quoted when it holds anything but
 // letters, digits and "-_./=:,+@%".

@@ -9,6 +9,8 @@
 #include <string>
 #include <vector>
 
+#include <sys/stat.h>
+
 #include "io/picks.h"
 #include "report/edges.h"
 #include "report/micrograph.h"
@@ -538,8 +540,9 @@ TEST(Page, DecoysOnEdgesLeftOutAreNotCounted) {
 
 // A long run's page stays one a browser opens: the table lists every
 // micrograph, their sections come a few a file, each row links to the file
-// that holds its section, and a shorter run written to the same folder
-// leaves no file of the longer one behind. A short run is one file.
+// that holds its section, a run that grows leaves the pages it has filled
+// as they were, and a shorter run written to the same folder leaves no file
+// of the longer one behind. A short run is one file.
 TEST(Page, LongRunsSpreadOverPages) {
   const Settings s = report_settings(1.0, 40.0, true);
   std::vector<Micrograph> mics(5, micrograph(spread(20, 0.1, 0.5)));
@@ -561,8 +564,30 @@ TEST(Page, LongRunsSpreadOverPages) {
   EXPECT_NE(first.find("<a href=\"#m2\">m2.mrc</a>"), std::string::npos);
   EXPECT_NE(first.find("<a href=\"page-3.html#m5\">m5.mrc</a>"), std::string::npos);
   EXPECT_NE(last.find("id=\"m5\" data-k=\"5\""), std::string::npos);
-  EXPECT_NE(last.find("<a href=\"index.html\">1-2</a>"), std::string::npos);
+  EXPECT_NE(last.find("<a href=\"index.html\">all micrographs</a> <a href=\"page-2.html\">previous</a></p>"),
+            std::string::npos);
   EXPECT_NE(last.find("<script>"), std::string::npos);
+
+  // A run that grows: a settled page is written again only for its link to
+  // a new next page, and then stays as written.
+  const std::vector<std::string> more(7, "m.png");
+  auto grown = [&](size_t n, size_t settled) {
+    mics.resize(n, mics[0]);
+    return write_page(mics, more, s, 0.2, dir.file("index.html"), "", 2, settled);
+  };
+  auto next_link = [&](const char* page, const char* next) {
+    return read_text_file(dir.file(page)).find("<a href=\"" + std::string(next) + "\">next</a>") != std::string::npos;
+  };
+  ASSERT_TRUE(grown(4, 0));
+  EXPECT_FALSE(file_exists(dir.file("page-3.html")));
+  ASSERT_TRUE(grown(5, 4));
+  EXPECT_TRUE(next_link("page-2.html", "page-3.html"));
+  struct stat before {}, after {};
+  ASSERT_EQ(stat(dir.file("page-2.html").c_str(), &before), 0);
+  ASSERT_TRUE(grown(7, 5));
+  ASSERT_EQ(stat(dir.file("page-2.html").c_str(), &after), 0);
+  EXPECT_EQ(before.st_ino, after.st_ino);
+  EXPECT_TRUE(next_link("page-3.html", "page-4.html"));
 
   mics.resize(3);
   ASSERT_TRUE(write_page(mics, pictures, s, 0.2, dir.file("index.html"), "", 2));
