@@ -9,12 +9,11 @@
 #include <string>
 #include <vector>
 
-#include <sys/stat.h>
-
 #include "io/picks.h"
 #include "report/edges.h"
 #include "report/micrograph.h"
 #include "report/page.h"
+#include "support/e2e.h"
 #include "support/run.h"
 
 namespace {
@@ -544,57 +543,46 @@ TEST(Page, DecoysOnEdgesLeftOutAreNotCounted) {
 // as they were, and a shorter run written to the same folder leaves no file
 // of the longer one behind. A short run is one file.
 TEST(Page, LongRunsSpreadOverPages) {
+  using e2e::contains, e2e::count_of;
   const Settings s = report_settings(1.0, 40.0, true);
   std::vector<Micrograph> mics(5, micrograph(spread(20, 0.1, 0.5)));
   for (size_t k = 0; k < mics.size(); k++) mics[k].name = "m" + std::to_string(k + 1) + ".mrc";
-  const std::vector<std::string> pictures(5, "m.png");
+  const std::vector<std::string> pictures(7, "m.png");
   TempDir dir;
-  auto count = [](const std::string& text, const std::string& what) {
-    size_t n = 0;
-    for (size_t at = text.find(what); at != std::string::npos; at = text.find(what, at + 1)) n++;
-    return n;
+  auto page = [&](const char* name) { return read_text_file(dir.file(name)); };
+  auto written = [&](size_t n, size_t per_page, size_t settled) {
+    mics.resize(n, mics[0]);
+    return write_page(mics, pictures, s, 0.2, dir.file("index.html"), "", per_page, settled);
   };
-  ASSERT_TRUE(write_page(mics, pictures, s, 0.2, dir.file("index.html"), "", 2));
-  const std::string first = read_text_file(dir.file("index.html")), last = read_text_file(dir.file("page-3.html"));
-  EXPECT_EQ(count(first, "<td class=\"name\">"), 5u);
-  EXPECT_EQ(count(first, "<section class=\"mic\""), 2u);
-  EXPECT_EQ(count(read_text_file(dir.file("page-2.html")), "<section class=\"mic\""), 2u);
-  EXPECT_EQ(count(last, "<section class=\"mic\""), 1u);
+  ASSERT_TRUE(written(5, 2, 0));
+  const std::string first = page("index.html"), last = page("page-3.html");
+  EXPECT_EQ(count_of(first, "<td class=\"name\">"), 5u);
+  EXPECT_EQ(count_of(first, "<section class=\"mic\""), 2u);
+  EXPECT_EQ(count_of(page("page-2.html"), "<section class=\"mic\""), 2u);
+  EXPECT_EQ(count_of(last, "<section class=\"mic\""), 1u);
   EXPECT_FALSE(file_exists(dir.file("page-4.html")));
-  EXPECT_NE(first.find("<a href=\"#m2\">m2.mrc</a>"), std::string::npos);
-  EXPECT_NE(first.find("<a href=\"page-3.html#m5\">m5.mrc</a>"), std::string::npos);
-  EXPECT_NE(last.find("id=\"m5\" data-k=\"5\""), std::string::npos);
-  EXPECT_NE(last.find("<a href=\"index.html\">all micrographs</a> <a href=\"page-2.html\">previous</a></p>"),
-            std::string::npos);
-  EXPECT_NE(last.find("<script>"), std::string::npos);
+  EXPECT_TRUE(contains(first, "<a href=\"#m2\">m2.mrc</a>"));
+  EXPECT_TRUE(contains(first, "<a href=\"page-3.html#m5\">m5.mrc</a>"));
+  EXPECT_TRUE(contains(last, "id=\"m5\" data-k=\"5\""));
+  EXPECT_TRUE(contains(last, "<a href=\"index.html\">all micrographs</a> <a href=\"page-2.html\">previous</a></p>"));
 
   // A run that grows: a settled page is written again only for its link to
   // a new next page, and then stays as written.
-  const std::vector<std::string> more(7, "m.png");
-  auto grown = [&](size_t n, size_t settled) {
-    mics.resize(n, mics[0]);
-    return write_page(mics, more, s, 0.2, dir.file("index.html"), "", 2, settled);
-  };
-  auto next_link = [&](const char* page, const char* next) {
-    return read_text_file(dir.file(page)).find("<a href=\"" + std::string(next) + "\">next</a>") != std::string::npos;
-  };
-  ASSERT_TRUE(grown(4, 0));
-  EXPECT_FALSE(file_exists(dir.file("page-3.html")));
-  ASSERT_TRUE(grown(5, 4));
-  EXPECT_TRUE(next_link("page-2.html", "page-3.html"));
+  ASSERT_TRUE(written(4, 2, 0));
+  ASSERT_TRUE(written(5, 2, 4));
+  EXPECT_TRUE(contains(page("page-2.html"), "<a href=\"page-3.html\">next</a>"));
   struct stat before {}, after {};
   ASSERT_EQ(stat(dir.file("page-2.html").c_str(), &before), 0);
-  ASSERT_TRUE(grown(7, 5));
+  ASSERT_TRUE(written(7, 2, 5));
   ASSERT_EQ(stat(dir.file("page-2.html").c_str(), &after), 0);
   EXPECT_EQ(before.st_ino, after.st_ino);
-  EXPECT_TRUE(next_link("page-3.html", "page-4.html"));
+  EXPECT_TRUE(contains(page("page-3.html"), "<a href=\"page-4.html\">next</a>"));
 
-  mics.resize(3);
-  ASSERT_TRUE(write_page(mics, pictures, s, 0.2, dir.file("index.html"), "", 2));
+  ASSERT_TRUE(written(3, 2, 0));
   EXPECT_TRUE(file_exists(dir.file("page-2.html")));
   EXPECT_FALSE(file_exists(dir.file("page-3.html")));
-  ASSERT_TRUE(write_page(mics, pictures, s, 0.2, dir.file("index.html")));
-  EXPECT_EQ(count(read_text_file(dir.file("index.html")), "<section class=\"mic\""), 3u);
+  ASSERT_TRUE(written(3, kPageMicrographs, 0));
+  EXPECT_EQ(count_of(page("index.html"), "<section class=\"mic\""), 3u);
   EXPECT_FALSE(file_exists(dir.file("page-2.html")));
 }
 
