@@ -36,10 +36,6 @@ void pool_record(MicRecord& rec, const PickResult& r, double diameter, const std
   rec.on_edge = pixels.empty() ? std::vector<char>()
                                : edge_picks(pixels, nx, ny, diameter / 2 / rec.apix, rec.picks, rec.decoys,
                                             &rec.decoy_on_edge);
-  std::vector<MicRecord> alone(1);
-  alone[0] = std::move(rec);
-  run_cutoffs(alone, diameter);
-  rec = std::move(alone[0]);
 }
 
 namespace {

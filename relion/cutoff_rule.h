@@ -23,9 +23,9 @@
 double auto_cutoff(const PickResult& r, double diameter, double apix, const std::vector<float>& pixels, int nx,
                    int ny, std::vector<Pick>& picks, long& edge_dropped);
 
-// Fills rec for a cut over the whole job: every pick and decoy of the
-// result, their flags on strong edges (none without pixels), the usable
-// area; then its own cut, as if it were the job's only micrograph.
+// Fills rec for a cut as a run (recent_cutoff, run_cutoffs): every pick and
+// decoy of the result, their flags on strong edges (none without pixels),
+// the usable area.
 void pool_record(MicRecord& rec, const PickResult& r, double diameter, const std::vector<float>& pixels, int nx,
                  int ny);
 

@@ -515,8 +515,10 @@ void Job::write_one(Picked& p) {
   long edge_dropped = 0;
   std::string how = "given";
   if (o_.cut == JobCut::kRun) {
-    // Cut alone for now; the job's next cut over all its micrographs weighs it in.
+    // Cut alone for now (a run of none before it); the job's next cut over
+    // all its micrographs weighs it in.
     pool_record(r, p.result, p.settings.opt.diameter, m.pixels, m.nx, m.ny);
+    recent_cutoff(records_, r, 0, p.settings.opt.diameter);
     how = "automatic, this micrograph alone";
   } else if (o_.cut == JobCut::kRecent) {
     pool_record(r, p.result, p.settings.opt.diameter, m.pixels, m.nx, m.ny);
