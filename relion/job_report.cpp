@@ -102,7 +102,7 @@ bool write_job_report(const std::string& job, std::vector<MicRecord>& records, d
       for (size_t k = 0; k < mics.size(); k++) lend(records[k], mics[k]);
     }
   };
-  bool page = false;
+  std::string page_failed;
   {
     mics.reserve(records.size());
     GiveBack give_back{records, mics};
@@ -118,9 +118,9 @@ bool write_job_report(const std::string& job, std::vector<MicRecord>& records, d
     Settings s;
     s.apix = records.empty() ? 1.0 : records.front().apix;
     s.diameter = diameter;
-    page = write_page(mics, pictures, s, job_cutoff(all), job + "index.html", "", kPageMicrographs, settled);
+    page_failed = write_page(mics, pictures, s, job_cutoff(all), job + "index.html", "", kPageMicrographs, settled);
   }
-  if (!page) return why = "cannot write " + job + "index.html", false;
+  if (!page_failed.empty()) return why = "cannot write " + page_failed, false;
   if (!write_summary(job + "summary.star", records, mics)) return why = "cannot write " + job + "summary.star", false;
   return true;
 }

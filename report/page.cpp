@@ -416,9 +416,9 @@ std::string shell_word(const std::string& w) {
   return q + "'";
 }
 
-bool write_page(const std::vector<Micrograph>& mics, const std::vector<std::string>& pictures, const Settings& s,
-                double pooled, const std::string& path, const std::string& apply_words, size_t per_page,
-                size_t settled) {
+std::string write_page(const std::vector<Micrograph>& mics, const std::vector<std::string>& pictures,
+                       const Settings& s, double pooled, const std::string& path, const std::string& apply_words,
+                       size_t per_page, size_t settled) {
   per_page = std::max<size_t>(1, per_page);
   const size_t pages = std::max<size_t>(1, (mics.size() + per_page - 1) / per_page);
   const size_t slash = path.rfind('/');
@@ -483,17 +483,17 @@ bool write_page(const std::vector<Micrograph>& mics, const std::vector<std::stri
          html_escape(m.choice.rule) + "</td><td class=\"warn\">" + warn + "</td></tr>\n";
   }
   h += "</tbody></table>\n";
-  if (!write_text(path, h + sections(0))) return false;
+  if (!write_text(path, h + sections(0))) return path;
   for (size_t p = 1; p < pages; p++) {
     // Full of settled micrographs, and the next page was there to link to.
     const std::string file = dir + file_of(p);
     if (settled > (p + 1) * per_page && access(file.c_str(), F_OK) == 0) continue;
-    if (!write_text(file, head("Micrographs " + first(p) + " to " + last(p)) + nav_of(p) + sections(p))) return false;
+    if (!write_text(file, head("Micrographs " + first(p) + " to " + last(p)) + nav_of(p) + sections(p))) return file;
   }
   // A shorter run written here leaves no page of a longer one behind.
   size_t stale = pages;
   while (std::remove((dir + file_of(stale)).c_str()) == 0) stale++;
-  return true;
+  return "";
 }
 
 bool write_summary_star(const std::vector<Micrograph>& mics, const std::string& path) {

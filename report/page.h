@@ -37,11 +37,11 @@ bool write_picture(const Micrograph& m, const Settings& s, const std::string& pa
 // collection's thousands in one file come to hundreds of megabytes, more
 // than a browser opens. settled: the first micrographs, as the last call
 // for this path wrote them (a run that only grows); the pages they fill are
-// not written again.
+// not written again. Returns the file that could not be written, or "".
 constexpr size_t kPageMicrographs = 100;
-bool write_page(const std::vector<Micrograph>& mics, const std::vector<std::string>& pictures, const Settings& s,
-                double pooled, const std::string& path, const std::string& apply_words = "",
-                size_t per_page = kPageMicrographs, size_t settled = 0);
+std::string write_page(const std::vector<Micrograph>& mics, const std::vector<std::string>& pictures,
+                       const Settings& s, double pooled, const std::string& path, const std::string& apply_words = "",
+                       size_t per_page = kPageMicrographs, size_t settled = 0);
 
 // A word as a POSIX shell reads it back: quoted when it holds anything but
 // letters, digits and "-_./=:,+@%".

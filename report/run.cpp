@@ -201,9 +201,11 @@ std::string cut_and_report(std::vector<Micrograph>& mics, const std::vector<std:
   const double pooled = run_cutoff(mics, s);
   const std::string failed = cut_run(mics, s, pooled, fixed, apply);
   if (!failed.empty()) return "cannot write " + failed;
-  if (!out.empty() && (!write_page(mics, pictures, s, pooled, out + "/index.html", apply_words(s, boxsize, suffix)) ||
-                       !write_summary_star(mics, out + "/summary.star")))
-    return "cannot write the report into " + out;
+  if (!out.empty()) {
+    const std::string page = write_page(mics, pictures, s, pooled, out + "/index.html", apply_words(s, boxsize, suffix));
+    if (!page.empty()) return "cannot write " + page;
+    if (!write_summary_star(mics, out + "/summary.star")) return "cannot write " + out + "/summary.star";
+  }
   printf("suggested --cc_cutoff %.4f\n", pooled);
   if (!out.empty()) printf("report: %s/index.html\n", out.c_str());
   return "";

@@ -528,7 +528,7 @@ TEST(Page, DecoysOnEdgesLeftOutAreNotCounted) {
   decide_cutoff(m, s, 0.0);
   ASSERT_EQ(m.choice.edge_dropped, 1);
   TempDir dir;
-  ASSERT_TRUE(write_page({m}, {"m.png"}, s, 0.0, dir.file("index.html")));
+  ASSERT_EQ(write_page({m}, {"m.png"}, s, 0.0, dir.file("index.html")), "");
   const std::string page = read_text_file(dir.file("index.html"));
   EXPECT_NE(page.find("Decoys above it: 0 off the edges whose picks are left out, an estimate of the false picks"),
             std::string::npos);
@@ -552,7 +552,7 @@ TEST(Page, LongRunsSpreadOverPages) {
   auto page = [&](const char* name) { return read_text_file(dir.file(name)); };
   auto written = [&](size_t n, size_t per_page, size_t settled) {
     mics.resize(n, mics[0]);
-    return write_page(mics, pictures, s, 0.2, dir.file("index.html"), "", per_page, settled);
+    return write_page(mics, pictures, s, 0.2, dir.file("index.html"), "", per_page, settled).empty();
   };
   ASSERT_TRUE(written(5, 2, 0));
   const std::string first = page("index.html"), last = page("page-3.html");
@@ -584,6 +584,10 @@ TEST(Page, LongRunsSpreadOverPages) {
   ASSERT_TRUE(written(3, kPageMicrographs, 0));
   EXPECT_EQ(count_of(page("index.html"), "<section class=\"mic\""), 3u);
   EXPECT_FALSE(file_exists(dir.file("page-2.html")));
+
+  // A page that cannot be written is the one named, not the index.
+  ASSERT_EQ(mkdir(dir.file("page-2.html").c_str(), 0755), 0);
+  EXPECT_EQ(write_page(mics, pictures, s, 0.2, dir.file("index.html"), "", 2), dir.file("page-2.html"));
 }
 
 // The page's command must reach the shell as the words it names.
