@@ -44,6 +44,7 @@ struct PicksRead {
   bool opened = false;   // the file could be read at all
   long refused = 0;      // lines of numbers refused: not finite, or out of range
   long first_refused = 0;  // 1-based line number of the first refused line
+  const char* why = "";    // what was wrong with it
   double cut = NAN;      // the cut-off a "# cut-off X" line records; NaN when none does
   const char* not_a_file = "";  // "a FIFO", "a folder"...: what stands at the name instead, unread
 };

@@ -52,7 +52,7 @@ static void damaged_lines(Micrograph& m, const PicksRead& read, const std::strin
   if (*read.not_a_file) m.warnings.push_back(path + " is " + read.not_a_file + ", not a file: not read");
   if (read.refused > 0)
     m.warnings.push_back(std::to_string(read.refused) + " damaged line(s) of " + path + " skipped (the first is line " +
-                         std::to_string(read.first_refused) + "): numbers not finite or out of range");
+                         std::to_string(read.first_refused) + "): " + read.why);
 }
 
 void read_rejected(Micrograph& m) {

@@ -106,6 +106,42 @@ TEST(PickFiles, CutOffTextKeepsWhatTheCutOffKeeps) {
   }
 }
 
+// A STAR file's columns are found by their labels, whatever their order or
+// company; a line that is not a pick of its file is counted as damaged with
+// the reason, never read as one (an angle taken for a score would pass any cut).
+TEST(PickFiles, ColumnsAreReadByTheirLabelsAndOddLinesAreDamaged) {
+  std::vector<Pick> p;
+  PicksRead r = picks_parse("data_\nloop_\n_rlnMicrographName\n_rlnAnglePsi #2\n_rlnAutopickFigureOfMerit #3\n"
+                            "_rlnCoordinateY #4\n_rlnCoordinateX #5\nm.mrc 270 0.25 40 30\n",
+                            true, 64, p);
+  ASSERT_EQ(p.size(), 1u);
+  EXPECT_EQ(r.refused, 0);
+  EXPECT_EQ(p[0].x, 30);
+  EXPECT_EQ(p[0].y, 40);
+  EXPECT_EQ(p[0].score, 0.25f);
+  EXPECT_EQ(p[0].psi, 270.0f);
+  EXPECT_EQ(p[0].cls, 1);  // no class column
+  const std::pair<std::string, const char*> damaged[] = {
+      {"data_\nloop_\n_rlnCoordinateX\n_rlnCoordinateY\n1 2\n", "no coordinate or score column in its loop"},
+      {"1 2 3 4 5 6 7 8 9\n", "not as many fields as its loop has labels"},
+      {"<html><body>not picks</body></html>\n", "not as many fields as its loop has labels"},
+      {"data_\nloop_\n_rlnCoordinateX\n_rlnCoordinateY\n_rlnAutopickFigureOfMerit\n1 2 x\n",
+       "a coordinate, score, angle or class is not a number"},
+  };
+  for (const auto& [text, why] : damaged) {
+    p.clear();
+    r = picks_parse(text, true, 64, p);
+    EXPECT_TRUE(p.empty()) << text;
+    EXPECT_EQ(r.refused, 1) << text;
+    EXPECT_STREQ(r.why, why) << text;
+  }
+  p.clear();
+  r = picks_parse("10 10 64 64 0.5 1 0\n10 10 64 64 0.5 1 0 99\n\n", false, 64, p);
+  EXPECT_EQ(p.size(), 1u);
+  EXPECT_EQ(r.first_refused, 2);
+  EXPECT_STREQ(r.why, "not the seven fields of a picks line");
+}
+
 TEST(DecideCutoff, WithDecoysTheNullModelAndItsReasons) {
   const Settings s = report_settings(1.0, 40.0, true);
   Micrograph m = sparse_micrograph();
