@@ -105,7 +105,7 @@ double weighed_with_run(const Micrograph& m, const DecoyCutoff& d, const RunCut&
         fmt("), each weighted by the square of its excess of picks over decoys in sd of chance (%.1f, and the run's "
             "%.1f shared among its micrographs)",
             d.evidence, std::sqrt(run.weight));
-  return (own_weight * d.value + run.weight * run.d.value) / (own_weight + run.weight);
+  return weighted_cut(own_weight, d.value, run.weight, run.d.value);
 }
 
 void with_decoys(Micrograph& m, const Settings& s, SparseCut run_sparse, const RunCut& run) {

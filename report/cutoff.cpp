@@ -182,7 +182,7 @@ DecoyCutoff decoy_rule(const std::vector<double>& real_scores, const std::vector
     const double own_weight = std::isnan(cut) ? 0 : c.own.sd * c.own.sd, run_weight = run.sd * run.sd;
     c.from_run = std::isnan(cut);
     c.run_share = c.from_run ? 1 : run_weight / (own_weight + run_weight);
-    cut = c.from_run ? run.value : (own_weight * cut + run_weight * run.value) / (own_weight + run_weight);
+    cut = c.from_run ? run.value : weighted_cut(own_weight, cut, run_weight, run.value);
   }
   if (std::isnan(cut)) {
     // No evidence for the sparse reading: crowded ones keep the half-decoy cut, the others nothing.
@@ -195,7 +195,7 @@ DecoyCutoff decoy_rule(const std::vector<double>& real_scores, const std::vector
   const double area_weight = half ? std::clamp((c.crowding - kBlendLow) / (kBlendHigh - kBlendLow), 0.0, 1.0) : 0;
   c.toward_half = std::max(area_weight, maxima_weight);
   c.moved_by_maxima = maxima_weight > area_weight;
-  if (c.toward_half > 0) c.value = c.toward_half * half->score + (1 - c.toward_half) * c.value;
+  if (c.toward_half > 0) c.value = weighted_cut(c.toward_half, half->score, 1 - c.toward_half, c.value);
   return c;
 }
 
@@ -214,6 +214,10 @@ DecoyCutoff run_null_model(const std::vector<double>& real_scores, const std::ve
 double disc_capacity(double usable_pixels, double diameter, double apix) {
   const double r = diameter / 2 / apix;
   return r > 0 ? usable_pixels / (3.14159265358979 * r * r) : 0.0;
+}
+
+double weighted_cut(double wa, double a, double wb, double b) {
+  return std::clamp((wa * a + wb * b) / (wa + wb), std::min(a, b), std::max(a, b));
 }
 
 double cut_shown_by_scores(const std::vector<double>& scores) {

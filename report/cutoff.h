@@ -149,6 +149,11 @@ SparseCut sparse_cut(const std::vector<double>& real_scores, const std::vector<d
 constexpr double kUnlike = 0.8;
 double unlike_the_rest(std::vector<double> own, const std::vector<double>& pool);
 
+// The mean of cuts a and b weighted wa and wb, never outside the two:
+// rounding would otherwise lift the mean of equal cuts past the score both
+// stand on, and lose its pick.
+double weighted_cut(double wa, double a, double wb, double b);
+
 // Picks already cut: a run that keeps every grid maximum (--cc_cutoff 0)
 // has noise maxima down to a few thousandths, so a lowest score of at least
 // kCutShown among kCutShownPicks picks or more shows a cut at or below it

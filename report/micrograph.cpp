@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <cstring>
@@ -152,7 +153,9 @@ std::string write_kept(const Micrograph& m, const std::string& box_path, const s
   // commit, as gvexmatch commits its pair.
   for (const std::string* path : {&box_path, &star_path}) {
     FILE* fp = gvex_create_new(gvex_part_name(path->c_str()).c_str(), "w");
-    const bool ok = fp && picks_write(fp, kept, path == &star_path, m.cutoff);
+    // Picks cut before at a higher cut-off are still cut at that one.
+    const double cut = m.cut_recorded ? std::max(m.cutoff, m.cut_before) : m.cutoff;
+    const bool ok = fp && picks_write(fp, kept, path == &star_path, cut);
     if (!fp || fclose(fp) != 0 || !ok) {
       unlink(gvex_part_name(box_path.c_str()).c_str());
       unlink(gvex_part_name(star_path.c_str()).c_str());

@@ -86,6 +86,11 @@ TEST(PickFiles, StarFilesRecordTheirCutOffAndBoxFilesFindIt) {
   read_picks(m, dir.file("a.box"), 64);
   EXPECT_TRUE(m.cut_recorded);
   EXPECT_EQ(m.cut_before, 0.1875);
+  // Cut again lower, the picks are still cut where they were.
+  m.name = dir.file("a.mrc");
+  m.cutoff = 0.1;
+  ASSERT_EQ(write_kept(m, dir.file("a_vexmatch_auto.box"), dir.file("a_vexmatch_auto.star")), "");
+  EXPECT_EQ(picks_read(dir.file("a_vexmatch_auto.star"), 64, back).cut, 0.1875);
   ASSERT_TRUE(write_picks(dir.file("b.star"), picks, true, NAN));
   Micrograph u;
   read_picks(u, dir.file("b.star"), 64);
@@ -493,6 +498,12 @@ TEST(RunCut, EachCutIsWeighedWithTheWholeRuns) {
   decide_cutoff(few, s, 0.0, NAN, SparseCut(), of_noise);
   EXPECT_EQ(few.choice.rule, "no-excess");
   EXPECT_EQ(count_kept(few), 0);
+
+  // Equal cuts weigh to the same cut, to the bit: one float step above it
+  // would lose the pick it stands on.
+  const double on_pick = (float)0.754645;
+  EXPECT_EQ(weighted_cut(2.0, on_pick, 4.4, on_pick), on_pick);
+  EXPECT_DOUBLE_EQ(weighted_cut(1.0, 0.2, 3.0, 0.6), 0.5);
 }
 
 // A run's cut is a score, and scores compare only between micrographs whose
