@@ -56,7 +56,10 @@ std::vector<char> edge_picks(const std::vector<float>& pixels, int nx, int ny, d
                              std::vector<char>* decoys_on_edge) {
   std::vector<char> edge(picks.size(), 0);
   if (decoys_on_edge) decoys_on_edge->assign(decoys.size(), 0);
-  if (!(radius >= 1) || nx <= 0 || ny <= 0 || pixels.size() < (size_t)nx * ny || picks.empty()) return edge;
+  // A particle wider than the micrograph leaves no annulus to measure.
+  if (!(radius >= 1) || !(radius <= std::max(nx, ny)) || nx <= 0 || ny <= 0 || pixels.size() < (size_t)nx * ny ||
+      picks.empty())
+    return edge;
   const int bin = std::max(1, (int)std::lround(radius / 8));
   const Binned b = bin_image(pixels, nx, ny, bin);
   const double r = radius / bin;

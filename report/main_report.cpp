@@ -76,9 +76,35 @@ double number(const char* opt, const char* v, bool positive = true) {
   char* end = nullptr;
   errno = 0;
   const double d = strtod(v, &end);
-  if (end == v || *end || errno || !std::isfinite(d) || (positive && !(d > 0)))
+  // Decimal only: strtod would also take "0x10" for 16.
+  if (end == v || *end || errno || !std::isfinite(d) || (positive && !(d > 0)) ||
+      strspn(v, "0123456789+-.eE") != strlen(v))
     usage_error(std::string(opt) + " needs a " + (positive ? "positive " : "") + "number, not '" + v + "'");
   return d;
+}
+
+// A particle wider than this many pixels is a slip of units: no micrograph
+// holds one, and its box would no longer fit the picks files' columns.
+constexpr double kMostParticlePixels = 1e6;
+
+void check_particle(double diameter, double apix, long boxsize) {
+  char why[200];
+  if (diameter / apix > kMostParticlePixels)
+    snprintf(why, sizeof why, "--diameter %g A at --apixM %g A is a particle of %.3g pixels, wider than any micrograph",
+             diameter, apix, diameter / apix);
+  else if (boxsize > kMostParticlePixels)
+    snprintf(why, sizeof why, "a box of %ld pixels is wider than any micrograph", boxsize);
+  else
+    return;
+  usage_error(why);
+}
+
+// A name the summary's STAR table cannot carry.
+void check_name(const std::string& a) {
+  if (a.find_first_of("\n\r") != std::string::npos)
+    usage_error("a micrograph name holds a line break, which the summary cannot carry");
+  if (a.find('\'') != std::string::npos && a.find('"') != std::string::npos)
+    usage_error("the micrograph name " + a + " holds both kinds of quote, which the summary cannot carry");
 }
 
 struct ReportOptions {
@@ -124,8 +150,7 @@ ReportOptions parse(int argc, char** argv) {
         usage_error("--pick keeps every grid maximum (--cc_cutoff 0) and chooses the cut-off itself; "
                     "--cutoff X fixes one");
       if (row && std::string(row->name) == "apixM") o.apix_given = true;
-      if (a.find_first_of("\n\r") != std::string::npos)
-        usage_error("a micrograph name holds a line break, which the summary cannot carry");
+      check_name(a);
       o.picker_words.push_back(a);
     } else if (a == "--apixM") {
       o.apix = number("--apixM", value());
@@ -133,12 +158,15 @@ ReportOptions parse(int argc, char** argv) {
     } else if (a == "--diameter") {
       o.diameter = number("--diameter", value());
     } else if (a == "--boxsize") {
-      o.boxsize = (int)number("--boxsize", value());
+      const char* v = value();
+      const double box = number("--boxsize", v);
+      if (box != std::floor(box) || box > kMostParticlePixels)
+        usage_error("--boxsize needs a whole number of pixels up to 1000000, not '" + std::string(v) + "'");
+      o.boxsize = (int)box;
     } else if (a.size() > 1 && a[0] == '-') {
       usage_error("unknown option " + a);
-    } else if (a.find_first_of("\n\r") != std::string::npos) {
-      usage_error("a micrograph name holds a line break, which the summary cannot carry");
     } else {
+      check_name(a);
       o.mics.push_back(a);
     }
   }
@@ -146,6 +174,7 @@ ReportOptions parse(int argc, char** argv) {
   if (o.out.empty() && (o.pick || !o.apply)) usage_error("--out DIR is required" + std::string(o.pick ? " with --pick" : ""));
   if (!o.pick && o.mics.empty()) usage_error("no micrographs given");
   if (o.pick && o.picker_words.empty()) usage_error("no micrographs given");
+  if (!o.pick) check_particle(o.diameter, o.apix, o.boxsize);
   return o;
 }
 
@@ -207,6 +236,7 @@ void pick_run(const ReportOptions& o, const char* prog, Run& run) {
   opt.decoys = true;
   opt.keep_pixels = true;
   const PickSettings settings = derive(opt);
+  check_particle(opt.diameter, opt.apixM, settings.opt.boxsize);
   run.set = report_settings(opt.apixM, opt.diameter, o.apix_given);
   run.set.pick = settings;
   run.boxsize = settings.opt.boxsize;

@@ -228,10 +228,11 @@ TEST(EdgePicks, PicksBesideAStepAreOnAnEdgeWhateverTheScale) {
     for (size_t i = 0; i < decoys.size(); i++) EXPECT_EQ((bool)d[i], decoys[i].x > 512) << "decoy " << i;
   }
   // Without a step nothing stands out; a flat image has no slope at all,
-  // and a radius under a pixel or no picks flag nothing.
+  // and a radius under a pixel or past the micrograph, or no picks, flag nothing.
   for (char f : edge_picks(step_image(1024, 1, 0, 0), 1024, 1024, 16, picks, decoys)) EXPECT_FALSE(f);
   for (char f : edge_picks(std::vector<float>(1024 * 1024, 2.0f), 1024, 1024, 16, picks, decoys)) EXPECT_FALSE(f);
-  for (char f : edge_picks(step_image(1024, 1, 0, 3), 1024, 1024, 0.5, picks, decoys)) EXPECT_FALSE(f);
+  for (double radius : {0.5, 1e15})
+    for (char f : edge_picks(step_image(1024, 1, 0, 3), 1024, 1024, radius, picks, decoys)) EXPECT_FALSE(f);
   EXPECT_TRUE(edge_picks(step_image(64, 1, 0, 3), 64, 64, 16, {}, decoys).empty());
   // Picks at and past the micrograph's corners are measured on what lies inside.
   const std::vector<Pick> corners = {pick_xy(0, 0), pick_xy(1023, 1023), pick_xy(-50, 2000)};
