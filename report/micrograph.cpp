@@ -39,7 +39,10 @@ void read_micrograph(Micrograph& m) {
 }
 
 void take_micrograph(Micrograph& m, const MRC_HEAD& h, std::vector<float> pixels) {
-  m.nx = h.nx, m.ny = h.ny, m.nz = h.nz, m.mode = h.mode, m.nsymbt = h.nsymbt;
+  m.nx = h.nx, m.ny = h.ny, m.nz = h.nz, m.mode = h.mode;
+  // Writers today keep the extended header's length as 32 bits at byte 92,
+  // older ones as 16 bits at 90: either shifts the pixels the picker reads.
+  m.nsymbt = h.nsymbt > 0 ? h.nsymbt : std::max<int32_t>(0, h.next);
   // A cell equal to the sampling (1 A per pixel) is what writers leave when
   // they know no pixel size: no claim to compare.
   m.header_apix = h.mx > 0 && h.xlen > 0 && h.xlen != (float)h.mx ? (double)h.xlen / h.mx : 0;

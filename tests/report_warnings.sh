@@ -30,6 +30,9 @@ write("nan.mrc", head, bytes(nan))
 ext = bytearray(head)
 struct.pack_into("<h", ext, 90, 1024)  # the reader's field, as older writers set it
 write("ext.mrc", ext, bytes(1024) + data)
+ext = bytearray(head)
+struct.pack_into("<i", ext, 92, 2048)  # where writers keep it today
+write("ext92.mrc", ext, bytes(2048) + data)
 two = bytearray(head)
 struct.pack_into("<i", two, 8, 2)
 struct.pack_into("<i", two, 36, 2)
@@ -44,7 +47,7 @@ struct.pack_into("<3i", apix, 28, nx, ny, 1)
 struct.pack_into("<3f", apix, 40, 1.5 * nx, 1.5 * ny, 1.5)
 write("apix.mrc", apix, data)
 EOF
-for m in nan ext two byte apix edge grid masked; do
+for m in nan ext ext92 two byte apix edge grid masked; do
   [ -e $m.mrc ] || ln m.mrc $m.mrc
   cp m_vexmatch.star ${m}_vexmatch.star
 done
@@ -56,7 +59,7 @@ awk 'BEGIN { for (y = 100; y < 900; y += 80) printf "20 %d 0 1 2.0\n", y }' >>ed
 awk 'BEGIN { for (y = 10; y < 1024; y += 20) for (x = 10; x < 1024; x += 20) printf "%d %d 0 1 0.5\n", x, y }' \
   >>grid_vexmatch.star
 echo "0 0 1024 1024" >masked_rejected.box
-"$report" --out rep --apixM 1.34 --diameter 120 m.mrc nan.mrc ext.mrc two.mrc byte.mrc apix.mrc lonely.mrc edge.mrc \
+"$report" --out rep --apixM 1.34 --diameter 120 m.mrc nan.mrc ext.mrc ext92.mrc two.mrc byte.mrc apix.mrc lonely.mrc edge.mrc \
   grid.mrc masked.mrc >report.log || fail "gvexreport failed"
 expect() {  # micrograph, the start of its one warning
   got=$(grep "^warning: $1: " report.log | sed "s/^warning: $1: //")
@@ -65,6 +68,7 @@ expect() {  # micrograph, the start of its one warning
 }
 expect nan.mrc "10 pixels are not finite numbers"
 expect ext.mrc "extended header of 1024 bytes"
+expect ext92.mrc "extended header of 2048 bytes"
 expect two.mrc "2 sections: only the first is picked"
 expect byte.mrc "pixel mode 0"
 expect apix.mrc "the header's pixel size 1.500 A differs from --apixM 1.340 A"
