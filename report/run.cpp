@@ -68,6 +68,11 @@ void read_inputs(Micrograph& m, const std::string& suffix, int boxsize, const Se
   read_pixels(m, prog);
   const std::string path = beside(m.name, suffix);
   damaged_lines(m, read_picks(m, path, boxsize), path);
+  long outside = 0;
+  for (const Pick& p : m.picks) outside += !(p.x >= 0 && p.y >= 0 && p.x < m.nx && p.y < m.ny);
+  if (outside > 0)
+    m.warnings.push_back(std::to_string(outside) + " pick(s) of " + path + " lie outside the micrograph's " +
+                         std::to_string(m.nx) + " x " + std::to_string(m.ny) + " pixels: picks of another micrograph?");
   read_rejected(m);
   if (m.picks_found) read_decoys(m, decoys_path(m.name, suffix), s);
 }
@@ -124,7 +129,8 @@ void read_decoys(Micrograph& m, const std::string& path, const Settings& s) {
   const bool recorded = !record.empty() &&
                         sscanf(record.c_str() + strlen(kDecoysRecord), "%zu picks, checksum %llx; usable pixels %lf",
                                &count, &sum, &usable) == 3 &&
-                        std::isfinite(usable) && usable >= 0;
+                        std::isfinite(usable) && usable >= 0 && usable <= (double)m.nx * m.ny &&
+                        (usable > 0 || m.picks.empty());
   std::vector<Pick> decoys;
   const PicksRead read = picks_parse(text, true, 0, decoys);
   if (!recorded || read.refused > 0) {

@@ -3,9 +3,9 @@
 # own warning and no other, and none on the clean micrograph they come from:
 # pixels that are not finite, an extended header, mode 0, two sections, a
 # header pixel size other than --apixM, no picks file, no picks kept, picks
-# in nearly every grid cell, along the edge, on rejected areas, and
-# templates of the wrong contrast (decoys outscoring the picks), and a
-# decoys file that is damaged or belongs to other picks. The
+# in nearly every grid cell, along the edge, on rejected areas, outside the
+# micrograph, and templates of the wrong contrast (decoys outscoring the
+# picks), and a decoys file that is damaged or belongs to other picks. The
 # realistic and real micrographs on which none may fire are checked by
 # tests/quality/.
 # Usage: report_warnings.sh GVEXMATCH GVEXREPORT MAKEMIC SCRATCH
@@ -47,7 +47,7 @@ struct.pack_into("<3i", apix, 28, nx, ny, 1)
 struct.pack_into("<3f", apix, 40, 1.5 * nx, 1.5 * ny, 1.5)
 write("apix.mrc", apix, data)
 EOF
-for m in nan ext ext92 two byte apix edge grid masked; do
+for m in nan ext ext92 two byte apix edge grid masked far; do
   [ -e $m.mrc ] || ln m.mrc $m.mrc
   cp m_vexmatch.star ${m}_vexmatch.star
 done
@@ -59,8 +59,9 @@ awk 'BEGIN { for (y = 100; y < 900; y += 80) printf "20 %d 0 1 2.0\n", y }' >>ed
 awk 'BEGIN { for (y = 10; y < 1024; y += 20) for (x = 10; x < 1024; x += 20) printf "%d %d 0 1 0.5\n", x, y }' \
   >>grid_vexmatch.star
 echo "0 0 1024 1024" >masked_rejected.box
+echo "5000 20 0 1 0.9" >>far_vexmatch.star
 "$report" --out rep --apixM 1.34 --diameter 120 m.mrc nan.mrc ext.mrc ext92.mrc two.mrc byte.mrc apix.mrc lonely.mrc edge.mrc \
-  grid.mrc masked.mrc >report.log || fail "gvexreport failed"
+  grid.mrc masked.mrc far.mrc >report.log || fail "gvexreport failed"
 expect() {  # micrograph, the start of its one warning
   got=$(grep "^warning: $1: " report.log | sed "s/^warning: $1: //")
   case $got in "$2"*) ;; *) fail "$1: warned '$got', not '$2...'" ;; esac
@@ -76,6 +77,7 @@ expect lonely.mrc "no picks file"
 expect edge.mrc "100% of the picks lie within a particle diameter of the edge"
 expect grid.mrc "almost every grid cell holds a pick"
 expect masked.mrc "100% of the picks lie on rejected areas"
+expect far.mrc "1 pick(s) of far_vexmatch.star lie outside the micrograph's 1024 x 1024 pixels"
 if grep '^warning: m.mrc' report.log; then fail "a warning on the clean micrograph"; fi
 "$report" --out rep3 --cutoff 99 --apixM 1.34 --diameter 120 m.mrc >none.log || fail "gvexreport --cutoff 99 failed"
 grep -q '^warning: m.mrc: no picks$' none.log || fail "no warning of no picks kept: $(cat none.log)"
