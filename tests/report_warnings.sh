@@ -90,12 +90,15 @@ grep -q '^warning: m.mrc: the decoys (these templates with their contrast invert
   fail "templates of the wrong contrast not found: $(cat wrong.log)"
 # The decoys file --pick wrote beside the picks: read without --pick, unless
 # the picks were made again since or the file is damaged.
-for m in stale damaged; do
+for m in stale damaged vast; do
   ln m.mrc $m.mrc && cp m_vexmatch_decoys.star ${m}_vexmatch_decoys.star
 done
 head -n -1 m_vexmatch.star >stale_vexmatch.star && cp m_vexmatch.star damaged_vexmatch.star
+cp m_vexmatch.star vast_vexmatch.star
 sed -i '12s/^[0-9]*/1e300/' damaged_vexmatch_decoys.star
-"$report" --out rep6 --apixM 1.34 --diameter 120 m.mrc stale.mrc damaged.mrc >decoys.log || fail "gvexreport failed"
+sed -i 's/usable pixels .*/usable pixels 9e99/' vast_vexmatch_decoys.star
+"$report" --out rep6 --apixM 1.34 --diameter 120 m.mrc stale.mrc damaged.mrc vast.mrc >decoys.log ||
+  fail "gvexreport failed"
 grep -q '^m.mrc: .* decoys\{0,1\} above it' decoys.log || fail "the decoys file was not read: $(cat decoys.log)"
 expect() {  # the same, in decoys.log
   got=$(grep "^warning: $1: " decoys.log | grep -v "outscore the picks" | sed "s/^warning: $1: //")
@@ -103,4 +106,5 @@ expect() {  # the same, in decoys.log
 }
 expect stale.mrc "decoys file stale_vexmatch_decoys.star belongs to other picks (picked again since?)"
 expect damaged.mrc "decoys file damaged_vexmatch_decoys.star is damaged"
+expect vast.mrc "decoys file vast_vexmatch_decoys.star is damaged"
 echo "report_warnings: every warning fired on its planted case and on no other"
