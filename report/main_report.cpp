@@ -11,6 +11,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -107,6 +108,21 @@ void check_name(const std::string& a) {
     usage_error("the micrograph name " + a + " holds both kinds of quote, which the summary cannot carry");
 }
 
+// Two names of one micrograph would read and write the same picks files and
+// count its picks twice in the run's cut.
+void check_distinct(const std::vector<std::string>& names) {
+  std::map<std::string, std::string> seen;
+  for (const std::string& n : names) {
+    const size_t slash = n.rfind('/');
+    const std::string dir = slash == std::string::npos ? "." : slash == 0 ? "/" : n.substr(0, slash);
+    char* real = realpath(dir.c_str(), nullptr);
+    const std::string key = (real ? std::string(real) : dir) + "/" + n.substr(slash + 1);
+    free(real);
+    const auto [it, fresh] = seen.emplace(key, n);
+    if (!fresh) usage_error(it->second + " and " + n + " name the same micrograph");
+  }
+}
+
 struct ReportOptions {
   double apix = 0, diameter = 0, fixed = NAN;
   bool apix_given = false, apply = false, help = false, pick = false;
@@ -175,6 +191,7 @@ ReportOptions parse(int argc, char** argv) {
   if (!o.pick && o.mics.empty()) usage_error("no micrographs given");
   if (o.pick && o.picker_words.empty()) usage_error("no micrographs given");
   if (!o.pick) check_particle(o.diameter, o.apix, o.boxsize);
+  check_distinct(o.mics);
   return o;
 }
 
@@ -237,6 +254,7 @@ void pick_run(const ReportOptions& o, const char* prog, Run& run) {
   opt.keep_pixels = true;
   const PickSettings settings = derive(opt);
   check_particle(opt.diameter, opt.apixM, settings.opt.boxsize);
+  check_distinct(std::vector<std::string>(p->mic_files, p->mic_files + p->n_mic));
   run.set = report_settings(opt.apixM, opt.diameter, o.apix_given);
   run.set.pick = settings;
   run.boxsize = settings.opt.boxsize;

@@ -66,6 +66,8 @@ refused 2 "cutoff needs a number, not '0x10'" --apply --cutoff 0x10 n4_d0.3_1.mr
 refused 2 "whole number of pixels" --apply --boxsize 1.5 n4_d0.3_1.mrc
 refused 2 "a particle of 1e+07 pixels, wider than any micrograph" --apply --apixM 1e-5 --diameter 100 n4_d0.3_1.mrc
 refused 2 "holds both kinds of quote" --out rep5 "q'\".mrc"
+refused 2 "n4_d0.3_1.mrc and ./n4_d0.3_1.mrc name the same micrograph" --out rep5 n4_d0.3_1.mrc ./n4_d0.3_1.mrc
+refused 2 "name the same micrograph" --out rep5 --pick --diameter 120 n4_d0.3_1.mrc ../${PWD##*/}/n4_d0.3_1.mrc
 refused 2 "out needs a folder, not the option --pick" --out --pick --diameter 120 n4_d0.3_1.mrc
 [ ! -e ./--pick ] || fail "a folder named --pick was made"
 refused 1 "cannot pick cut.mrc" --out rep6 --pick --diameter 120 n4_d0.3_1.mrc cut.mrc
