@@ -149,6 +149,7 @@ class Job {
   bool check_settings(std::string& why);
   bool refresh_input(bool first, std::string& why);
   bool settled(const MicEntry& e, double now);
+  bool grid_fits(double apix, std::string& why);
   void pick_all(const std::vector<MicEntry>& todo, std::string& why, bool& fatal);
   bool ensure_session(const MicEntry& e, const MRC_HEAD& h, const std::string& link, std::string& why);
   PickSettings settings_for(double apix) const;
@@ -180,6 +181,7 @@ class Job {
   std::set<std::string> done_;                            // recorded or handed to the writer
   std::map<std::string, std::string> coords_owner_;       // coordinate file -> micrograph
   std::map<std::string, std::pair<std::string, std::string>> links_;
+  std::set<double> grid_checked_;  // pixel sizes whose picking grid fits
   long work_counter_ = 0;
   int picked_ = 0, skipped_ = 0, waiting_ = 0;
   std::string first_skip_;
@@ -276,12 +278,27 @@ bool Job::refresh_input(bool first, std::string& why) {
     why.clear();
     return true;
   }
-  for (const MicEntry& e : fresh.mics)
+  for (const MicEntry& e : fresh.mics) {
     if (e.apix <= 0 && o_.apix <= 0)
       return why = "the input gives no pixel size for " + e.name + ": give --apix A", false;
+    if (!grid_fits(o_.apix > 0 ? o_.apix : e.apix, why)) return false;
+  }
   if (fresh.mics.size() != input_.mics.size()) last_news_ = gvex_wall_seconds();
   input_ = fresh;
   if (star_.empty()) star_ = input_.star;
+  return true;
+}
+
+// The session cannot pick on a grid whose cells are below one working
+// pixel: such settings are refused before any micrograph.
+bool Job::grid_fits(double apix, std::string& why) {
+  if (grid_checked_.count(apix)) return true;
+  if (settings_for(apix).cell < 1)
+    return why = "--diameter " + fmt("%g", o_.diameter) + " at " + fmt("%g", apix) + " A per pixel and --speed " +
+                 std::to_string(o_.speed) + " gives a picking grid cell below one working pixel: " +
+                 (o_.speed > 0 ? "lower --speed or raise --diameter" : "check --diameter and the pixel size"),
+           false;
+  grid_checked_.insert(apix);
   return true;
 }
 

@@ -139,6 +139,14 @@ TEST(RelionJob, CommandLineOfAnExternalJob) {
     EXPECT_EQ(r.status, 2) << c.names;
     EXPECT_TRUE(contains(r.err, c.names)) << r.err;
   }
+  // A particle too small for the working pixels of --speed: refused before any micrograph.
+  r = relion_in(dir.path(), {"--o", "S/", "--in_mics", "m.mrc", "--apix", "4", "--diameter", "50", "--speed", "4"});
+  EXPECT_EQ(r.status, 1);
+  EXPECT_TRUE(contains(r.err, "--diameter 50 at 4 A per pixel and --speed 4 gives a picking grid cell below one "
+                              "working pixel: lower --speed or raise --diameter"))
+      << r.err;
+  EXPECT_TRUE(file_exists(dir.file("S/RELION_JOB_EXIT_FAILURE")));
+
   r = relion_in(dir.path(), {"--help"});
   EXPECT_EQ(r.status, 0);
   EXPECT_TRUE(contains(r.out, "--in_mics") && contains(r.out, "RELION_JOB_EXIT_ABORTED")) << r.out;
