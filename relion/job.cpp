@@ -140,6 +140,7 @@ class Job {
   Job(const JobOptions& o, FILE* log) : o_(o), log_(log) {}
   ~Job() { stop_writer(); }
   int run(std::string& why);
+  bool busy() const { return busy_; }
 
  private:
   // ---- the run ----
@@ -172,6 +173,7 @@ class Job {
   FILE* log_;
   std::mutex log_lock_;
   int lock_fd_ = -1;
+  bool busy_ = false;  // another run holds the folder
   std::string label_, star_, work_dir_;
   // Input as last read, its file's stamp (a STAR file is re-read when it changes).
   MicInput input_;
@@ -222,7 +224,7 @@ bool Job::open_folder(std::string& why) {
   lock_fd_ = open((o_.out + ".gvexmatch_lock").c_str(), O_CREAT | O_RDWR | O_CLOEXEC, 0666);
   if (lock_fd_ < 0) return why = "cannot write into the job folder " + o_.out, false;
   if (flock(lock_fd_, LOCK_EX | LOCK_NB) != 0)
-    return why = "another gvexmatch_relion is running in " + o_.out + "; wait for it or abort it", false;
+    return busy_ = true, why = "another gvexmatch_relion is running in " + o_.out + "; wait for it or abort it", false;
   for (const char* f : {"RELION_JOB_EXIT_SUCCESS", "RELION_JOB_EXIT_FAILURE", "RELION_JOB_EXIT_ABORTED"})
     remove((o_.out + f).c_str());
   // The session's own files for each micrograph go to a scratch folder, not
@@ -759,7 +761,9 @@ int Job::run(std::string& why) {
 
 }  // namespace
 
-int run_job(const JobOptions& o, FILE* log, std::string& why) {
+int run_job(const JobOptions& o, FILE* log, std::string& why, bool& busy) {
   Job job(o, log);
-  return job.run(why);
+  const int status = job.run(why);
+  busy = job.busy();
+  return status;
 }

@@ -8,5 +8,6 @@
 #include "relion/job_options.h"
 
 // Runs the job; log receives the progress lines. Returns the exit status
-// (JobStatus) and, unless it is a success, why.
-int run_job(const JobOptions& o, FILE* log, std::string& why);
+// (JobStatus) and, unless it is a success, why. busy: another run holds
+// the job folder, and this one left it as it was.
+int run_job(const JobOptions& o, FILE* log, std::string& why, bool& busy);

@@ -68,8 +68,9 @@ int main(int argc, char** argv) {
   dup2(null, 1);
   close(null);
   int status = kFailure;
+  bool busy = false;
   try {
-    status = run_job(o, log, why);
+    status = run_job(o, log, why, busy);
   } catch (const GvexFailure& f) {
     why = f.text;
   } catch (const std::exception& e) {
@@ -77,5 +78,6 @@ int main(int argc, char** argv) {
   }
   fclose(log);
   while (!why.empty() && why.back() == '\n') why.pop_back();
-  return finish(o.out, status, why);
+  // The exit file of a folder another run holds would be that run's.
+  return finish(busy ? "" : o.out, status, why);
 }

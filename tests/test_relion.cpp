@@ -718,9 +718,15 @@ TEST(RelionJob, FollowsAGrowingInput) {
   EXPECT_EQ(star_block(dir.file("J/autopick.star"), "coordinate_files").rows.size(), 2u);
 
   r = run_shell(kWaitFor + ("'" + prog + "' --o K/ --in_mics 'in/*.mrc' --apix 1.34 --diameter 120 --follow >out2.txt & ") +
-                    "wait_for K/in/m2_autopick.star; touch K/STOP; wait $!; echo status $?",
+                    "wait_for K/in/m2_autopick.star; '" + prog + "' --o K/ --in_mics m2.full --diameter 120 2>second.txt; "
+                    "echo second $?; touch K/STOP; wait $!; echo status $?",
                 RunOptions{dir.path(), 120});
   EXPECT_TRUE(contains(r.out, "status 0")) << r.out;
+  // A second run on the folder is refused and leaves the running one's exit file alone.
+  EXPECT_TRUE(contains(r.out, "second 1")) << r.out;
+  EXPECT_TRUE(contains(read_text_file(dir.file("second.txt")), "another gvexmatch_relion is running in K/"));
+  EXPECT_FALSE(file_exists(dir.file("K/RELION_JOB_EXIT_FAILURE")));
+  EXPECT_TRUE(file_exists(dir.file("K/RELION_JOB_EXIT_SUCCESS")));
   EXPECT_TRUE(contains(read_text_file(dir.file("out2.txt")), "stop file found")) << read_text_file(dir.file("out2.txt"));
   EXPECT_FALSE(file_exists(dir.file("K/STOP")));
 }
