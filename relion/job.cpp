@@ -151,7 +151,7 @@ class Job {
   bool refresh_input(bool first, std::string& why);
   bool settled(const MicEntry& e, double now);
   bool grid_fits(double apix, std::string& why);
-  void pick_all(const std::vector<MicEntry>& todo, std::string& why, bool& fatal);
+  void pick_all(const std::vector<MicEntry>& todo);
   bool ensure_session(const MicEntry& e, const MRC_HEAD& h, const std::string& link, std::string& why);
   PickSettings settings_for(double apix) const;
   std::pair<std::string, std::string> link_for(const MicEntry& e);
@@ -191,6 +191,8 @@ class Job {
   // The session of the micrographs' size, mode and pixel size.
   std::unique_ptr<PickSession> session_;
   std::string session_key_;
+  // Sessions refused for a size and pixel size: key -> the micrograph and why.
+  std::map<std::string, std::pair<std::string, std::string>> refused_;
 
   // Writer state: records_ and the times belong to the writer thread until it stops.
   std::vector<MicRecord> records_;
@@ -377,20 +379,23 @@ bool Job::ensure_session(const MicEntry& e, const MRC_HEAD& h, const std::string
   const std::string key = std::to_string(h.nx) + " " + std::to_string(h.ny) + " " + std::to_string(h.mode) + " " +
                           fmt("%.9g", apix);
   if (session_ && key == session_key_) return true;
+  auto refused = refused_.find(key);
+  if (refused != refused_.end()) return why = replace_all(refused->second.second, refused->second.first, e.name), false;
   session_.reset();  // its memory back first
   try {
     session_.reset(new PickSession(settings_for(apix)));
     session_->prepare(h, link, 1, link);
   } catch (const GvexFailure& f) {
     session_.reset();
-    why = "cannot pick " + e.name + " with these settings: " + replace_all(one_line(f.text), link, e.name);
+    why = "these settings cannot pick it: " + replace_all(one_line(f.text), link, e.name);
+    refused_[key] = {e.name, why};
     return false;
   }
   session_key_ = key;
   return true;
 }
 
-void Job::pick_all(const std::vector<MicEntry>& todo, std::string& why, bool& fatal) {
+void Job::pick_all(const std::vector<MicEntry>& todo) {
   for (size_t i = 0; i < todo.size(); i++) {
     if (aborted()) return;
     {
@@ -432,9 +437,11 @@ void Job::pick_all(const std::vector<MicEntry>& todo, std::string& why, bool& fa
       remove_tree(work);
       continue;
     }
-    if (!ensure_session(e, h, link, why)) {
-      fatal = true;
-      return;
+    // Settings that do not suit this micrograph's size may suit the others'.
+    std::string refused;
+    if (!ensure_session(e, h, link, refused)) {
+      skip(e, refused);
+      continue;
     }
     std::string next;
     if (i + 1 < todo.size()) next = link_for(todo[i + 1]).first;
@@ -720,8 +727,7 @@ int Job::run(std::string& why) {
       fatal = true;
       break;
     }
-    pick_all(ready(gvex_wall_seconds()), why, fatal);
-    if (fatal) break;
+    pick_all(ready(gvex_wall_seconds()));
     {
       std::lock_guard<std::mutex> g(q_lock_);
       if (!write_error_.empty()) break;

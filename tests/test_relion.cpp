@@ -546,6 +546,7 @@ TEST(RelionJob, RecordsWithNumbersOutOfRangeAreRefused) {
 TEST(RelionJob, UnreadableMicrographsAreSkipped) {
   TempDir dir;
   ASSERT_TRUE(make_mic(dir.path(), "good.mrc", 1024, 1024, 5));
+  for (const char* small : {"small.mrc", "small2.mrc"}) ASSERT_TRUE(make_mic(dir.path(), small, 64, 64, 6));
   const std::string bytes = read_text_file(dir.file("good.mrc"));
   write_text_file(dir.file("short.mrc"), bytes.substr(0, bytes.size() / 2));
   write_text_file(dir.file("text.mrc"), std::string(2000, 'x'));
@@ -553,7 +554,8 @@ TEST(RelionJob, UnreadableMicrographsAreSkipped) {
   complex[12] = 3;  // mode 3, complex shorts
   write_text_file(dir.file("complex.mrc"), complex);
   ASSERT_EQ(mkfifo(dir.file("fifo.mrc").c_str(), 0644), 0);
-  write_text_file(dir.file("list.txt"), "short.mrc\ngood.mrc\ntext.mrc\nmissing.mrc\ncomplex.mrc\nfifo.mrc\n");
+  write_text_file(dir.file("list.txt"),
+                  "small.mrc\nshort.mrc\ngood.mrc\ntext.mrc\nmissing.mrc\ncomplex.mrc\nfifo.mrc\nsmall2.mrc\n");
   RunResult r = relion_in(dir.path(), job_args("J/", "list.txt"));
   EXPECT_EQ(r.status, 0) << r.err;
   for (const char* bad : {"short.mrc", "text.mrc", "missing.mrc", "complex.mrc"}) {
@@ -564,6 +566,10 @@ TEST(RelionJob, UnreadableMicrographsAreSkipped) {
   EXPECT_TRUE(contains(r.out, "skipped missing.mrc: no such file")) << r.out;
   EXPECT_TRUE(contains(r.out, "skipped complex.mrc: its pixels are of MRC mode 3")) << r.out;
   EXPECT_TRUE(contains(r.out, "skipped fifo.mrc: it is a FIFO, not a file")) << r.out;
+  // Too small for the templates: the micrographs after it are picked.
+  for (const char* small : {"small.mrc", "small2.mrc"})
+    EXPECT_TRUE(contains(r.out, std::string("skipped ") + small + ": these settings cannot pick it: templates of"))
+        << r.out;
   EXPECT_TRUE(file_exists(dir.file("J/good_autopick.star")));
   EXPECT_FALSE(file_exists(dir.file("J/short_autopick.star")));
   EXPECT_EQ(star_block(dir.file("J/autopick.star"), "coordinate_files").rows.size(), 1u);
