@@ -51,16 +51,18 @@ std::string job_file_for(const std::string& job, const std::string& mic, const s
                          std::string& why) {
   std::string post = relion_post_name(mic);
   post = post.substr(0, post.rfind('.'));  // RELION drops from the last '.' of the whole rest
+  // Spellings of one path ("a//b", "./a/./b") give one file; an absolute
+  // name goes below the job too.
   std::string clean;
-  for (char c : post)
-    if (!(c == '/' && (clean.empty() || clean.back() == '/'))) clean += c;
-  std::istringstream parts(clean);
-  for (std::string part; std::getline(parts, part, '/');)
+  std::istringstream parts(post);
+  for (std::string part; std::getline(parts, part, '/');) {
     if (part == "..") {
       why = "its file " + job + post + suffix + " would lie outside the job folder";
       return "";
     }
-  if (!clean.empty() && clean[0] == '/') clean.erase(0, 1);  // an absolute name goes below the job too
+    if (!part.empty() && part != ".") clean += (clean.empty() ? "" : "/") + part;
+  }
+  if (!clean.empty() && post.back() == '/') clean += '/';  // "d/.mrc": a file named by its suffix alone
   return job + clean + suffix;
 }
 

@@ -201,7 +201,8 @@ TEST(RelionJob, FileNamesAsRelionDerivesThem) {
                {"job012/b.mrc", "J/b_autopick.star"},
                {"x/CtfFind/job004/y/job005/c.mrcs", "J/y/job005/c_autopick.star"},
                {"/data/d.mrc", "J/data/d_autopick.star"},
-               {"Movies.v2/e", "J/Movies_autopick.star"}};
+               {"Movies.v2/e", "J/Movies_autopick.star"},
+               {"./Micrographs/./a.mrc", "J/Micrographs/a_autopick.star"}};
   for (const auto& c : cases) EXPECT_EQ(job_file_for("J/", c.mic, "_autopick.star", why), c.coords) << c.mic;
   EXPECT_EQ(job_file_for("J/", "../elsewhere/f.mrc", "_autopick.star", why), "");
   EXPECT_TRUE(contains(why, "outside the job folder")) << why;
@@ -554,8 +555,8 @@ TEST(RelionJob, UnreadableMicrographsAreSkipped) {
   complex[12] = 3;  // mode 3, complex shorts
   write_text_file(dir.file("complex.mrc"), complex);
   ASSERT_EQ(mkfifo(dir.file("fifo.mrc").c_str(), 0644), 0);
-  write_text_file(dir.file("list.txt"),
-                  "small.mrc\nshort.mrc\ngood.mrc\ntext.mrc\nmissing.mrc\ncomplex.mrc\nfifo.mrc\nsmall2.mrc\n");
+  write_text_file(dir.file("list.txt"), "small.mrc\nshort.mrc\ngood.mrc\ntext.mrc\nmissing.mrc\ncomplex.mrc\nfifo.mrc\n"
+                                        "small2.mrc\n./good.mrc\n");
   RunResult r = relion_in(dir.path(), job_args("J/", "list.txt"));
   EXPECT_EQ(r.status, 0) << r.err;
   for (const char* bad : {"short.mrc", "text.mrc", "missing.mrc", "complex.mrc"}) {
@@ -566,6 +567,9 @@ TEST(RelionJob, UnreadableMicrographsAreSkipped) {
   EXPECT_TRUE(contains(r.out, "skipped missing.mrc: no such file")) << r.out;
   EXPECT_TRUE(contains(r.out, "skipped complex.mrc: its pixels are of MRC mode 3")) << r.out;
   EXPECT_TRUE(contains(r.out, "skipped fifo.mrc: it is a FIFO, not a file")) << r.out;
+  // Another spelling of a micrograph's path is not picked twice.
+  EXPECT_TRUE(contains(r.out, "skipped ./good.mrc: its coordinate file J/good_autopick.star is that of good.mrc"))
+      << r.out;
   // Too small for the templates: the micrographs after it are picked.
   for (const char* small : {"small.mrc", "small2.mrc"})
     EXPECT_TRUE(contains(r.out, std::string("skipped ") + small + ": these settings cannot pick it: templates of"))
@@ -724,8 +728,9 @@ TEST(RelionJob, FollowsAGrowingInput) {
   EXPECT_EQ(star_block(dir.file("J/autopick.star"), "coordinate_files").rows.size(), 2u);
 
   r = run_shell(kWaitFor + ("'" + prog + "' --o K/ --in_mics 'in/*.mrc' --apix 1.34 --diameter 120 --follow >out2.txt & ") +
-                    "wait_for K/in/m2_autopick.star; '" + prog + "' --o K/ --in_mics m2.full --diameter 120 2>second.txt; "
-                    "echo second $?; touch K/STOP; wait $!; echo status $?",
+                    "wait_for K/in/m2_autopick.star; '" + prog +
+                    "' --o K/ --in_mics m2.full --diameter 120 2>second.txt; echo second $?; touch K/STOP; wait $!; "
+                    "echo status $?",
                 RunOptions{dir.path(), 120});
   EXPECT_TRUE(contains(r.out, "status 0")) << r.out;
   // A second run on the folder is refused and leaves the running one's exit file alone.
