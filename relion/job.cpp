@@ -11,6 +11,7 @@
 
 #include <chrono>
 #include <cerrno>
+#include <csignal>
 #include <cmath>
 #include <condition_variable>
 #include <cstdarg>
@@ -44,6 +45,13 @@ namespace {
 constexpr double kPoll = 0.5;          // seconds between looks at a followed input
 constexpr double kNodesEvery = 5;      // node files and summary at most this often while running
 constexpr double kPageEvery = 30;      // the page likewise
+
+volatile sig_atomic_t g_signal = 0;  // the signal that asked the job to stop
+
+void on_signal(int sig) {
+  g_signal = sig;
+  signal(sig, SIG_DFL);
+}
 
 bool exists(const std::string& p) {
   struct stat st;
@@ -156,7 +164,7 @@ class Job {
   PickSettings settings_for(double apix) const;
   std::pair<std::string, std::string> link_for(const MicEntry& e);
   void skip(const MicEntry& e, const std::string& why);
-  bool aborted() const { return exists(o_.out + "RELION_JOB_ABORT_NOW"); }
+  bool aborted() const { return g_signal != 0 || exists(o_.out + "RELION_JOB_ABORT_NOW"); }
   void say(const char* f, ...) __attribute__((format(printf, 2, 3)));
 
   // ---- the writer thread: a micrograph's files while the next is picked ----
@@ -761,11 +769,23 @@ int Job::run(std::string& why) {
       gvex_wall_seconds() - start);
   if (status == kSuccess && records_.empty() && skipped_ > 0)
     return why = "no micrograph could be picked; the first: " + first_skip_, kFailure;
-  if (status == kAborted) why = "aborted (RELION_JOB_ABORT_NOW)";
+  if (status == kAborted)
+    why = std::string("aborted (") +
+          (g_signal == 0 ? "RELION_JOB_ABORT_NOW" : g_signal == SIGTERM ? "SIGTERM" : "SIGINT") + ")";
   return status;
 }
 
 }  // namespace
+
+void stop_job_on_signals() {
+  struct sigaction a {};
+  a.sa_handler = on_signal;
+  a.sa_flags = SA_RESTART;
+  sigemptyset(&a.sa_mask);
+  sigaction(SIGTERM, &a, nullptr);
+  struct sigaction before {};
+  if (sigaction(SIGINT, nullptr, &before) == 0 && before.sa_handler != SIG_IGN) sigaction(SIGINT, &a, nullptr);
+}
 
 int run_job(const JobOptions& o, FILE* log, std::string& why, bool& busy) {
   Job job(o, log);

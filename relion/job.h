@@ -11,3 +11,8 @@
 // (JobStatus) and, unless it is a success, why. busy: another run holds
 // the job folder, and this one left it as it was.
 int run_job(const JobOptions& o, FILE* log, std::string& why, bool& busy);
+
+// SIGTERM (a cancelled queue job) and SIGINT end the job as RELION's abort
+// file does; a second signal ends it at once. A SIGINT ignored at start
+// (a background job of a shell) stays ignored.
+void stop_job_on_signals();

@@ -67,6 +67,7 @@ int main(int argc, char** argv) {
   if (!log || null < 0) return finish(o.out, kFailure, "cannot set up the output");
   dup2(null, 1);
   close(null);
+  stop_job_on_signals();
   int status = kFailure;
   bool busy = false;
   try {

@@ -618,6 +618,17 @@ TEST(RelionJob, AbortFileStopsAfterTheCurrentMicrograph) {
   for (size_t i = 1; i <= 6; i++)
     EXPECT_EQ(file_exists(dir.file("J/m" + std::to_string(i) + "_autopick.star")), i <= listed) << i;
 
+  // SIGTERM, as a queue sends a cancelled job: the same end, no file left in writing.
+  r = run_shell(kWaitFor + cmd.replace(cmd.find("'J/'"), 4, "'T/'") +
+                    " & wait_for T/m1_autopick.star; kill -TERM $!; wait $!; echo status $?; find T -name '*.part'",
+                RunOptions{dir.path(), 180});
+  EXPECT_TRUE(contains(r.out, "status 3")) << r.out << r.err;
+  EXPECT_FALSE(contains(r.out, ".part")) << r.out;
+  EXPECT_TRUE(contains(r.err, "ABORTED: aborted (SIGTERM)")) << r.err;
+  EXPECT_TRUE(file_exists(dir.file("T/RELION_JOB_EXIT_ABORTED")));
+  EXPECT_FALSE(file_exists(dir.file("T/RELION_JOB_EXIT_SUCCESS")));
+  EXPECT_GE(star_block(dir.file("T/autopick.star"), "coordinate_files").rows.size(), 1u);
+
   // Present at the start (RELION's abort of a job still waiting): nothing is picked.
   write_text_file(dir.file("J/RELION_JOB_ABORT_NOW"), "");
   r = relion_in(dir.path(), job_args("J/", "list.txt"));
