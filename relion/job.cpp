@@ -315,10 +315,11 @@ bool Job::grid_fits(double apix, std::string& why) {
 }
 
 // A micrograph is picked once its size and modification time have held
-// still for --settle seconds (one already that old at first sight counts).
+// still for --settle seconds (one already that old at first sight counts);
+// an empty one too, to be skipped as unreadable rather than awaited forever.
 bool Job::settled(const MicEntry& e, double now) {
   Stamp s;
-  if (!stamp_of(e.name, s) || s.size <= 0) return false;
+  if (!stamp_of(e.name, s)) return false;
   auto it = seen_.find(e.name);
   if (it == seen_.end() || !(it->second.first == s)) {
     if (it != seen_.end()) last_news_ = now;

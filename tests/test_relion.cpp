@@ -555,11 +555,12 @@ TEST(RelionJob, UnreadableMicrographsAreSkipped) {
   complex[12] = 3;  // mode 3, complex shorts
   write_text_file(dir.file("complex.mrc"), complex);
   ASSERT_EQ(mkfifo(dir.file("fifo.mrc").c_str(), 0644), 0);
+  write_text_file(dir.file("empty.mrc"), "");
   write_text_file(dir.file("list.txt"), "small.mrc\nshort.mrc\ngood.mrc\ntext.mrc\nmissing.mrc\ncomplex.mrc\nfifo.mrc\n"
-                                        "small2.mrc\n./good.mrc\n");
+                                        "small2.mrc\n./good.mrc\nempty.mrc\n");
   RunResult r = relion_in(dir.path(), job_args("J/", "list.txt"));
   EXPECT_EQ(r.status, 0) << r.err;
-  for (const char* bad : {"short.mrc", "text.mrc", "missing.mrc", "complex.mrc"}) {
+  for (const char* bad : {"short.mrc", "text.mrc", "missing.mrc", "complex.mrc", "empty.mrc"}) {
     EXPECT_TRUE(contains(r.out, std::string("skipped ") + bad)) << r.out;
     EXPECT_TRUE(contains(r.err, std::string("skipped ") + bad)) << r.err;
   }
