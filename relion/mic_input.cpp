@@ -25,13 +25,16 @@ const StarTable* block(const std::vector<StarTable>& blocks, const std::string& 
   return nullptr;
 }
 
-// RELION 3.1 to 5: the pixel size of each micrograph comes from its optics group.
-void from_optics(const StarTable& mics, const StarTable* optics, std::vector<MicEntry>& out) {
+// RELION 3.1 to 5: the pixel size of each micrograph comes from its optics
+// group; a group given twice would leave it unclear which.
+bool from_optics(const StarTable& mics, const StarTable* optics, std::vector<MicEntry>& out, std::string& why) {
   std::map<std::string, double> apix_of;
   const int g = optics ? optics->column("rlnOpticsGroup") : -1;
   const int a = optics ? optics->column("rlnMicrographPixelSize") : -1;
   if (g >= 0 && a >= 0)
-    for (const auto& row : optics->rows) apix_of[row[g]] = positive(row[a]);
+    for (const auto& row : optics->rows)
+      if (!apix_of.emplace(row[g], positive(row[a])).second)
+        return why = "optics group " + row[g] + " is given twice in data_optics", false;
   const int name = mics.column("rlnMicrographName"), group = mics.column("rlnOpticsGroup");
   for (const auto& row : mics.rows) {
     MicEntry e;
@@ -40,6 +43,7 @@ void from_optics(const StarTable& mics, const StarTable* optics, std::vector<Mic
     else if (group < 0 && apix_of.size() == 1) e.apix = apix_of.begin()->second;
     out.push_back(e);
   }
+  return true;
 }
 
 // RELION 3.0: one table; the pixel size, when given, is detector pixel (um)
@@ -83,8 +87,7 @@ bool mics_from_star(const std::string& text, std::vector<MicEntry>& mics, std::s
   if (!star_parse(text, blocks, why)) return false;
   const StarTable* m = block(blocks, "micrographs");
   if (m && m->loop && m->column("rlnMicrographName") >= 0) {
-    from_optics(*m, block(blocks, "optics"), mics);
-    return true;
+    return from_optics(*m, block(blocks, "optics"), mics, why);
   }
   for (const StarTable& t : blocks)
     if (t.loop && t.column("rlnMicrographName") >= 0) {

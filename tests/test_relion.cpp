@@ -344,6 +344,11 @@ TEST(RelionJob, MicrographStarFileOfEachVersion) {
   std::string why;
   EXPECT_FALSE(mics_from_star("data_particles\nloop_\n_rlnImageName #1\n1@p.mrcs\n", none, why));
   EXPECT_TRUE(contains(why, "_rlnMicrographName")) << why;
+  // A group given twice (with another pixel size) is refused, naming it.
+  const std::string twice = optics.substr(0, optics.size() - 1) + "opticsGroup2 2 0.885000 300.0 1.2\n\n";
+  const std::string mics = "data_micrographs\nloop_\n_rlnMicrographName #1\n_rlnOpticsGroup #2\na.mrc 2\n";
+  EXPECT_FALSE(mics_from_star(twice + mics, none, why));
+  EXPECT_EQ(why, "optics group 2 is given twice in data_optics");
 }
 
 const std::string kMics[] = {"m1.mrc", "m2.mrc", "m3.mrc"};
