@@ -653,7 +653,7 @@ bool Job::write_job_files(bool page, std::string& why) {
     star = o_.out + "micrographs.star";
     std::vector<std::pair<std::string, double>> mics;
     for (const MicRecord& r : records_) mics.push_back({r.mic, r.apix});
-    if (!write_micrographs_star(star, mics)) return why = "cannot write " + star, false;
+    if (!write_micrographs_star(star, mics, o_.voltage, o_.cs, o_.q0)) return why = "cannot write " + star, false;
   }
   if (!write_node_files(o_.out, star, coords, label_, why)) return false;
   gvex_test_stop_point("relion_nodes");

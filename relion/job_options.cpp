@@ -33,6 +33,9 @@ const Word kWords[] = {
     {"gpu", "ID", "GPU to pick on (RELION's \"0\" or \"0:1\": the first is used); empty or none: the best one"},
     {"extract_box", "PX", "leave out picks whose box of PX pixels would cross the micrograph's edge"},
     {"apix", "A", "pixel size of the micrographs, over what the input says"},
+    {"voltage", "KV", "with a glob or list: the voltage its micrographs.star gives (default 300)"},
+    {"cs", "MM", "with a glob or list: the spherical aberration likewise (default 2.7)"},
+    {"q0", "F", "with a glob or list: the amplitude contrast likewise (default 0.1)"},
     {"follow", "", "keep watching the input and pick each new micrograph once it holds still"},
     {"follow_idle", "S", "with --follow: end after S seconds without a new micrograph"},
     {"settle", "S", "a micrograph is picked once unchanged for S seconds (default 3)"},
@@ -111,6 +114,12 @@ bool take(const std::string& name, const std::string& v, JobOptions& o, std::str
     return whole(name, v, 0, 1e6, o.extract_box, why);
   } else if (name == "apix") {
     return number(name, v, 0.01, 1000, o.apix, why);
+  } else if (name == "voltage") {
+    return number(name, v, 1, 3000, o.voltage, why);
+  } else if (name == "cs") {
+    return number(name, v, 0, 100, o.cs, why);
+  } else if (name == "q0") {
+    return number(name, v, 0, 1, o.q0, why);
   } else if (name == "follow_idle") {
     return number(name, v, 0, 1e9, o.follow_idle, why);
   } else if (name == "settle") {

@@ -29,6 +29,9 @@ struct JobOptions {
   int gpu = -1;                     // -1: the best GPU that answers
   int extract_box = 0;              // 0: keep picks near the edge
   double apix = 0;                  // 0: from the input
+  // The optics of the micrographs.star written for a glob or list (RELION
+  // 3.1's extraction reads them): kV, mm, fraction.
+  double voltage = 300, cs = 2.7, q0 = 0.1;
   bool follow = false;
   double follow_idle = 0;           // seconds; 0: no end for lack of news
   double settle = 3;                // seconds a file must hold still

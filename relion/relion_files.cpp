@@ -109,10 +109,12 @@ bool write_node_files(const std::string& job, const std::string& star,
   return true;
 }
 
-bool write_micrographs_star(const std::string& path, const std::vector<std::pair<std::string, double>>& mics) {
+bool write_micrographs_star(const std::string& path, const std::vector<std::pair<std::string, double>>& mics,
+                            double voltage, double cs, double q0) {
   StarTable optics, list;
   optics.name = "optics";
-  optics.labels = {"rlnOpticsGroupName", "rlnOpticsGroup", "rlnMicrographPixelSize"};
+  optics.labels = {"rlnOpticsGroupName", "rlnOpticsGroup", "rlnMicrographPixelSize", "rlnVoltage",
+                   "rlnSphericalAberration", "rlnAmplitudeContrast"};
   list.name = "micrographs";
   list.labels = {"rlnMicrographName", "rlnOpticsGroup"};
   std::vector<double> groups;
@@ -121,7 +123,8 @@ bool write_micrographs_star(const std::string& path, const std::vector<std::pair
     while (g < groups.size() && groups[g] != m.second) g++;
     if (g == groups.size()) {
       groups.push_back(m.second);
-      optics.rows.push_back({"opticsGroup" + std::to_string(g + 1), std::to_string(g + 1), fmt("%.6f", m.second)});
+      optics.rows.push_back({"opticsGroup" + std::to_string(g + 1), std::to_string(g + 1), fmt("%.6f", m.second),
+                             fmt("%g", voltage), fmt("%g", cs), fmt("%g", q0)});
     }
     list.rows.push_back({m.first, std::to_string(g + 1)});
   }

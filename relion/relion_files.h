@@ -42,7 +42,8 @@ std::string coords_type_label(const std::string& dir);
 
 // A micrographs STAR file in RELION 3.1's layout for micrographs given
 // without one (name, pixel size): one optics group per pixel size.
-bool write_micrographs_star(const std::string& path, const std::vector<std::pair<std::string, double>>& mics);
+bool write_micrographs_star(const std::string& path, const std::vector<std::pair<std::string, double>>& mics,
+                            double voltage, double cs, double q0);
 
 // Writes text to path through a partial file; false when anything failed.
 bool write_file_atomic(const std::string& path, const std::string& text);

@@ -106,3 +106,13 @@ pipeliner --addJob Extract --addJobOptions \
 run_job Extract/job005/
 PICK=External/job004 CUT=Extract/job005
 check_extracted 4
+
+# Plain MRC files without a project: the job writes the micrographs STAR
+# file, and RELION 3.1 extracts from it what the job kept.
+"$PICKER" --o Picks/ --in_mics 'Micrographs/m*.mrc' --apix 1.34 --diameter 120 --voltage 200 --j 2 >>picks.log 2>&1 ||
+  fail "the job on a glob failed, see $WORK/picks.log"
+mkdir -p Cut
+relion_preprocess --i Picks/micrographs.star --coord_dir Picks/ --coord_suffix _autopick.star --part_star Cut/particles.star \
+  --part_dir Cut/ --extract --extract_size 96 >>preprocess.log 2>&1 || fail "RELION cannot extract from Picks/micrographs.star"
+PICK=Picks CUT=Cut
+check_extracted 4

@@ -393,7 +393,12 @@ TEST(RelionJob, ContinuedAndKilledRunsEndWithTheSameFiles) {
   ASSERT_EQ(r.status, 0) << r.out << r.err;
   const auto want = files_of(whole + "/J/");
   EXPECT_EQ(star_block(whole + "/J/autopick.star", "coordinate_files").rows.size(), 3u);
-  EXPECT_TRUE(file_exists(whole + "/J/micrographs.star"));  // for extraction when no STAR file came in
+  // For extraction when no STAR file came in, with the optics RELION 3.1 asks for.
+  const Table optics = star_block(whole + "/J/micrographs.star", "optics");
+  EXPECT_EQ(column(optics, 0, "rlnMicrographPixelSize"), "1.340000");
+  EXPECT_EQ(column(optics, 0, "rlnVoltage") + column(optics, 0, "rlnSphericalAberration") +
+                column(optics, 0, "rlnAmplitudeContrast"),
+            "3002.70.1");
   EXPECT_EQ(read_text_file(whole + "/J/coords_suffix_autopick.star"), "J/micrographs.star\n");
 
   const std::string cont = project("continued", 2);
