@@ -298,8 +298,9 @@ RunCut run_cut(const std::vector<Micrograph>& mics, const Settings& s) {
 double run_cutoff(const std::vector<Micrograph>& mics, const Settings& s) {
   std::vector<double> real, decoys, uncut;
   double capacity = 0, floor = -INFINITY;
-  bool all_decoys = !mics.empty();
+  bool all_decoys = std::any_of(mics.begin(), mics.end(), [](const Micrograph& m) { return m.picks_found; });
   for (const Micrograph& m : mics) {
+    if (!m.picks_found) continue;  // no scores, and no usable area of them
     for (const Pick& p : m.picks) real.push_back(p.score);
     for (const Pick& p : m.decoys) decoys.push_back(p.score);
     capacity += capacity_of(m, s);

@@ -310,7 +310,7 @@ int run(int argc, char** argv) {
     pick_run(o, argv[0], run);
   else
     read_run(o, run);
-  const bool decoys = std::all_of(run.mics.begin(), run.mics.end(), [](const Micrograph& m) { return m.decoys_found; });
+  const bool decoys = std::all_of(run.mics.begin(), run.mics.end(), decoys_for_all);
   if (!decoys && !std::isfinite(o.fixed))
     printf("note: without decoys these cut-offs come from the scores alone and are less reliable; gvexreport --pick "
            "picks with decoys (the same templates with their contrast inverted, from the same scan) and chooses "

@@ -52,6 +52,11 @@ struct Micrograph {
   std::vector<std::string> warnings;
 };
 
+// Decoys are there for every score the micrograph has: a micrograph without
+// a picks file has none to want them for, and does not make a run's
+// cut-offs come from the scores alone.
+inline bool decoys_for_all(const Micrograph& m) { return m.decoys_found || !m.picks_found; }
+
 // Name beside the micrograph: its ".mrc"/".mrcs" ending replaced by suffix.
 std::string beside(const std::string& mic, const std::string& suffix);
 

@@ -242,6 +242,8 @@ const char* const kScript =
     "function atLeast(list, cut) { var n = 0; for (var i = 0; i < list.length; i++) if (f32(list[i]) >= f32(cut)) n++;\n"
     "  return n; }\n"
     "function setUp(sec) {\n"
+    "  var slider = sec.querySelector('input.cut');\n"
+    "  if (!slider) return null;\n"  // a micrograph without picks has nothing to cut
     "  var marks = Array.from(sec.querySelectorAll('svg.marks circle'));\n"
     "  var texts = Array.from(sec.querySelector('svg.marks').querySelectorAll('circle'), function(c) {\n"
     "    return c.dataset.s; });\n"
@@ -253,7 +255,6 @@ const char* const kScript =
     "    if (!seen[t]) { seen[t] = 1; steps.push(t); } });\n"
     "  var top = scores.length ? Math.max.apply(null, scores) : 0;\n"
     "  steps.push((top + 1e-6).toFixed(6));\n"
-    "  var slider = sec.querySelector('input.cut');\n"
     "  slider.max = steps.length - 1;\n"
     "  function position(cut) { for (var i = 0; i < steps.length - 1; i++) if (f32(parseFloat(steps[i])) >= f32(cut))\n"
     "    return i; return steps.length - 1; }\n"
@@ -286,11 +287,13 @@ const char* const kScript =
     "  show();\n"
     "  return function(cut) { slider.value = position(cut); slider.dispatchEvent(new Event('input')); };\n"
     "}\n"
-    "var sliders = {};\n"
+    "var sliders = Object.create(null);\n"
     "document.querySelectorAll('section.mic').forEach(function(sec) { sliders[sec.dataset.k] = setUp(sec); });\n"
-    // "#cut=K:X;K:X": sliders set as the page opens (a link to a view, and the browser test's handle).
-    "var wanted = /^#cut=(.*)$/.exec(decodeURIComponent(location.hash));\n"
+    // "#cut=K:X;K:X": sliders set as the page opens (a link to a view, and the
+    // browser test's handle); a part that is not one is passed over.
+    "var wanted = /^#cut=(.*)$/.exec(location.hash);\n"
     "if (wanted) wanted[1].split(';').forEach(function(kv) {\n"
+    "  try { kv = decodeURIComponent(kv); } catch (e) { return; }\n"
     "  var p = kv.split(':'); if (sliders[p[0]] && isFinite(parseFloat(p[1]))) sliders[p[0]](parseFloat(p[1])); });\n"
     "document.querySelectorAll('#mics th').forEach(function(th, col) {\n"
     "  th.addEventListener('click', function() {\n"
@@ -454,7 +457,7 @@ std::string write_page(const std::vector<Micrograph>& mics, const std::vector<st
   for (const Micrograph& m : mics) {
     for (const Pick& p : m.picks) all.push_back(p.score);
     for (const Pick& p : m.decoys) all_decoys.push_back(p.score);
-    decoys = decoys && m.decoys_found;
+    decoys = decoys && decoys_for_all(m);
   }
   std::string h = head(run_title) + nav;
   if (!decoys)
@@ -478,7 +481,8 @@ std::string write_page(const std::vector<Micrograph>& mics, const std::vector<st
          std::to_string(k + 1) + "\">" + html_escape(m.name) + "</a></td><td>" + std::to_string(sc.size()) +
          "</td><td>" + std::to_string(count_kept(m)) + "</td><td>" +
          (m.decoys_found ? std::to_string(m.choice.decoys_above) : std::string("-")) + "</td><td>" +
-         num("%.4f", quantile(sc, 0.5)) + "</td><td>" + num("%.4f", quantile(sc, 0.9)) + "</td><td>" +
+         (sc.empty() ? "-" : num("%.4f", quantile(sc, 0.5))) + "</td><td>" +
+         (sc.empty() ? "-" : num("%.4f", quantile(sc, 0.9))) + "</td><td>" +
          num("%.3f", m.masked) + "</td><td>" + num("%.4f", m.cutoff) + "</td><td class=\"rule\">" +
          html_escape(m.choice.rule) + "</td><td class=\"warn\">" + warn + "</td></tr>\n";
   }

@@ -6,7 +6,9 @@
 # circles and counts and prints a command that keeps exactly those picks.
 # A fourth micrograph, sparse with a carbon edge, has picks the automatic
 # choice leaves out as on the edge: dashed at its cut-off, not counted; and
-# its scores lie far below the other three's, whose cut it keeps out.
+# its scores lie far below the other three's, whose cut it keeps out. A
+# fifth has no picks and no slider, and stops no other's; nor does a part
+# of the fragment that names no slider or decodes to nothing.
 # Skips (status 77) with a line saying why when Chromium cannot start.
 # Usage: report_browser.sh GVEXREPORT MAKEMIC REALMIC SCRATCH
 set -eu
@@ -18,15 +20,23 @@ fail() { echo "FAIL: $*"; exit 1; }
 for i in 1 2 3; do "$makemic" make m$i.mrc --nx 2048 --ny 2048 --apix 1.34 --diameter 120 --seed $i >/dev/null; done
 "$realmic" m4.mrc --nx 2048 --ny 2048 --apix 1.34 --diameter 120 --snr 0.1 --density 0.06 --seed 1 --carbon 0.15 \
   --carbon-step 0.3 >/dev/null
-"$report" --out rep --pick --apixM 1.34 --diameter 120 m1.mrc m2.mrc m3.mrc m4.mrc >report.log || fail "gvexreport failed"
+"$report" --out picked --pick --apixM 1.34 --diameter 120 m1.mrc m2.mrc m3.mrc m4.mrc >picked.log ||
+  fail "gvexreport --pick failed"
+# The page of those picks (read back with their decoys), and of a fifth
+# micrograph without picks.
+ln m1.mrc m5.mrc
+"$report" --out rep --apixM 1.34 --diameter 120 m1.mrc m2.mrc m3.mrc m4.mrc m5.mrc >report.log || fail "gvexreport failed"
+grep -q "^warning: m5.mrc: no picks file" report.log || fail "m5 has picks"
+if grep -q "^note: without decoys" report.log; then fail "a micrograph without picks made the cut-offs decoy-less"; fi
+[ "$(grep '^suggested' report.log)" = "$(grep '^suggested' picked.log)" ] || fail "m5 moved the run's suggestion"
 dom() { timeout 120 "$browser" --headless --no-sandbox --disable-gpu --no-first-run --user-data-dir="$work/profile" \
           --enable-logging=stderr --v=0 --dump-dom "file://$work/rep/index.html$1" >"$2" 2>>console.log; }
 if ! dom "" dom.html; then
   echo "SKIP: chromium could not start here:"; tail -3 console.log; exit 77
 fi
-grep -q 'data-images="8"' dom.html || fail "the page does not show 8 pictures (a view and a crop per micrograph)"
+grep -q 'data-images="10"' dom.html || fail "the page does not show 10 pictures (a view and a crop per micrograph)"
 grep -q 'data-broken="0"' dom.html || fail "a picture did not load"
-[ "$(grep -c '<td class="name">' dom.html)" = 4 ] || fail "the table does not list 4 micrographs"
+[ "$(grep -c '<td class="name">' dom.html)" = 5 ] || fail "the table does not list 5 micrographs"
 # Each slider starts where gvexreport cut.
 for k in 1 2 3 4; do
   printed=$(sed -n "s/^m$k.mrc: .* keeps \([0-9]*\),.*/\1/p" report.log)
@@ -51,7 +61,7 @@ scores=$(awk '$1 ~ /^[0-9]/ { print $5 }' m1_vexmatch.star | sort -g)
 n=$(echo "$scores" | wc -l)
 cut=$(echo "$scores" | sed -n "$(((n + 1) / 2))p")
 want=$(echo "$scores" | awk -v c="$cut" '$1 >= c' | wc -l)
-dom "#cut=1:$cut" moved.html
+dom "#cut=__proto__:1;5:0.1;%;1:$cut" moved.html
 grep -q "id=\"kept-1\">$want<" moved.html || fail "slider at $cut: the page does not show the $want picks kept"
 grep -q "id=\"value-1\">$cut<" moved.html || fail "slider at $cut: the cut-off shown is not $cut"
 circles=$(marks moved.html 1 | grep -o 'class="k"' | wc -l)
@@ -63,4 +73,4 @@ case $cmd in "gvexreport --apply --cutoff $cut "*" m1.mrc") ;; *) fail "slider a
 [ "$(awk '$1 ~ /^[0-9]/' m1_vexmatch_auto.star | wc -l)" = "$want" ] || fail "the page's command did not keep $want picks"
 # The page says nothing on the console unless something is wrong.
 if grep -q ':CONSOLE' console.log; then grep ':CONSOLE' console.log; fail "console messages"; fi
-echo "report_browser: 8 pictures loaded, 4 rows, $left picks dashed on m4's edge, the slider moved to $cut keeps $want, as its command does"
+echo "report_browser: 10 pictures loaded, 5 rows, $left picks dashed on m4's edge, the slider moved to $cut keeps $want, as its command does"
