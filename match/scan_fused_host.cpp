@@ -137,8 +137,17 @@ struct FusedScanHost::Impl {
       if (F_out) memcpy(F_out + i, c + (long)y * COLS, sizeof(float2) * w);
       scan_host_multconj_serial(M + i, c + (long)y * COLS, c + (long)y * COLS, w, s);
     }
-    fftwf_execute_dft(col_inv.p, (fftwf_complex*)c, (fftwf_complex*)c);
+    // The inverse by the very plan a stored spectrum's block meets in
+    // columns_stored: plans of other strides agree to the bit only when
+    // estimated, not as wisdom may have them, and a micrograph's picks would
+    // then depend on whether its templates' spectra were stored yet.
     float2* q = reinterpret_cast<float2*>(half.p);
+    if (w == COLS) {
+      for (int y = 0; y < ny; y++) memcpy(q + (long)y * nxh + x0, c + (long)y * COLS, sizeof(float2) * w);
+      fftwf_execute_dft(col_inv_inplace.p, half.p + x0, half.p + x0);
+      return;
+    }
+    fftwf_execute_dft(col_inv.p, (fftwf_complex*)c, (fftwf_complex*)c);
     for (int y = 0; y < ny; y++) memcpy(q + (long)y * nxh + x0, c + (long)y * COLS, sizeof(float2) * w);
   }
 
