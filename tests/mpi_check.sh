@@ -85,6 +85,18 @@ if [ -n "$tune" ]; then
   for f in vexmatch.box ccmax.mrc; do
     cmp -s m1_$f again_$f || fail "tune: m1_$f differs from its copy's: its bits depend on its place in the queue"
   done
+  # Two runs on one wisdom file at once: the second waits for the first,
+  # whose plans it would otherwise overwrite.
+  # shellcheck disable=SC2086
+  "$tune" ../both $o0 m1.mrc >../both0.log 2>&1 & "$tune" ../both $o0 --speed 1 m1.mrc >../both1.log 2>&1 || fail "tune 1"
+  wait $! || fail "tune: one of two runs at once failed"
+  grep -q "waiting for another gvexmatch_tune" ../both0.log ../both1.log || fail "tune: two runs at once did not wait"
+  # Refused: an unknown option (status 2, where gvexmatch says 0), and an
+  # option where the wisdom file goes (no file of that name).
+  status=0; "$tune" ../w1 --diameter 120 --bogus 1 m1.mrc >/dev/null 2>&1 || status=$?
+  [ $status = 2 ] || fail "tune: an unknown option ended with status $status"
+  status=0; "$tune" --diameter 120 m1.mrc >/dev/null 2>&1 || status=$?
+  [ $status = 2 ] && [ ! -e ./--diameter ] || fail "tune: an option taken for the wisdom file (status $status)"
 fi
 # The automatic cut-off: crowded and sparse micrographs cut as one run,
 # exactly as gvexreport cuts them; a micrograph that fails is left out of
