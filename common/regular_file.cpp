@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdlib>
 #include <string>
 
 #include "common/errors.h"
@@ -80,4 +81,13 @@ InputLock::InputLock(const char* path) {
 
 InputLock::~InputLock() {
   if (fd_ >= 0) close(fd_);  // releases the lock
+}
+
+std::string gvex_place_of(const std::string& path) {
+  const size_t slash = path.rfind('/');
+  const std::string dir = slash == std::string::npos ? "." : slash == 0 ? "/" : path.substr(0, slash);
+  char* real = realpath(dir.c_str(), nullptr);
+  const std::string place = (real ? std::string(real) : dir) + "/" + path.substr(slash + 1);
+  free(real);
+  return place;
 }

@@ -39,3 +39,8 @@ class InputLock {
  private:
   int fd_ = -1;
 };
+
+// Where a file's neighbours go: its folder resolved (links, "./", "a/../")
+// and its own name. Two names with one place share every file written
+// beside them, as "m.mrc" and "./m.mrc" do.
+std::string gvex_place_of(const std::string& path);

@@ -319,6 +319,15 @@ int run_mpi(int argc, char** argv, int rank, int ranks, int local_rank, int loca
     // A damaged micrograph is reported at its turn; the next one serves.
     ref = gvexmatch_reference(*p, prog, true);
   }
+  // Refused before any work: a name the report's summary cannot carry.
+  for (int i = 0; i < p->n_mic && !cut.report.empty(); i++) {
+    const std::string name = p->mic_files[i];
+    if (name.find_first_of("\n\r") != std::string::npos ||
+        (name.find('\'') != std::string::npos && name.find('"') != std::string::npos))
+      gvex_throw("gvexmatch_mpi: the micrograph name " + name +
+                     " holds a line break or both kinds of quote, which the report's summary cannot carry\n",
+                 2, true);
+  }
   Progress progress(p->mic_files, p->n_mic);
   PickOptions opt = options_from_record(*p);
   opt.decoys = cut.on;

@@ -5,12 +5,14 @@
 #include <set>
 
 #include "common/records.h"
+#include "common/regular_file.h"
 #include "io/mrcfile.h"
 #include "picker/timer.h"
 
 Progress::Progress(char** names, int n) : names_(names, names + n), repeated_(n, false), start_(gvex_wall_seconds()) {
   std::set<std::string> seen;
-  for (int i = 0; i < n; i++) repeated_[i] = !seen.insert(names_[i]).second;
+  // Other spellings of one micrograph would write the same files.
+  for (int i = 0; i < n; i++) repeated_[i] = !seen.insert(gvex_place_of(names_[i])).second;
 }
 
 bool Progress::listed_before(int i) const { return repeated_[i]; }

@@ -17,6 +17,7 @@
 
 #include "common/atomic_file.h"
 #include "common/redirect.h"
+#include "common/regular_file.h"
 #include "common/errors.h"
 #include "common/owned.h"
 #include "common/strutil.h"
@@ -113,12 +114,7 @@ void check_name(const std::string& a) {
 void check_distinct(const std::vector<std::string>& names) {
   std::map<std::string, std::string> seen;
   for (const std::string& n : names) {
-    const size_t slash = n.rfind('/');
-    const std::string dir = slash == std::string::npos ? "." : slash == 0 ? "/" : n.substr(0, slash);
-    char* real = realpath(dir.c_str(), nullptr);
-    const std::string key = (real ? std::string(real) : dir) + "/" + n.substr(slash + 1);
-    free(real);
-    const auto [it, fresh] = seen.emplace(key, n);
+    const auto [it, fresh] = seen.emplace(gvex_place_of(n), n);
     if (!fresh) usage_error(it->second + " and " + n + " name the same micrograph");
   }
 }

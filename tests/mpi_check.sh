@@ -51,13 +51,13 @@ $run -n 3 "$mpi" $opts --do_unfinished 1 m1.mrc m2.mrc m3.mrc m4.mrc m5.mrc >../
 grep -q "skipped (finished before)" ../resume.log || fail "resume: nothing skipped"
 same resume
 # A damaged first micrograph is reported at its turn and the next one fixes
-# the sizes; a name listed twice is picked once.
+# the sizes; a micrograph listed twice, in another spelling, is picked once.
 fresh first && cp ../mics/broken.mrc .
-if $run -n 3 "$mpi" $opts broken.mrc m1.mrc m2.mrc m1.mrc m3.mrc m4.mrc m5.mrc >../first.log 2>&1; then
+if $run -n 3 "$mpi" $opts broken.mrc m1.mrc m2.mrc ./m1.mrc m3.mrc m4.mrc m5.mrc >../first.log 2>&1; then
   fail "first: status 0"
 fi
 grep -q "^    broken.mrc: rank [12]: .*broken.mrc" ../first.log || fail "first: broken.mrc not named"
-grep -q "m1.mrc skipped (listed before)" ../first.log || fail "first: the second m1.mrc was not skipped"
+grep -q "\./m1.mrc skipped (listed before)" ../first.log || fail "first: ./m1.mrc was not skipped"
 grep -q "^Summary: 7 micrographs, 5 picked, 1 skipped, 1 failed" ../first.log || fail "first: summary"
 rm broken.mrc broken_nonunique.box && same first
 # Plans from wisdom that gvexmatch_tune measured: said, and the same files
@@ -152,5 +152,10 @@ if [ -n "$report" ]; then
   touch notdir
   if $run -n 2 "$mpi" --report notdir $opts c1.mrc >../notdir.log 2>&1; then fail "notdir: status 0"; fi
   grep -q "^gvexmatch_mpi: cannot make the report folder notdir" ../notdir.log || fail "notdir: not said"
+  # A name the summary cannot carry is refused before any work.
+  cp c1.mrc "q'u\".mrc"
+  if $run -n 2 "$mpi" --report quoted $opts c1.mrc "q'u\".mrc" >../quoted.log 2>&1; then fail "quoted: status 0"; fi
+  grep -q "holds a line break or both kinds of quote" ../quoted.log && [ ! -e c1_vexmatch.box ] ||
+    fail "quoted: not refused before picking"
 fi
 echo "mpi_check: all cases passed"
