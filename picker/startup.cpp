@@ -71,6 +71,7 @@ Reference gvexmatch_reference(const GVexMatch_Para& p, const char* prog, bool sk
     printf("Opening %s for initial test and preperation .......\n", name);
     const char* kind = "";
     OwnedFile fp(gvex_open_regular(name, &kind));
+    if (!fp && skip_damaged) continue;
     if (!fp && *kind) gvex_not_a_file("micrograph", name, kind, "check_access_openf_1st", "gvexmatch56", 57);
     if (!fp) gvex_open_read_failed(name, "check_access_openf_1st", "gvexmatch56", 57);
     Reference ref;
@@ -82,6 +83,7 @@ Reference gvexmatch_reference(const GVexMatch_Para& p, const char* prog, bool sk
       throw;
     }
     if (!mrc_mode_is_readable(ref.head.mode)) {
+      if (skip_damaged) continue;
       char why[GVEX_NAME_LEN + 128];
       snprintf(why, sizeof why, "the pixels of %s are of mode %d (%s), which cannot be read; modes 0, 1, 2 and 6 can",
                name, ref.head.mode, mrc_get_head_mode(&ref.head));

@@ -50,16 +50,17 @@ if GVEX_TEST_STOP_AT=micrograph:2 $run -x GVEX_TEST_STOP_AT -n 2 "$mpi" $opts m1
 $run -n 3 "$mpi" $opts --do_unfinished 1 m1.mrc m2.mrc m3.mrc m4.mrc m5.mrc >../resume.log 2>&1 || fail "resume failed"
 grep -q "skipped (finished before)" ../resume.log || fail "resume: nothing skipped"
 same resume
-# A damaged first micrograph is reported at its turn and the next one fixes
+# A damaged first micrograph, or a folder, is reported at its turn and the next one fixes
 # the sizes; a micrograph listed twice, in another spelling, is picked once.
-fresh first && cp ../mics/broken.mrc .
-if $run -n 3 "$mpi" $opts broken.mrc m1.mrc m2.mrc ./m1.mrc m3.mrc m4.mrc m5.mrc >../first.log 2>&1; then
+fresh first && cp ../mics/broken.mrc . && mkdir folder.mrc
+if $run -n 3 "$mpi" $opts folder.mrc broken.mrc m1.mrc m2.mrc ./m1.mrc m3.mrc m4.mrc m5.mrc >../first.log 2>&1; then
   fail "first: status 0"
 fi
 grep -q "^    broken.mrc: rank [12]: .*broken.mrc" ../first.log || fail "first: broken.mrc not named"
+grep -q "^    folder.mrc: rank [12]: .*folder.mrc is a folder" ../first.log || fail "first: folder.mrc not named"
 grep -q "\./m1.mrc skipped (listed before)" ../first.log || fail "first: ./m1.mrc was not skipped"
-grep -q "^Summary: 7 micrographs, 5 picked, 1 skipped, 1 failed" ../first.log || fail "first: summary"
-rm broken.mrc broken_nonunique.box && same first
+grep -q "^Summary: 8 micrographs, 5 picked, 1 skipped, 2 failed" ../first.log || fail "first: summary"
+rm -r broken.mrc broken_nonunique.box folder.mrc folder_nonunique.box && same first
 # Plans from wisdom that gvexmatch_tune measured: said, and the same files
 # run after run.
 if [ -n "$tune" ]; then
