@@ -457,7 +457,18 @@ void Job::pick_all(const std::vector<MicEntry>& todo) {
     const double t0 = gvex_wall_seconds();
     PickResult r = session_->pick(link, next);
     if (r.outcome != PickResult::Outcome::finished) {
-      skip(e, one_line(r.failure.text));
+      const std::string why = one_line(r.failure.text);
+      // A file of the job's own scratch that cannot be written (a full
+      // disk) fails the job, as its other files do; it says nothing of the
+      // micrograph.
+      std::string lower = why;
+      for (char& c : lower) c = (char)tolower((unsigned char)c);
+      if (why.find(work_dir_) != std::string::npos && lower.find("writ") != std::string::npos) {
+        std::lock_guard<std::mutex> g(q_lock_);
+        if (write_error_.empty()) write_error_ = why;
+        return;
+      }
+      skip(e, why);
       continue;
     }
     Picked p;
