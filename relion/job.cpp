@@ -690,7 +690,12 @@ bool Job::start(std::string& why) {
   records_ = records_in(o_.out + "records/", bad);
   for (const std::string& b : bad) say("warning: %s; that micrograph is picked again\n", b.c_str());
   if (!check_settings(why)) return false;
-  for (const MicRecord& r : records_) {
+  for (MicRecord& r : records_) {
+    // A job folder copied or moved keeps its files where it now is: the
+    // record's path names the folder the micrograph was picked in.
+    std::string unused;
+    const std::string here = job_file_for(o_.out, r.mic, "_autopick.star", unused);
+    if (!here.empty()) r.coords = here;
     done_.insert(r.mic);
     coords_owner_[r.coords] = r.mic;
   }

@@ -409,6 +409,19 @@ TEST(RelionJob, ContinuedAndKilledRunsEndWithTheSameFiles) {
   EXPECT_TRUE(contains(r.out, "1 micrographs picked in this run (3 in the job)")) << r.out;
   EXPECT_EQ(read_text_file(cont + "/J/m1_autopick.star"), m1_before);
   EXPECT_EQ(files_of(cont + "/J/"), want);
+  // A copied job folder goes on in its copy, never in the original.
+  auto cut_over_job = [&](const char* job) {  // rewrites every coordinate file as the job grows
+    std::vector<std::string> a = job_args(job, "list.txt");
+    a.insert(a.end(), {"--cutoff", "run"});
+    return a;
+  };
+  const std::string copied = project("copied", 2);
+  ASSERT_EQ(relion_in(copied, cut_over_job("A/")).status, 0);
+  ASSERT_EQ(run_shell("cp -a A B && rm -r A", RunOptions{copied, 10}).status, 0);
+  project("copied", 3);
+  ASSERT_EQ(relion_in(copied, cut_over_job("B/")).status, 0);
+  EXPECT_FALSE(file_exists(copied + "/A"));
+  EXPECT_FALSE(contains(read_text_file(copied + "/B/autopick.star"), "A/"));
   // Other settings would mix two kinds of picks in one job.
   std::vector<std::string> other = job_args("J/", "list.txt");
   other[7] = "150";
