@@ -152,6 +152,9 @@ std::string write_kept(const Micrograph& m, const std::string& box_path, const s
   std::vector<Pick> kept;
   for (size_t i = 0; i < m.picks.size(); i++)
     if (kept_in(m, i)) kept.push_back(m.picks[i]);
+  // Another run cutting this micrograph finishes first: the partial names
+  // are fixed, and each run clears what it finds at them.
+  const InputLock lock(m.name.c_str());
   // Both written whole under their partial names, then renamed as one
   // commit, as gvexmatch commits its pair.
   for (const std::string* path : {&box_path, &star_path}) {

@@ -40,6 +40,17 @@ grep -q '^n16_d0.3_1.mrc: [0-9]* picks, cut-off [0-9.]* keeps \([0-9]*\); alread
 kept=$(awk '$1 ~ /^[0-9]/' n16_d0.3_1_vexmatch_auto.star | wc -l)
 grep -q "picks, cut-off [0-9.]* keeps $kept;" again.log || fail "the picks cut before were cut again"
 
+# A run cutting a micrograph waits for another that holds it (their partial
+# files have the same names): nothing is written until it lets go.
+cp n4_d0.3_1.mrc held.mrc && cp n4_d0.3_1_vexmatch.star held_vexmatch.star
+flock held.mrc sh -c 'touch holding; sleep 3' & holder=$!
+while [ ! -e holding ]; do sleep 0.1; done
+"$report" --apply --cutoff 0.5 held.mrc >held.log & cutter=$!
+sleep 1.5
+[ ! -e held_vexmatch_auto.star ] || fail "--apply wrote while another run held the micrograph"
+wait $holder && wait $cutter || fail "--apply after the other run failed"
+[ -e held_vexmatch_auto.star ] || fail "--apply wrote nothing once the other run let go"
+
 # Refusals and warnings.
 cp n4_d0.3_1.mrc lonely.mrc
 "$report" --out rep2 lonely.mrc >lonely.log || fail "a missing picks file must not stop the report"
