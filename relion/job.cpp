@@ -690,15 +690,24 @@ bool Job::start(std::string& why) {
   records_ = records_in(o_.out + "records/", bad);
   for (const std::string& b : bad) say("warning: %s; that micrograph is picked again\n", b.c_str());
   if (!check_settings(why)) return false;
+  std::vector<MicRecord> kept;
   for (MicRecord& r : records_) {
     // A job folder copied or moved keeps its files where it now is: the
     // record's path names the folder the micrograph was picked in.
     std::string unused;
     const std::string here = job_file_for(o_.out, r.mic, "_autopick.star", unused);
     if (!here.empty()) r.coords = here;
+    // The node files would send Extract to a file that is not there.
+    if (!exists(r.coords)) {
+      say("warning: the coordinate file %s of %s is gone; that micrograph is picked again\n", r.coords.c_str(),
+          r.mic.c_str());
+      continue;
+    }
     done_.insert(r.mic);
     coords_owner_[r.coords] = r.mic;
+    kept.push_back(std::move(r));
   }
+  records_ = std::move(kept);
   label_ = coords_type_label("");
   if (!refresh_input(true, why)) return false;
   if (!o_.follow && input_.mics.empty()) return why = "no micrographs in " + o_.inputs[0], false;

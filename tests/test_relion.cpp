@@ -409,6 +409,12 @@ TEST(RelionJob, ContinuedAndKilledRunsEndWithTheSameFiles) {
   EXPECT_TRUE(contains(r.out, "1 micrographs picked in this run (3 in the job)")) << r.out;
   EXPECT_EQ(read_text_file(cont + "/J/m1_autopick.star"), m1_before);
   EXPECT_EQ(files_of(cont + "/J/"), want);
+  // A coordinate file deleted by hand is made again, not left listed.
+  ASSERT_EQ(remove((cont + "/J/m1_autopick.star").c_str()), 0);
+  r = relion_in(cont, job_args("J/", "list.txt"));
+  EXPECT_TRUE(contains(r.out, "1 micrographs picked in this run (3 in the job)")) << r.out;
+  EXPECT_TRUE(file_exists(cont + "/J/m1_autopick.star"));
+  EXPECT_EQ(star_block(cont + "/J/autopick.star", "coordinate_files").rows.size(), 3u);
   // A copied job folder goes on in its copy, never in the original.
   auto cut_over_job = [&](const char* job) {  // rewrites every coordinate file as the job grows
     std::vector<std::string> a = job_args(job, "list.txt");
