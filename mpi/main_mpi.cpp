@@ -27,6 +27,7 @@
 #include "common/strutil.h"
 #include "gpu/device.h"
 #include "io/mrcfile.h"
+#include "io/star_table.h"
 #include "mpi/mic_message.h"
 #include "mpi/progress.h"
 #include "picker/help.h"
@@ -322,8 +323,8 @@ int run_mpi(int argc, char** argv, int rank, int ranks, int local_rank, int loca
   // Refused before any work: a name the report's summary cannot carry.
   for (int i = 0; i < p->n_mic && !cut.report.empty(); i++) {
     const std::string name = p->mic_files[i];
-    if (name.find_first_of("\n\r") != std::string::npos ||
-        (name.find('\'') != std::string::npos && name.find('"') != std::string::npos))
+    std::string quoted;
+    if (!star_quote(name, quoted))
       gvex_throw("gvexmatch_mpi: the micrograph name " + name +
                      " holds a line break or both kinds of quote, which the report's summary cannot carry\n",
                  2, true);

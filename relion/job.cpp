@@ -164,6 +164,7 @@ class Job {
   PickSettings settings_for(double apix) const;
   std::pair<std::string, std::string> link_for(const MicEntry& e);
   void skip(const MicEntry& e, const std::string& why);
+  bool not_picked(const MicEntry& e, const std::string& why);
   bool aborted() const { return g_signal != 0 || exists(o_.out + "RELION_JOB_ABORT_NOW"); }
   void say(const char* f, ...) __attribute__((format(printf, 2, 3)));
 
@@ -404,6 +405,21 @@ bool Job::ensure_session(const MicEntry& e, const MRC_HEAD& h, const std::string
   return true;
 }
 
+// A micrograph the session could not pick is skipped. A file of the job's
+// own scratch that cannot be written (a full disk) fails the job instead, as
+// its other files do: it says nothing of the micrograph. True: stop.
+bool Job::not_picked(const MicEntry& e, const std::string& why) {
+  std::string lower = why;
+  for (char& c : lower) c = (char)tolower((unsigned char)c);
+  if (why.find(work_dir_) == std::string::npos || lower.find("writ") == std::string::npos) {
+    skip(e, why);
+    return false;
+  }
+  std::lock_guard<std::mutex> g(q_lock_);
+  if (write_error_.empty()) write_error_ = why;
+  return true;
+}
+
 void Job::pick_all(const std::vector<MicEntry>& todo) {
   for (size_t i = 0; i < todo.size(); i++) {
     if (aborted()) return;
@@ -457,18 +473,7 @@ void Job::pick_all(const std::vector<MicEntry>& todo) {
     const double t0 = gvex_wall_seconds();
     PickResult r = session_->pick(link, next);
     if (r.outcome != PickResult::Outcome::finished) {
-      const std::string why = one_line(r.failure.text);
-      // A file of the job's own scratch that cannot be written (a full
-      // disk) fails the job, as its other files do; it says nothing of the
-      // micrograph.
-      std::string lower = why;
-      for (char& c : lower) c = (char)tolower((unsigned char)c);
-      if (why.find(work_dir_) != std::string::npos && lower.find("writ") != std::string::npos) {
-        std::lock_guard<std::mutex> g(q_lock_);
-        if (write_error_.empty()) write_error_ = why;
-        return;
-      }
-      skip(e, why);
+      if (not_picked(e, one_line(r.failure.text))) return;
       continue;
     }
     Picked p;

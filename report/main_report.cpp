@@ -22,6 +22,7 @@
 #include "common/owned.h"
 #include "common/strutil.h"
 #include "gpu/device.h"
+#include "io/star_table.h"
 #include "picker/options.h"
 #include "picker/params.h"
 #include "picker/session.h"
@@ -105,7 +106,8 @@ void check_particle(double diameter, double apix, long boxsize) {
 void check_name(const std::string& a) {
   if (a.find_first_of("\n\r") != std::string::npos)
     usage_error("a micrograph name holds a line break, which the summary cannot carry");
-  if (a.find('\'') != std::string::npos && a.find('"') != std::string::npos)
+  std::string quoted;
+  if (!star_quote(a, quoted))
     usage_error("the micrograph name " + a + " holds both kinds of quote, which the summary cannot carry");
 }
 
