@@ -129,16 +129,14 @@ void usage(const char* prog) {
   gvexmatch_help(prog);
 }
 
-// What the cut needs of micrograph i, picked (its decoys then written
-// beside it), or skipped as finished before (its picks and decoys files):
+// What the cut needs of micrograph i, picked (its decoys committed beside
+// it with its picks), or skipped as finished before (its picks and decoys files):
 // r fails when it cannot be had.
 void take_for_cut(PickResult& picked, const AutoCut& cut, int i, int rank, Result& r, Micrograph& m,
                   std::string& picture) {
   try {
     if (picked.outcome == PickResult::Outcome::finished) {
       take_picked(m, picked, cut.set);
-      const std::string decoys = decoys_path(m.name, cut.suffix);
-      if (!write_decoys(m, decoys)) gvex_throw("cannot write " + decoys + "\n");
     } else {
       read_inputs(m, cut.suffix, cut.set.pick.opt.boxsize, cut.set, "gvexmatch_mpi");
     }
@@ -335,7 +333,10 @@ int run_mpi(int argc, char** argv, int rank, int ranks, int local_rank, int loca
   opt.keep_pixels = cut.on;
   const PickSettings settings = derive(opt);
   PickSession session(settings);
-  if (cut.on) cut.start(opt, settings, p->n_mic);
+  if (cut.on) {
+    cut.start(opt, settings, p->n_mic);
+    commit_decoys(session, cut.suffix);
+  }
   // The processes sharing this rank's memory: on the host every rank of the
   // node, on a GPU the ranks of the node that were given the same GPU.
   int sharers = local_ranks;

@@ -89,6 +89,8 @@ struct PickSession::Impl {
   std::vector<float> peak_score, peak_angle;
   std::unique_ptr<ScanWorkspace> ws;
   std::unique_ptr<MicPrefetch> ahead;
+  PickSession::CommitName extra_name;  // a companion's file in each commit (none when empty)
+  PickSession::CommitWrite extra_write;
 
   void working_sizes();
   void prepare_templates();
@@ -222,6 +224,11 @@ bool PickSession::looks_finished(const std::string& mic) const {
   }
 }
 
+void PickSession::also_commit(CommitName name, CommitWrite write) {
+  d_->extra_name = std::move(name);
+  d_->extra_write = std::move(write);
+}
+
 PickResult PickSession::pick(const std::string& mic, const std::string& next) {
   PickResult r;
   const int depth = gvex_timer_depth();
@@ -242,10 +249,10 @@ PickResult PickSession::pick(const std::string& mic, const std::string& next) {
 // The names of one micrograph's files, derived (and refused when too long)
 // before anything is touched.
 struct MicNames {
-  std::string box, star, nonunique, excluded, commit, particles;
+  std::string box, star, nonunique, excluded, commit, particles, extra;
 };
 
-static MicNames mic_names(const PickSettings& s, const std::string& mic) {
+static MicNames mic_names(const PickSettings& s, const std::string& mic, const PickSession::CommitName& extra) {
   MicNames n;
   n.box = outname(mic, "_vexmatch.box");
   n.star = outname(mic, "_vexmatch.star");
@@ -257,6 +264,7 @@ static MicNames mic_names(const PickSettings& s, const std::string& mic) {
   // whose coordinate files fit also gets its marker.
   n.commit = n.box.substr(0, n.box.size() - strlen("_vexmatch.box")) + "_vexmatch.commit";
   if (s.opt.extract_raw) n.particles = outname(mic, "_particles.mrcs");
+  if (extra) n.extra = extra(mic);
   return n;
 }
 
@@ -264,6 +272,7 @@ static MicNames mic_names(const PickSettings& s, const std::string& mic) {
 static std::vector<std::string> committed(const MicNames& n) {
   std::vector<std::string> files = {n.box, n.star};
   if (!n.particles.empty()) files.push_back(n.particles);
+  if (!n.extra.empty()) files.push_back(n.extra);
   return files;
 }
 
@@ -302,7 +311,7 @@ void PickSession::Impl::pick(const std::string& mic, const std::string& next, Pi
   if (mic.find('\n') != std::string::npos || mic.find('\r') != std::string::npos)
     gvex_fatal("gvexmatch_pick_micrograph", gvex_module, __LINE__,
                "the micrograph name holds a line break, which the names of its output files cannot carry");
-  MicNames names = mic_names(s, mic);
+  MicNames names = mic_names(s, mic, extra_name);
   // Another run picking this micrograph finishes it first.
   const InputLock lock(mic.c_str());
   // What a killed run left of an unfinished commit is undone first.
@@ -334,6 +343,7 @@ void PickSession::Impl::pick(const std::string& mic, const std::string& next, Pi
     gvex_open_write_failed(names.nonunique.c_str(), "gvexmatch_pick_micrograph", "gvexmatch56", __LINE__);
   merge_and_commit(mic, names, r);
   printf("File %s finished.\n", mic.c_str());
+  gvex_test_stop_point("picked");
   r.times.picking = gvex_timer_pop("PICKING");
   r.outcome = PickResult::Outcome::finished;
 }
@@ -481,6 +491,10 @@ void PickSession::Impl::merge_and_commit(const std::string& mic, const MicNames&
       gvex_undo_commit(names.commit, committed(names));
       throw;
     }
+  }
+  if (!names.extra.empty() && !extra_write(r, names.extra)) {
+    gvex_undo_commit(names.commit, committed(names));
+    io_write_failed(names.extra.c_str(), "gvexmatch_pick_micrograph", gvex_module, __LINE__);
   }
   gvex_end_commit(names.commit);
 }

@@ -11,6 +11,7 @@
 // failed, with the lines gvexmatch would print and the status it would
 // exit with, and the next micrograph can be picked.
 #pragma once
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -62,6 +63,15 @@ class PickSession {
 
   // Whether --do_unfinished will skip mic, as far as can be told now.
   bool looks_finished(const std::string& mic) const;
+
+  // A companion's own file beside each micrograph, written in the same
+  // commit as the coordinate files, so that a run killed at any moment
+  // leaves both or neither and --do_unfinished never skips a micrograph
+  // without it. name: its name from the micrograph's; write: writes it at
+  // that name from the result (whole or not at all), false when it cannot.
+  using CommitName = std::function<std::string(const std::string& mic)>;
+  using CommitWrite = std::function<bool(const PickResult& r, const std::string& path)>;
+  void also_commit(CommitName name, CommitWrite write);
 
  private:
   struct Impl;

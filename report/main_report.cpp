@@ -258,6 +258,7 @@ void pick_run(const ReportOptions& o, const char* prog, Run& run) {
   run.boxsize = settings.opt.boxsize;
   run.suffix = opt.write_star ? "_vexmatch.star" : "_vexmatch.box";
   PickSession session(settings);
+  commit_decoys(session, run.suffix);
   try {
     StdoutRedirect to_log(log.get());
     session.prepare(ref.head, ref.name, 1, p->mic_files[0]);
@@ -285,8 +286,6 @@ void pick_run(const ReportOptions& o, const char* prog, Run& run) {
              m.decoys_found ? "and its decoys file" : "without decoys");
     } else {
       take_picked(m, r, run.set);
-      const std::string decoys = decoys_path(m.name, run.suffix);
-      if (!write_decoys(m, decoys)) gvex_throw("gvexreport: cannot write " + decoys + "\n", 1, true);
       printf("%s: picked, %zu picks and %zu decoys (%.1f s)\n", m.name.c_str(), m.picks.size(), m.decoys.size(),
              gvex_wall_seconds() - t0);
     }

@@ -102,15 +102,6 @@ unsigned long long picks_checksum(const std::vector<Pick>& picks) {
 
 }  // namespace
 
-bool write_decoys(const Micrograph& m, const std::string& path) {
-  PartFile f(path.c_str(), "w");
-  if (!f.fp()) return false;
-  // The record goes last: the table's writer starts from the file's start.
-  const bool table = picks_write(f.fp(), m.decoys, true);
-  fprintf(f.fp(), "%s%zu picks, checksum %016llx; usable pixels %.17g\n", kDecoysRecord, m.picks.size(),
-          picks_checksum(m.picks), m.usable_pixels);
-  return table && f.commit();
-}
 
 void read_decoys(Micrograph& m, const std::string& path, const Settings& s) {
   std::string text;
@@ -145,6 +136,9 @@ void read_decoys(Micrograph& m, const std::string& path, const Settings& s) {
   m.decoys_found = true;
   m.decoys = std::move(decoys);
   m.usable_pixels = usable;
+  // Decoys are written only beside picks kept at every grid maximum, so a
+  // high lowest score among those picks shows no earlier cut.
+  if (!m.cut_recorded) m.cut_before = NAN;
   m.on_edge = edge_picks(m.pixels, m.nx, m.ny, s.diameter / 2 / s.apix, m.picks, m.decoys, &m.decoy_on_edge);
 }
 
@@ -158,6 +152,20 @@ static std::vector<Pick> as_written(std::vector<Pick> picks) {
     p.score = (float)strtod(text, nullptr);
   }
   return picks;
+}
+
+bool write_decoys(const PickResult& r, const std::string& path) {
+  PartFile f(path.c_str(), "w");
+  if (!f.fp()) return false;
+  // The record goes last: the table's writer starts from the file's start.
+  const bool table = picks_write(f.fp(), as_written(r.decoys), true);
+  fprintf(f.fp(), "%s%zu picks, checksum %016llx; usable pixels %.17g\n", kDecoysRecord, r.picks.size(),
+          picks_checksum(as_written(r.picks)), r.usable_pixels);
+  return table && f.commit();
+}
+
+void commit_decoys(PickSession& session, const std::string& suffix) {
+  session.also_commit([suffix](const std::string& mic) { return decoys_path(mic, suffix); }, write_decoys);
 }
 
 void take_picked(Micrograph& m, PickResult& r, const Settings& s) {

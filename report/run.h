@@ -35,10 +35,14 @@ void read_inputs(Micrograph& m, const std::string& suffix, int boxsize, const Se
 // "_vexmatch.star" (or ".box") -> "NAME_vexmatch_decoys.star".
 std::string decoys_path(const std::string& mic, const std::string& suffix);
 
-// m's decoys and usable area written at path (whole, or not at all), bound
-// to m's picks by their count and a checksum of them as written. False when
-// it cannot be written.
-bool write_decoys(const Micrograph& m, const std::string& path);
+// The decoys and usable area of a picked micrograph written at path (whole,
+// or not at all), bound to its picks by their count and a checksum of them
+// as written. False when it cannot be written.
+bool write_decoys(const PickResult& r, const std::string& path);
+
+// Each micrograph the session picks gets its decoys file in the same commit
+// as its picks files: a run killed in between leaves neither.
+void commit_decoys(PickSession& session, const std::string& suffix);
 
 // The decoys at path into m (read after its pixels and picks), with the
 // flags on strong edges: nothing when there is no such file; a warning, and

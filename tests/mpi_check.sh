@@ -119,10 +119,11 @@ if [ -n "$report" ]; then
     same cut$k gr
     lines ../cut$k.log | cmp -s - ../gr.lines || fail "cut -n $k: other cut-off lines"
   done
-  # Killed part-way and resumed: the micrographs picked before are cut from
-  # their decoys files, as if the run had not stopped.
+  # Killed just as a micrograph is finished, and resumed: the micrographs
+  # picked before are cut from their decoys files, as if the run had not
+  # stopped (the decoys are committed with the picks, not after them).
   fresh cutres cut/c?.mrc
-  if GVEX_TEST_STOP_AT=micrograph:2 $run -x GVEX_TEST_STOP_AT -n 2 "$mpi" --auto_cutoff --report rep $opts $cuts \
+  if GVEX_TEST_STOP_AT=picked:2 $run -x GVEX_TEST_STOP_AT -n 2 "$mpi" --auto_cutoff --report rep $opts $cuts \
      >../cutkill.log 2>&1; then fail "cutres: the kill did not happen"; fi
   $run -n 3 "$mpi" --auto_cutoff --report rep --do_unfinished 1 $opts $cuts >../cutres.log 2>&1 || fail "cutres failed"
   grep -q "skipped (finished before)" ../cutres.log || fail "cutres: nothing skipped"
