@@ -102,4 +102,4 @@ int recent_cutoff(std::vector<MicRecord>& before, MicRecord& r, int most, double
   return (int)run.size() - 1;
 }
 
-double job_cutoff(const std::vector<double>& all) { return pooled_cutoff(all).value; }
+double job_cutoff(const std::vector<double>& all) { return all.empty() ? NAN : pooled_cutoff(all).value; }

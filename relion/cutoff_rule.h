@@ -39,5 +39,6 @@ void run_cutoffs(std::vector<MicRecord>& records, double diameter);
 // them; their cuts stay as they were. Returns how many were taken.
 int recent_cutoff(std::vector<MicRecord>& before, MicRecord& r, int most, double diameter);
 
-// The one line the job's page draws over every score of the job.
+// The one line the job's page draws over every score of the job; NaN (none
+// to suggest) when the job has no picks.
 double job_cutoff(const std::vector<double>& all);

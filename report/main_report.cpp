@@ -70,8 +70,8 @@ const char* const kUsage =
     "  --boxsize B      box of the written .box picks from STAR picks (default from the diameter)\n"
     "  --help           this text\n"
     "\n"
-    "Exit status: 0 on success; 1 when a micrograph cannot be read or picked or a file cannot be\n"
-    "written; 2 for a wrong command line.\n";
+    "Exit status: 0 on success; 1 when a micrograph cannot be read or picked (it is named and left\n"
+    "out, and the others are cut and reported) or a file cannot be written; 2 for a wrong command line.\n";
 
 [[noreturn]] void usage_error(const std::string& why) { gvex_throw("gvexreport: " + why + "\n" + kUsage, 2, true); }
 
@@ -206,19 +206,35 @@ struct Run {
   Settings set;
   int boxsize = 0;
   std::string suffix;  // the picks files a later --apply reads
-  std::vector<Micrograph> mics;
+  std::vector<Micrograph> mics;  // those read or picked, in the command line's order
   std::vector<std::string> pictures;
+  int left_out = 0;  // micrographs that could not be read or picked
 };
+
+// A micrograph that cannot be read or picked is named and left out; the
+// others are cut and reported, and the run ends with status 1 (as over MPI:
+// one damaged file in a long collection must not cost the rest).
+void leave_out(Run& run, const std::string& why) {
+  fflush(stdout);
+  fputs(why.c_str(), stderr);
+  run.left_out++;
+}
 
 void read_run(const ReportOptions& o, Run& run) {
   run.set = report_settings(o.apix, o.diameter, o.apix_given);
   run.boxsize = o.boxsize > 0 ? o.boxsize : run.set.pick.opt.boxsize;
   run.suffix = o.suffix;
-  run.mics.resize(o.mics.size());
   for (size_t k = 0; k < o.mics.size(); k++) {
-    run.mics[k].name = o.mics[k];
-    read_inputs(run.mics[k], o.suffix, run.boxsize, run.set, "gvexreport");
-    picture(run.mics[k], k, run.set, o.out, run.pictures);
+    Micrograph m;
+    m.name = o.mics[k];
+    try {
+      read_inputs(m, o.suffix, run.boxsize, run.set, "gvexreport");
+    } catch (const GvexFailure& f) {
+      leave_out(run, f.text);
+      continue;
+    }
+    picture(m, k, run.set, o.out, run.pictures);
+    run.mics.push_back(std::move(m));
   }
 }
 
@@ -266,9 +282,8 @@ void pick_run(const ReportOptions& o, const char* prog, Run& run) {
     gvex_throw("gvexreport: cannot prepare the picking (gvexmatch's lines are in " + log_path + "):\n" + f.text,
                f.status, true);
   }
-  run.mics.resize(p->n_mic);
   for (int i = 0; i < p->n_mic; i++) {
-    Micrograph& m = run.mics[i];
+    Micrograph m;
     m.name = p->mic_files[i];
     PickResult r;
     const double t0 = gvex_wall_seconds();
@@ -276,12 +291,18 @@ void pick_run(const ReportOptions& o, const char* prog, Run& run) {
       StdoutRedirect to_log(log.get());
       r = session.pick(m.name, i + 1 < p->n_mic ? p->mic_files[i + 1] : "");
     }
-    if (r.outcome == PickResult::Outcome::failed)
-      gvex_throw("gvexreport: cannot pick " + m.name + " (gvexmatch's lines are in " + log_path + "):\n" +
-                     r.failure.text,
-                 r.failure.status == 0 ? 1 : r.failure.status, true);
+    if (r.outcome == PickResult::Outcome::failed) {
+      leave_out(run, "gvexreport: cannot pick " + m.name + " (gvexmatch's lines are in " + log_path + "):\n" +
+                         r.failure.text);
+      continue;
+    }
     if (r.outcome == PickResult::Outcome::skipped) {
-      read_inputs(m, run.suffix, run.boxsize, run.set, "gvexreport");
+      try {
+        read_inputs(m, run.suffix, run.boxsize, run.set, "gvexreport");
+      } catch (const GvexFailure& f) {
+        leave_out(run, f.text);
+        continue;
+      }
       printf("%s: picked before (--do_unfinished): its picks file is read, %s\n", m.name.c_str(),
              m.decoys_found ? "and its decoys file" : "without decoys");
     } else {
@@ -291,6 +312,7 @@ void pick_run(const ReportOptions& o, const char* prog, Run& run) {
     }
     fflush(stdout);
     picture(m, (size_t)i, run.set, o.out, run.pictures);
+    run.mics.push_back(std::move(m));
   }
 }
 
@@ -307,6 +329,12 @@ int run(int argc, char** argv) {
     pick_run(o, argv[0], run);
   else
     read_run(o, run);
+  // A cut-off chosen from nothing would read as a finding.
+  if (run.mics.empty()) {
+    printf("no micrograph was %s: no cut-off to suggest%s\n", o.pick ? "picked" : "read",
+           o.out.empty() ? "" : ", and no page written");
+    return 1;
+  }
   const bool decoys = std::all_of(run.mics.begin(), run.mics.end(), decoys_for_all);
   if (!decoys && !std::isfinite(o.fixed))
     printf("note: without decoys these cut-offs come from the scores alone and are less reliable; gvexreport --pick "
@@ -315,7 +343,10 @@ int run(int argc, char** argv) {
   const std::string failed =
       cut_and_report(run.mics, run.pictures, run.set, run.boxsize, run.suffix, o.fixed, o.apply, o.out);
   if (!failed.empty()) gvex_throw("gvexreport: " + failed + "\n", 1, true);
-  return 0;
+  if (run.left_out > 0)
+    fprintf(stderr, "gvexreport: %d of %zu micrographs could not be %s and were left out\n", run.left_out,
+            run.mics.size() + run.left_out, o.pick ? "picked" : "read");
+  return run.left_out > 0 ? 1 : 0;
 }
 
 }  // namespace

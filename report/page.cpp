@@ -464,8 +464,10 @@ std::string write_page(const std::vector<Micrograph>& mics, const std::vector<st
     h += "<p class=\"note\">Some micrographs have no decoys: their cut-offs come from the scores alone and are less "
          "reliable. <code>gvexreport --pick</code> picks with decoys (the same templates with their contrast inverted, "
          "from the same scan), which show how noise scores on each micrograph, and chooses from them.</p>\n";
-  h += "<p>Suggested cut-off for the whole run: <b>--cc_cutoff " + num("%.4f", pooled) +
-       "</b>. Circles: picks at or above their micrograph's cut-off, blue (low score) to red (high); grey: below it. "
+  h += std::string(std::isfinite(pooled) ? "<p>Suggested cut-off for the whole run: <b>--cc_cutoff " +
+                                               num("%.4f", pooled) + "</b>."
+                                         : "<p>No micrograph has picks: no cut-off to suggest.") +
+       " Circles: picks at or above their micrograph's cut-off, blue (low score) to red (high); grey: below it. "
        "Each micrograph's slider tries other cut-offs and prints the command that keeps those picks.</p>\n"
        "<h2>Scores of all picks</h2>\n" +
        histogram_svg(all, all_decoys, decoys, pooled, 600, 150) + "\n";

@@ -212,15 +212,21 @@ std::string cut_run(std::vector<Micrograph>& mics, const Settings& s, double poo
 
 std::string cut_and_report(std::vector<Micrograph>& mics, const std::vector<std::string>& pictures, const Settings& s,
                            int boxsize, const std::string& suffix, double fixed, bool apply, const std::string& out) {
-  const double pooled = run_cutoff(mics, s);
+  // A run without a single pick has no cut-off to suggest: 0 would read as
+  // a finding (keep everything).
+  const bool any = std::any_of(mics.begin(), mics.end(), [](const Micrograph& m) { return !m.picks.empty(); });
+  const double pooled = run_cutoff(mics, s), suggested = any ? pooled : NAN;
   const std::string failed = cut_run(mics, s, pooled, fixed, apply);
   if (!failed.empty()) return "cannot write " + failed;
   if (!out.empty()) {
-    const std::string page = write_page(mics, pictures, s, pooled, out + "/index.html", apply_words(s, boxsize, suffix));
+    const std::string page = write_page(mics, pictures, s, suggested, out + "/index.html", apply_words(s, boxsize, suffix));
     if (!page.empty()) return "cannot write " + page;
     if (!write_summary_star(mics, out + "/summary.star")) return "cannot write " + out + "/summary.star";
   }
-  printf("suggested --cc_cutoff %.4f\n", pooled);
+  if (any)
+    printf("suggested --cc_cutoff %.4f\n", suggested);
+  else
+    printf("no micrograph has picks: no cut-off to suggest\n");
   if (!out.empty()) printf("report: %s/index.html\n", out.c_str());
   return "";
 }

@@ -3,9 +3,9 @@
 # each with contamination: per set, the automatic cut-off reaches 0.95 of the
 # best F1 any single cut-off reaches and is never worse than the default 0.15
 # by more than 0.02. Picks cut before are kept as cut. Then the refusals:
-# unreadable micrograph, no micrographs, a report folder that
-# cannot be made, and --pick's: gvexmatch's options refused, a micrograph
-# that cannot be picked.
+# no micrographs, a report folder that cannot be made, gvexmatch's options
+# refused by --pick; and a micrograph that cannot be read or picked, left out
+# of a run that goes on.
 # Usage: report_check.sh GVEXMATCH GVEXREPORT MAKEMIC SCRATCH
 set -eu
 gvex=$1 report=$2 makemic=$3 work=$4
@@ -55,7 +55,8 @@ wait $holder && wait $cutter || fail "--apply after the other run failed"
 head -c 500 n4_d0.3_2.mrc > cut.mrc
 if "$report" --out rep3 n4_d0.3_1.mrc cut.mrc 2>err.log; then fail "a cut micrograph was accepted"; fi
 grep -q 'cut.mrc' err.log || fail "the unreadable micrograph is not named"
-[ ! -e rep3/index.html ] || fail "a page was written for a failed report"
+grep -q 'n4_d0.3_1.mrc' rep3/summary.star && ! grep -q 'cut.mrc' rep3/summary.star ||
+  fail "the readable micrograph is not reported alone"
 status=0; "$report" --out rep4 2>/dev/null || status=$?; [ $status = 2 ] || fail "no micrographs: status $status"
 touch blocker
 if "$report" --out blocker/rep n4_d0.3_1.mrc 2>err.log; then fail "an impossible folder was accepted"; fi
@@ -78,7 +79,13 @@ refused 2 "n4_d0.3_1.mrc and ./n4_d0.3_1.mrc name the same micrograph" --out rep
 refused 2 "name the same micrograph" --out rep5 --pick --diameter 120 n4_d0.3_1.mrc ../${PWD##*/}/n4_d0.3_1.mrc
 refused 2 "out needs a folder, not the option --pick" --out --pick --diameter 120 n4_d0.3_1.mrc
 [ ! -e ./--pick ] || fail "a folder named --pick was made"
-refused 1 "cannot pick cut.mrc" --out rep6 --pick --diameter 120 n4_d0.3_1.mrc cut.mrc
+refused 1 "cannot pick cut.mrc" --out rep6 --pick --apply --diameter 120 n4_d0.3_1.mrc cut.mrc n4_d0.3_2.mrc
 grep -q 'gvexmatch.*rep6/pick.log' err.log || fail "the picking transcript is not named"
-[ ! -e rep6/index.html ] || fail "a page was written for a failed --pick"
+grep -q '1 of 3 micrographs could not be picked' err.log && [ -e n4_d0.3_2_vexmatch_auto.star ] &&
+  [ -e rep6/3_n4_d0.3_2.png ] || fail "the micrograph after the one that failed was not cut and reported"
+"$makemic" make blank.mrc --nx 512 --ny 512 --apix 1.34 --diameter 120 >/dev/null
+head -c 1024 blank.mrc >zero.mrc && head -c $((512 * 512 * 4)) /dev/zero >>zero.mrc && mv zero.mrc blank.mrc
+"$report" --out rep7 --pick --diameter 120 blank.mrc >blank.log || fail "a blank micrograph failed"
+grep -q '^no micrograph has picks: no cut-off to suggest$' blank.log && ! grep -q '^suggested' blank.log ||
+  fail "a cut-off suggested from no picks"
 echo "report_check: all cases passed"
