@@ -361,6 +361,11 @@ int run_mpi(int argc, char** argv, int rank, int ranks, int local_rank, int loca
   MPI_Allreduce(&ok, &all_ok, 1, MPI_INT, MPI_MIN, MPI_COMM_WORLD);
   if (!ok) throw failure;
   if (!all_ok) gvex_throw("Another rank could not prepare the run; its messages went to its own output.\n");
+  // Every rank prepared the same templates, so each refuses alike.
+  bool none = false;
+  const std::string blind = blind_templates_line(session, settings, &none);
+  if (none) gvex_throw("gvexmatch_mpi: " + blind + "\n", 1, true);
+  if (rank == 0 && !blind.empty()) printf("warning: %s\n", blind.c_str());
   if (ranks == 1) {
     pick_alone(session, *p, progress, cut);
   } else if (rank == 0) {

@@ -5,6 +5,7 @@
 
 #include <unistd.h>
 
+#include <cmath>
 #include <cstdio>
 #include <cstring>
 #include <string>
@@ -223,6 +224,25 @@ bool PickSession::looks_finished(const std::string& mic) const {
     return false;
   }
 }
+
+std::vector<int> PickSession::blind_templates() const {
+  const unsigned long n = (unsigned long)d_->tnx * d_->tny;
+  std::vector<float> T(n * d_->tnz);
+  gvex_check_copy(memcpy_D2H(T.data(), d_->d_T->get(), T.size() * sizeof(float)), __FILE__, __LINE__);
+  std::vector<int> blind;
+  for (int t = 0; t < d_->tnz; t++) {
+    const float* p = T.data() + n * t;
+    bool finite = true, alike = true;
+    for (unsigned long i = 0; i < n; i++) {
+      finite = finite && std::isfinite(p[i]);
+      alike = alike && p[i] == p[0];
+    }
+    if (!finite || alike) blind.push_back(t + 1);
+  }
+  return blind;
+}
+
+int PickSession::template_count() const { return d_->tnz; }
 
 void PickSession::also_commit(CommitName name, CommitWrite write) {
   d_->extra_name = std::move(name);

@@ -61,6 +61,12 @@ class PickSession {
   // ahead meanwhile.
   PickResult pick(const std::string& mic, const std::string& next = "");
 
+  // The templates (1 = the first) that, as prepared, can match nothing: a
+  // pixel not finite, or every pixel alike (a constant template, or one of
+  // a single working pixel). gvexmatch picks on silently without them.
+  std::vector<int> blind_templates() const;
+  int template_count() const;
+
   // Whether --do_unfinished will skip mic, as far as can be told now.
   bool looks_finished(const std::string& mic) const;
 

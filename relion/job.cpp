@@ -39,6 +39,7 @@
 #include "relion/mic_input.h"
 #include "relion/record.h"
 #include "relion/relion_files.h"
+#include "report/run.h"
 
 namespace {
 
@@ -392,14 +393,23 @@ bool Job::ensure_session(const MicEntry& e, const MRC_HEAD& h, const std::string
   auto refused = refused_.find(key);
   if (refused != refused_.end()) return why = replace_all(refused->second.second, refused->second.first, e.name), false;
   session_.reset();  // its memory back first
+  std::string blind;
   try {
-    session_.reset(new PickSession(settings_for(apix)));
+    const PickSettings settings = settings_for(apix);
+    session_.reset(new PickSession(settings));
     session_->prepare(h, link, 1, link);
+    bool none = false;
+    blind = blind_templates_line(*session_, settings, &none);
+    if (none) gvex_throw(blind);
   } catch (const GvexFailure& f) {
     session_.reset();
     why = "these settings cannot pick it: " + replace_all(one_line(f.text), link, e.name);
     refused_[key] = {e.name, why};
     return false;
+  }
+  if (!blind.empty()) {
+    say("warning: %s\n", blind.c_str());
+    fprintf(stderr, "gvexmatch_relion: WARNING: %s\n", blind.c_str());
   }
   session_key_ = key;
   return true;

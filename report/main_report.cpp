@@ -282,6 +282,10 @@ void pick_run(const ReportOptions& o, const char* prog, Run& run) {
     gvex_throw("gvexreport: cannot prepare the picking (gvexmatch's lines are in " + log_path + "):\n" + f.text,
                f.status, true);
   }
+  bool none = false;
+  const std::string blind = blind_templates_line(session, settings, &none);
+  if (none) gvex_throw("gvexreport: " + blind + "\n", 1, true);
+  if (!blind.empty()) printf("warning: %s\n", blind.c_str());
   for (int i = 0; i < p->n_mic; i++) {
     Micrograph m;
     m.name = p->mic_files[i];

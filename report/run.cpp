@@ -164,6 +164,21 @@ bool write_decoys(const PickResult& r, const std::string& path) {
   return table && f.commit();
 }
 
+std::string blind_templates_line(const PickSession& session, const PickSettings& s, bool* none) {
+  const std::vector<int> blind = session.blind_templates();
+  *none = !blind.empty() && (int)blind.size() == session.template_count();
+  if (blind.empty()) return "";
+  const char* why = " (a pixel that is not a number, or every pixel alike at the working pixel size)";
+  if (*none)
+    return (s.auto_template ? "the generated template can match nothing"
+                            : "no template of " + s.opt.templates + " can match anything") +
+           why + ": every micrograph would come back without picks";
+  std::string list;
+  for (int t : blind) list += (list.empty() ? "" : ", ") + std::to_string(t);
+  return (blind.size() == 1 ? "template " : "templates ") + list + " of " + s.opt.templates + " can match nothing" +
+         why + ": the others pick without them";
+}
+
 void commit_decoys(PickSession& session, const std::string& suffix) {
   session.also_commit([suffix](const std::string& mic) { return decoys_path(mic, suffix); }, write_decoys);
 }

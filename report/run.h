@@ -40,6 +40,11 @@ std::string decoys_path(const std::string& mic, const std::string& suffix);
 // as written. False when it cannot be written.
 bool write_decoys(const PickResult& r, const std::string& path);
 
+// The prepared session's templates that can match nothing, in a line:
+// "" when every one can. none: no template can, so that every micrograph
+// would come back without picks, and look finished (the run is refused).
+std::string blind_templates_line(const PickSession& session, const PickSettings& s, bool* none);
+
 // Each micrograph the session picks gets its decoys file in the same commit
 // as its picks files: a run killed in between leaves neither.
 void commit_decoys(PickSession& session, const std::string& suffix);

@@ -9,10 +9,12 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <cmath>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "io/mrcfile.h"
 #include "support/e2e.h"
 
 namespace {
@@ -228,6 +230,32 @@ TEST(Hostile, ExhaustedMemoryAndAbsurdStacksEndWithALine) {
   EXPECT_EQ(t.status, 1);
   EXPECT_TRUE(contains(t.out, "cannot be shrunk by 4")) << t.out;
   EXPECT_LT(seconds, 20.0);
+}
+
+// Templates that can match nothing (a pixel not a number, every pixel
+// alike) are named; with no other template the run is refused, where it
+// would come back without picks and look finished.
+TEST(Hostile, TemplatesThatCanMatchNothingAreNamed) {
+  TempDir dir;
+  ASSERT_TRUE(make_mic(dir.path(), "m.mrc", 512, 512, 3));
+  const int n = 64;
+  std::vector<float> disc(n * n), flat(n * n, 3.0f);
+  for (int i = 0; i < n * n; i++) disc[i] = std::exp(-(std::pow(i % n - 31.5, 2) + std::pow(i / n - 31.5, 2)) / 288);
+  std::vector<float> holed = disc;
+  holed[650] = NAN;
+  std::vector<float> mixed = disc, blind = holed;
+  mixed.insert(mixed.end(), holed.begin(), holed.end());
+  mixed.insert(mixed.end(), flat.begin(), flat.end());
+  blind.insert(blind.end(), flat.begin(), flat.end());
+  ASSERT_EQ(mrcf_write_xyz_data(dir.file("mixed.mrcs").c_str(), mixed.data(), n, n, 3), 0);
+  ASSERT_EQ(mrcf_write_xyz_data(dir.file("blind.mrcs").c_str(), blind.data(), n, n, 2), 0);
+  const RunResult some = report_in(dir.path(), "--out a --pick --diameter 120 --T mixed.mrcs m.mrc");
+  EXPECT_EQ(some.status, 0) << some.err;
+  EXPECT_TRUE(contains(some.out, "warning: templates 2, 3 of mixed.mrcs can match nothing")) << some.out;
+  const RunResult none = report_in(dir.path(), "--out b --pick --diameter 120 --T blind.mrcs m.mrc");
+  EXPECT_EQ(none.status, 1);
+  EXPECT_TRUE(contains(none.err, "gvexreport: no template of blind.mrcs can match anything")) << none.err;
+  EXPECT_FALSE(file_exists(dir.file("b/index.html")));
 }
 
 // gvexreport on damaged and hostile pick files: extreme and non-finite
