@@ -24,6 +24,39 @@ std::string beside(const std::string& mic, const std::string& suffix) {
   return mic + suffix;
 }
 
+namespace {
+
+// Hot pixels, a saturated column, a stray value: gvexmatch normalises over
+// the whole micrograph, so a few such pixels can hold its variance and with
+// it the picks. Realistic and real micrographs reach 10 sd at most. The
+// rest's spread is read robustly, from the quartiles of a sample.
+constexpr double kOutlying = 50, kOutlyingShare = 0.1;
+
+void find_outlying(Micrograph& m) {
+  m.outlying = 0, m.outlying_share = 0;
+  std::vector<float> sample;
+  for (size_t i = 0; i < m.pixels.size(); i += 7)
+    if (std::isfinite(m.pixels[i])) sample.push_back(m.pixels[i]);
+  if (sample.size() < 4) return;
+  auto quantile = [&](double q) {
+    auto k = sample.begin() + (long)(q * (sample.size() - 1));
+    std::nth_element(sample.begin(), k, sample.end());
+    return (double)*k;
+  };
+  const double median = quantile(0.5), sd = (quantile(0.75) - quantile(0.25)) / 1.349;
+  if (!(sd > 0)) return;
+  double all = 0, far = 0;
+  for (float v : m.pixels) {
+    if (!std::isfinite(v)) continue;
+    const double d = ((double)v - median) * ((double)v - median);
+    all += d;
+    if (d > kOutlying * kOutlying * sd * sd) far += d, m.outlying++;
+  }
+  m.outlying_share = all > 0 ? far / all : 0;
+}
+
+}  // namespace
+
 void read_micrograph(Micrograph& m) {
   const char* kind = "";
   OwnedFile fp(gvex_open_regular(m.name.c_str(), &kind));
@@ -49,6 +82,7 @@ void take_micrograph(Micrograph& m, const MRC_HEAD& h, std::vector<float> pixels
   m.pixels = std::move(pixels);
   m.nonfinite = 0;
   for (float v : m.pixels) m.nonfinite += !std::isfinite(v);
+  find_outlying(m);
 }
 
 PicksRead read_picks(Micrograph& m, const std::string& path, int boxsize) {
@@ -98,6 +132,11 @@ void add_warnings(Micrograph& m, const Settings& s) {
 void add_file_warnings(Micrograph& m, const Settings& s) {
   auto& w = m.warnings;
   if (m.nonfinite) w.push_back(fmt("%.0f pixels are not finite numbers: gvexmatch finds no picks on such a micrograph", m.nonfinite));
+  if (m.outlying > 0 && m.outlying_share > kOutlyingShare)
+    w.push_back(fmt("%.0f pixels lie beyond 50 sd of the rest and hold %.0f%% of the micrograph's variance (hot "
+                    "pixels, a saturated column?): gvexmatch normalises over the whole micrograph, so they can take "
+                    "its picks",
+                    (double)m.outlying, 100 * m.outlying_share));
   if (m.nsymbt > 0) w.push_back(fmt("extended header of %.0f bytes: gvexmatch reads the pixels from byte 1024 all the same", m.nsymbt));
   if (m.mode == 0) w.push_back("pixel mode 0: read as unsigned bytes");
   if (m.nz > 1) w.push_back(fmt("%.0f sections: only the first is picked", m.nz));

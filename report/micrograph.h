@@ -30,6 +30,8 @@ struct Micrograph {
   double header_apix = 0;            // cell length / sampling; 0 when unset
   std::vector<float> pixels;         // first section
   long nonfinite = 0;                // NaN and infinite pixels
+  long outlying = 0;                 // pixels beyond kOutlying sd of the rest...
+  double outlying_share = 0;         // ...and their share of the micrograph's variance
   bool picks_found = false;
   std::vector<Pick> picks;
   std::vector<Cell> rejected;

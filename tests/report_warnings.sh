@@ -1,7 +1,7 @@
 #!/bin/sh
 # Every warning of gvexreport on a planted case, each micrograph drawing its
 # own warning and no other, and none on the clean micrograph they come from:
-# pixels that are not finite, an extended header, mode 0, two sections, a
+# pixels that are not finite, a saturated column, an extended header, mode 0, two sections, a
 # header pixel size other than --apixM, no picks file, no picks kept, picks
 # in nearly every grid cell, along the edge, on rejected areas, outside the
 # micrograph, and templates of the wrong contrast (decoys outscoring the
@@ -27,6 +27,10 @@ nan = bytearray(data)
 for i in range(0, 40, 4):
     struct.pack_into("<f", nan, 4 * (500 * nx + 300) + i, float("nan"))
 write("nan.mrc", head, bytes(nan))
+hot = bytearray(data)
+for y in range(ny):
+    struct.pack_into("<f", hot, 4 * (y * nx + 200), 1e6)
+write("hot.mrc", head, bytes(hot))
 ext = bytearray(head)
 struct.pack_into("<h", ext, 90, 1024)  # the reader's field, as older writers set it
 write("ext.mrc", ext, bytes(1024) + data)
@@ -47,7 +51,7 @@ struct.pack_into("<3i", apix, 28, nx, ny, 1)
 struct.pack_into("<3f", apix, 40, 1.5 * nx, 1.5 * ny, 1.5)
 write("apix.mrc", apix, data)
 EOF
-for m in nan ext ext92 two byte apix edge grid masked far; do
+for m in nan hot ext ext92 two byte apix edge grid masked far; do
   [ -e $m.mrc ] || ln m.mrc $m.mrc
   cp m_vexmatch.star ${m}_vexmatch.star
 done
@@ -60,7 +64,7 @@ awk 'BEGIN { for (y = 10; y < 1024; y += 20) for (x = 10; x < 1024; x += 20) pri
   >>grid_vexmatch.star
 echo "0 0 1024 1024" >masked_rejected.box
 echo "5000 20 0 1 0.9" >>far_vexmatch.star
-"$report" --out rep --apixM 1.34 --diameter 120 m.mrc nan.mrc ext.mrc ext92.mrc two.mrc byte.mrc apix.mrc lonely.mrc edge.mrc \
+"$report" --out rep --apixM 1.34 --diameter 120 m.mrc nan.mrc hot.mrc ext.mrc ext92.mrc two.mrc byte.mrc apix.mrc lonely.mrc edge.mrc \
   grid.mrc masked.mrc far.mrc >report.log || fail "gvexreport failed"
 expect() {  # micrograph, the start of its one warning
   got=$(grep "^warning: $1: " report.log | sed "s/^warning: $1: //")
@@ -68,6 +72,7 @@ expect() {  # micrograph, the start of its one warning
   [ "$(echo "$got" | wc -l)" = 1 ] || fail "$1: more than one warning: $got"
 }
 expect nan.mrc "10 pixels are not finite numbers"
+expect hot.mrc "1024 pixels lie beyond 50 sd of the rest and hold 100% of the micrograph's variance"
 expect ext.mrc "extended header of 1024 bytes"
 expect ext92.mrc "extended header of 2048 bytes"
 expect two.mrc "2 sections: only the first is picked"
