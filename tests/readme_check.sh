@@ -20,10 +20,7 @@ for p in gvexmatch gvexreport gvexmatch_mpi gvexmatch_relion gvexmatch_tune mpir
   command -v $p >/dev/null 2>&1 || { echo "$p is not at hand: test skipped"; exit 77; }
 done
 
-fail() {
-  echo "FAIL: $*"
-  exit 1
-}
+fail() { echo "FAIL: $*"; exit 1; }
 
 rm -rf "$WORK"
 mkdir -p "$WORK/Micrographs" "$WORK/Import/job001"

@@ -31,10 +31,7 @@ NY=768
 BOX=64
 APIX=1.34
 
-fail() {
-  echo "FAIL: $*"
-  exit 1
-}
+fail() { echo "FAIL: $*"; exit 1; }
 
 rm -rf "$WORK"
 mkdir -p "$WORK/Micrographs"

@@ -19,10 +19,7 @@ for p in relion_pipeliner relion_preprocess; do
   command -v $p >/dev/null 2>&1 || { echo "$p is not installed: test skipped"; exit 77; }
 done
 
-fail() {
-  echo "FAIL: $*"
-  exit 1
-}
+fail() { echo "FAIL: $*"; exit 1; }
 
 rm -rf "$WORK"
 mkdir -p "$WORK/Micrographs"

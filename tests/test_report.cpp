@@ -53,13 +53,17 @@ Micrograph micrograph(const std::vector<double>& scores) {
   return m;
 }
 
+void give_decoys(Micrograph& m, std::vector<Pick> decoys) {
+  m.decoys_found = true;
+  m.decoys = std::move(decoys);
+}
+
 // 200 noise maxima scoring from noise_lo to noise_hi, decoys like them, and
 // particles scoring from lo to hi.
 Micrograph with_particles(double noise_lo, double noise_hi, int particles, double lo, double hi) {
   Micrograph m = micrograph(spread(200, noise_lo, noise_hi));
   for (const Pick& p : picks_at(spread(particles, lo, hi))) m.picks.push_back(p);
-  m.decoys_found = true;
-  m.decoys = picks_at(spread(200, noise_lo, noise_hi));
+  give_decoys(m, picks_at(spread(200, noise_lo, noise_hi)));
   return m;
 }
 
@@ -181,8 +185,7 @@ TEST(DecideCutoff, WithDecoysTheNullModelAndItsReasons) {
   // Decoys as high as the picks: nothing beats them, and the cut-off above
   // the highest score keeps none even compared as floats.
   Micrograph n = micrograph(spread(200, 0.0, 0.3));
-  n.decoys_found = true;
-  n.decoys = n.picks;
+  give_decoys(n, n.picks);
   decide_cutoff(n, s, 0.0);
   EXPECT_EQ(n.choice.rule, "no-excess");
   EXPECT_EQ(count_kept(n.picks, n.cutoff), 0);
@@ -272,8 +275,7 @@ TEST(DecideCutoff, SparseMicrographsLeaveEdgePicksOutCrowdedAndFixedOnesKeepThem
   Micrograph c = micrograph(spread(400, 0.3, 0.6));
   c.nx = c.ny = 400;
   c.usable_pixels = 400.0 * 400;
-  c.decoys_found = true;
-  c.decoys = picks_at(spread(50, 0.0, 0.2));
+  give_decoys(c, picks_at(spread(50, 0.0, 0.2)));
   c.on_edge.assign(c.picks.size(), 1);
   decide_cutoff(c, s, 0.0);
   EXPECT_EQ(c.choice.rule, "crowded");
@@ -347,8 +349,7 @@ TEST(RunCutoff, NeverBelowACutThePicksHad) {
   // noise's scores as decoys leave the particles above them.
   std::vector<Micrograph> with = {micrograph(spread(200, 0.0, 0.2))};
   for (const Pick& p : picks_at(spread(30, 0.4, 0.6))) with[0].picks.push_back(p);
-  with[0].decoys_found = true;
-  with[0].decoys = picks_at(spread(200, 0.0, 0.2));
+  give_decoys(with[0], picks_at(spread(200, 0.0, 0.2)));
   const double cut = run_cutoff(with, s);
   EXPECT_GT(cut, 0.2);
   EXPECT_LE(cut, (double)0.4f);  // the lowest particle's score, a float
@@ -362,8 +363,7 @@ TEST(RunSparseCut, SparseMicrographsPoolOffTheirEdges) {
   const Settings s = report_settings(1.0, 40.0, true);
   Micrograph weak = micrograph(spread(40, 0.0, 0.2));
   for (const Pick& p : picks_at(spread(6, 0.25, 0.3))) weak.picks.push_back(p);
-  weak.decoys_found = true;
-  weak.decoys = picks_at(spread(40, 0.001, 0.201));
+  give_decoys(weak, picks_at(spread(40, 0.001, 0.201)));
   weak.on_edge.assign(weak.picks.size(), 0);
   weak.decoy_on_edge.assign(weak.decoys.size(), 0);
   for (const Pick& p : picks_at(spread(6, 0.8, 0.9))) {
@@ -373,8 +373,7 @@ TEST(RunSparseCut, SparseMicrographsPoolOffTheirEdges) {
   Micrograph crowded = micrograph(spread(400, 0.05, 0.2));
   crowded.nx = crowded.ny = 400;
   crowded.usable_pixels = 400.0 * 400;
-  crowded.decoys_found = true;
-  crowded.decoys = picks_at(spread(20, 0.0, 0.1));
+  give_decoys(crowded, picks_at(spread(20, 0.0, 0.1)));
   std::vector<Micrograph> mics(4, weak);
   mics.push_back(crowded);
   const SparseCut run = run_sparse_cut(mics, s);
@@ -394,8 +393,7 @@ TEST(RunSparseCut, SparseMicrographsPoolOffTheirEdges) {
   // pick left out.
   Micrograph few = micrograph(spread(40, 0.0, 0.2));
   for (const Pick& p : picks_at({0.25, 0.26})) few.picks.push_back(p);
-  few.decoys_found = true;
-  few.decoys = picks_at(spread(40, 0.001, 0.201));
+  give_decoys(few, picks_at(spread(40, 0.001, 0.201)));
   for (const Pick& p : picks_at({0.27, 0.28, 0.29})) few.decoys.push_back(p);
   few.on_edge.assign(few.picks.size(), 0);
   few.on_edge.back() = 1;
@@ -463,8 +461,7 @@ TEST(RunCut, EachCutIsWeighedWithTheWholeRuns) {
   // Between crowded particles decoys answer in the gaps: no count of them
   // holds a crowded micrograph back.
   Micrograph crowded = micrograph(spread(400, 0.3, 0.6));
-  crowded.decoys_found = true;
-  crowded.decoys = picks_at(spread(50, 0.0, 0.2));
+  give_decoys(crowded, picks_at(spread(50, 0.0, 0.2)));
   decide_cutoff(crowded, s, 0.0, NAN, SparseCut(), low);
   EXPECT_EQ(crowded.choice.rule, "crowded");
   EXPECT_NE(crowded.choice.why.find("is weighed with the run's (0.1000"), std::string::npos) << crowded.choice.why;
@@ -472,8 +469,7 @@ TEST(RunCut, EachCutIsWeighedWithTheWholeRuns) {
   // Three particles prove nothing alone: the run's cut, edge picks left out.
   Micrograph few = micrograph(spread(200, 0.0, 0.2));
   for (const Pick& p : picks_at({0.45, 0.5, 0.55})) few.picks.push_back(p);
-  few.decoys_found = true;
-  few.decoys = picks_at(spread(200, 0.0, 0.2));
+  give_decoys(few, picks_at(spread(200, 0.0, 0.2)));
   few.on_edge.assign(few.picks.size(), 0);
   few.on_edge.back() = 1;
   decide_cutoff(few, s, 0.0);
@@ -492,8 +488,7 @@ TEST(RunCut, EachCutIsWeighedWithTheWholeRuns) {
   EXPECT_EQ(single.cutoff, alone.cutoff);
   EXPECT_EQ(single.choice.why, alone.choice.why);
   Micrograph noise = micrograph(spread(200, 0.0, 0.2));
-  noise.decoys_found = true;
-  noise.decoys = noise.picks;
+  give_decoys(noise, noise.picks);
   const RunCut of_noise = run_cut(std::vector<Micrograph>(3, noise), s);
   EXPECT_TRUE(of_noise.d.none);
   decide_cutoff(few, s, 0.0, NAN, SparseCut(), of_noise);
@@ -655,8 +650,7 @@ TEST(RunWarnings, WrongContrastIsJudgedOverTheRun) {
   std::vector<Micrograph> mics;
   for (int k = 0; k < 4; k++) {
     mics.push_back(micrograph(noise));
-    mics.back().decoys_found = true;
-    mics.back().decoys = picks_at(with);  // the particles are among the decoys
+    give_decoys(mics.back(), picks_at(with));  // the particles are among the decoys
   }
   mics.push_back(micrograph(noise));  // picks read from a file: no decoys
   std::vector<Micrograph> one = {mics[0]};
