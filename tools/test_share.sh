@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Share of test code in the project: non-blank, non-comment lines of C, C++,
-# CUDA, Python and shell files under tests/ against all of them. The aim is
-# a quarter to a third.
+# CUDA, Python and shell files (sbatch scripts too) under tests/ against all
+# of them. The aim is a quarter to a third.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 # Comments are // and /* */ lines in C-like files and # lines (shebangs
@@ -15,7 +15,7 @@ count() {
     line == "" || line ~ /^\/\// { next }
     line ~ /^\/\*/ { if (!index(line, "*/")) block = 1; next }
     { n++ } END { print n + 0 }' | awk '{ s += $1 } END { print s + 0 }')
-  hash=$(git ls-files -- "$@" | grep -E '\.(py|sh)$' | xargs -r cat | grep -c -v -E '^\s*(#.*)?$' || true)
+  hash=$(git ls-files -- "$@" | grep -E '\.(py|sh|sbatch)$' | xargs -r cat | grep -c -v -E '^\s*(#.*)?$' || true)
   echo $((c + hash))
 }
 tests=$(count tests)
