@@ -54,6 +54,7 @@ std::string gvex_take_wisdom_option(int& argc, char** argv) {
 }
 
 Reference gvexmatch_reference(const GVexMatch_Para& p, const char* prog, bool skip_damaged) {
+  GvexFailure damaged;  // with skip_damaged, the first micrograph passed over
   for (int i = 0; i < p.n_mic; i++) {
     const char* name = p.mic_files[i];
     if (access(name, F_OK) != 0) {
@@ -69,27 +70,28 @@ Reference gvexmatch_reference(const GVexMatch_Para& p, const char* prog, bool sk
       continue;
     }
     printf("Opening %s for initial test and preperation .......\n", name);
-    const char* kind = "";
-    OwnedFile fp(gvex_open_regular(name, &kind));
-    if (!fp && skip_damaged) continue;
-    if (!fp && *kind) gvex_not_a_file("micrograph", name, kind, "check_access_openf_1st", "gvexmatch56", 57);
-    if (!fp) gvex_open_read_failed(name, "check_access_openf_1st", "gvexmatch56", 57);
     Reference ref;
     ref.name = name;
     try {
+      const char* kind = "";
+      OwnedFile fp(gvex_open_regular(name, &kind));
+      if (!fp && *kind) gvex_not_a_file("micrograph", name, kind, "check_access_openf_1st", "gvexmatch56", 57);
+      if (!fp) gvex_open_read_failed(name, "check_access_openf_1st", "gvexmatch56", 57);
       mrc_read_head(fp.get(), &ref.head);
-    } catch (const GvexFailure&) {
-      if (skip_damaged) continue;
-      throw;
-    }
-    if (!mrc_mode_is_readable(ref.head.mode)) {
-      if (skip_damaged) continue;
-      char why[GVEX_NAME_LEN + 128];
-      snprintf(why, sizeof why, "the pixels of %s are of mode %d (%s), which cannot be read; modes 0, 1, 2 and 6 can",
-               name, ref.head.mode, mrc_get_head_mode(&ref.head));
-      gvex_fatal("gvexmatch_reference", gvex_module, 72, why);
+      if (!mrc_mode_is_readable(ref.head.mode)) {
+        char why[GVEX_NAME_LEN + 128];
+        snprintf(why, sizeof why, "the pixels of %s are of mode %d (%s), which cannot be read; modes 0, 1, 2 and 6 can",
+                 name, ref.head.mode, mrc_get_head_mode(&ref.head));
+        gvex_fatal("gvexmatch_reference", gvex_module, 72, why);
+      }
+    } catch (const GvexFailure& f) {
+      if (!skip_damaged) throw;
+      if (damaged.text.empty()) damaged = f;
+      continue;
     }
     return ref;
   }
+  // Every micrograph damaged: the first one's reason, not the usage.
+  if (!damaged.text.empty()) throw damaged;
   gvexmatch_help_exit(prog, "No valid files to be processed.");
 }

@@ -31,7 +31,8 @@ std::string gvex_take_wisdom_option(int& argc, char** argv);
 // names before it); its header fixes the sizes of the run. None readable
 // is a help exit naming prog; a mode that cannot be read is fatal. With
 // skip_damaged, a micrograph whose header cannot be read is passed over
-// (its own turn reports it) and the next one is tried.
+// (its own turn reports it) and the next one is tried; when every one is
+// damaged, the first one's failure ends the run.
 struct Reference {
   MRC_HEAD head{};
   std::string name;

@@ -60,6 +60,9 @@ grep -q "^    broken.mrc: rank [12]: .*broken.mrc" ../first.log || fail "first: 
 grep -q "^    folder.mrc: rank [12]: .*folder.mrc is a folder" ../first.log || fail "first: folder.mrc not named"
 grep -q "\./m1.mrc skipped (listed before)" ../first.log || fail "first: ./m1.mrc was not skipped"
 grep -q "^Summary: 8 micrographs, 5 picked, 1 skipped, 2 failed" ../first.log || fail "first: summary"
+# Every micrograph damaged: the first one's reason, not the usage.
+if $run -n 2 "$mpi" $opts folder.mrc broken.mrc >../none.log 2>&1; then fail "none: status 0"; fi
+grep -q "folder.mrc is a folder" ../none.log && ! grep -q "No valid files" ../none.log || fail "none: no reason"
 rm -r broken.mrc broken_nonunique.box folder.mrc folder_nonunique.box && same first
 # Plans from wisdom that gvexmatch_tune measured: said, and the same files
 # run after run.
