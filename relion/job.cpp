@@ -48,10 +48,22 @@ constexpr double kNodesEvery = 5;      // node files and summary at most this of
 constexpr double kPageEvery = 30;      // the page likewise
 
 volatile sig_atomic_t g_signal = 0;  // the signal that asked the job to stop
+// The exit file a second signal leaves, named once the job's folder is ours
+// (a run refused on a busy folder must leave the running job's alone).
+char g_aborted_file[4096];
+volatile sig_atomic_t g_aborted_named = 0;
 
 void on_signal(int sig) {
+  if (g_signal != 0) {
+    // A second signal ends the job at once, but with the exit file RELION
+    // waits for (open and close are safe in a handler).
+    if (g_aborted_named) {
+      const int fd = open(g_aborted_file, O_WRONLY | O_CREAT | O_TRUNC, 0666);
+      if (fd >= 0) close(fd);
+    }
+    _exit(kAborted);
+  }
   g_signal = sig;
-  signal(sig, SIG_DFL);
 }
 
 bool exists(const std::string& p) {
@@ -178,6 +190,7 @@ class Job {
   bool write_coords(const MicRecord& r, long taken_out, const std::string& how, std::string& why);
   bool cut_over_the_job(std::string& why, bool last = false);
   bool write_job_files(bool page, std::string& why);
+  bool write_nodes(std::string& why);
 
   const JobOptions& o_;
   FILE* log_;
@@ -197,6 +210,8 @@ class Job {
   long work_counter_ = 0;
   int picked_ = 0, skipped_ = 0, waiting_ = 0;
   std::string first_skip_;
+  bool input_read_ = false;  // the input was read whole at least once
+  std::string unread_;       // why it could not be, while following
   double last_news_ = 0;
   // The session of the micrographs' size, mode and pixel size.
   std::unique_ptr<PickSession> session_;
@@ -287,11 +302,16 @@ bool Job::refresh_input(bool first, std::string& why) {
   if (!changed) return true;
   MicInput fresh;
   if (!read_mic_input(o_.inputs, fresh, why)) {
-    if (first || !o_.follow) return false;
-    input_stamps_.clear();  // half-written: read it again next time
+    if (!o_.follow) return false;
+    // Missing, or in the middle of a rewrite (at the start too): read again
+    // next time; said once while it lasts, when nothing was read before.
+    if (!input_read_ && why != unread_) say("waiting for the input: %s\n", why.c_str());
+    unread_ = why;
+    input_stamps_.clear();
     why.clear();
     return true;
   }
+  input_read_ = true;
   for (const MicEntry& e : fresh.mics) {
     if (e.apix <= 0 && o_.apix <= 0)
       return why = "the input gives no pixel size for " + e.name + ": give --apix A", false;
@@ -662,15 +682,9 @@ bool Job::cut_over_the_job(std::string& why, bool last) {
   return true;
 }
 
-bool Job::write_job_files(bool page, std::string& why) {
-  // A cut over thousands of micrographs takes seconds: while picking, it
-  // takes at most a twentieth of the writer's time.
-  if (o_.cut == JobCut::kRun && gvex_wall_seconds() - cut_at_ >= std::max(kNodesEvery, 20 * cut_took_) &&
-      !cut_over_the_job(why))
-    return false;
-  const double now = gvex_wall_seconds();
-  // A page of thousands of micrographs takes seconds too: likewise.
-  page = page || now - page_at_ >= std::max(kPageEvery, 20 * page_took_);
+// The node files (and the micrographs STAR file the job writes when given
+// names) over every micrograph picked so far.
+bool Job::write_nodes(std::string& why) {
   std::vector<std::pair<std::string, std::string>> coords;
   for (const MicRecord& r : records_) coords.push_back({r.mic, r.coords});
   std::string star = star_;
@@ -681,7 +695,19 @@ bool Job::write_job_files(bool page, std::string& why) {
     for (const MicRecord& r : records_) mics.push_back({r.mic, r.apix});
     if (!write_micrographs_star(star, mics, o_.voltage, o_.cs, o_.q0)) return why = "cannot write " + star, false;
   }
-  if (!write_node_files(o_.out, star, coords, label_, why)) return false;
+  return write_node_files(o_.out, star, coords, label_, why);
+}
+
+bool Job::write_job_files(bool page, std::string& why) {
+  // A cut over thousands of micrographs takes seconds: while picking, it
+  // takes at most a twentieth of the writer's time.
+  if (o_.cut == JobCut::kRun && gvex_wall_seconds() - cut_at_ >= std::max(kNodesEvery, 20 * cut_took_) &&
+      !cut_over_the_job(why))
+    return false;
+  const double now = gvex_wall_seconds();
+  // A page of thousands of micrographs takes seconds too: likewise.
+  page = page || now - page_at_ >= std::max(kPageEvery, 20 * page_took_);
+  if (!write_nodes(why)) return false;
   gvex_test_stop_point("relion_nodes");
   nodes_at_ = now;
   if (!page) return true;
@@ -701,6 +727,11 @@ bool Job::write_job_files(bool page, std::string& why) {
 // writer thread: false, with why, when the job cannot start.
 bool Job::start(std::string& why) {
   if (!open_folder(why)) return false;
+  const std::string aborted = o_.out + "RELION_JOB_EXIT_ABORTED";
+  if (aborted.size() < sizeof g_aborted_file) {
+    memcpy(g_aborted_file, aborted.c_str(), aborted.size() + 1);
+    g_aborted_named = 1;
+  }
   std::vector<std::string> bad;
   records_ = records_in(o_.out + "records/", bad);
   for (const std::string& b : bad) say("warning: %s; that micrograph is picked again\n", b.c_str());
@@ -800,8 +831,15 @@ int Job::run(std::string& why) {
   stop_writer();
   session_.reset();
   remove_tree(work_dir_);
-  if (!write_error_.empty()) return why = write_error_, kFailure;
+  if (!write_error_.empty()) {
+    // The coordinate files committed before the failure are the job's: the
+    // node files name them, if there is room for that much.
+    std::string ignored;
+    write_nodes(ignored);
+    return why = write_error_, kFailure;
+  }
   if (fatal) return kFailure;
+  if (!input_read_) return why = unread_, kFailure;
   if (o_.cut == JobCut::kRun && !cut_over_the_job(why, true)) return kFailure;
   if (!write_job_files(true, why)) return kFailure;
   say("%d micrographs picked in this run (%zu in the job), %d skipped%s; %.1f s\n", picked_, records_.size(), skipped_,

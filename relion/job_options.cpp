@@ -37,7 +37,7 @@ const Word kWords[] = {
     {"cs", "MM", "with a glob or list: the spherical aberration likewise (default 2.7)"},
     {"q0", "F", "with a glob or list: the amplitude contrast likewise (default 0.1)"},
     {"follow", "", "keep watching the input and pick each new micrograph once it holds still"},
-    {"follow_idle", "S", "with --follow: end after S seconds without a new micrograph"},
+    {"follow_idle", "S", "with --follow: end after S seconds without a new micrograph (0: never)"},
     {"settle", "S", "a micrograph is picked once unchanged for S seconds (default 3)"},
     {"help", "", "this text"},
 };

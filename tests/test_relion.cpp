@@ -620,10 +620,30 @@ TEST(RelionJob, UnreadableMicrographsAreSkipped) {
   EXPECT_TRUE(contains(r.err, "cannot read the micrographs STAR file fifo.star: it is a FIFO")) << r.err;
 }
 
+// A write that fails (a full disk; here a file-size limit that the large
+// micrograph's picture passes) fails the job, and its node files still
+// name the micrographs picked before (written with the first one, then
+// at most every few seconds), whose coordinate files are the job's.
+TEST(RelionJob, FailedWriteLeavesNodesNamingWhatWasPicked) {
+  TempDir dir;
+  for (int k = 1; k <= 3; k++) ASSERT_TRUE(make_mic(dir.path(), "a" + std::to_string(k) + ".mrc", 256, 256, k));
+  ASSERT_TRUE(make_mic(dir.path(), "b.mrc", 1024, 1024, 4));
+  write_text_file(dir.file("list.txt"), "a1.mrc\na2.mrc\na3.mrc\nb.mrc\n");
+  std::string cmd = "ulimit -f 400; exec " + gvex_relion_bin();  // 200 kB
+  for (const std::string& a : job_args("J/", "list.txt")) cmd += " " + a;
+  const RunResult r = run_shell(cmd, RunOptions{dir.path(), 180});
+  EXPECT_EQ(r.status, 1) << r.out << r.err;
+  EXPECT_TRUE(file_exists(dir.file("J/RELION_JOB_EXIT_FAILURE")));
+  const Table nodes = star_block(dir.file("J/autopick.star"), "coordinate_files");
+  ASSERT_EQ(nodes.rows.size(), 3u) << r.out;
+  EXPECT_EQ(nodes.rows[2][0], "a3.mrc");
+}
+
 // RELION_JOB_ABORT_NOW: the job stops after the micrograph it is picking
 // (the files of one picked before may still be in writing, one more may
 // wait for the writer), the node files cover what was picked, the abort
-// file goes and RELION_JOB_EXIT_ABORTED comes, status 3.
+// file goes and RELION_JOB_EXIT_ABORTED comes, status 3. SIGTERM likewise,
+// and a second signal at once.
 TEST(RelionJob, AbortFileStopsAfterTheCurrentMicrograph) {
   TempDir dir;
   std::string list;
@@ -656,6 +676,12 @@ TEST(RelionJob, AbortFileStopsAfterTheCurrentMicrograph) {
   EXPECT_TRUE(file_exists(dir.file("T/RELION_JOB_EXIT_ABORTED")));
   EXPECT_FALSE(file_exists(dir.file("T/RELION_JOB_EXIT_SUCCESS")));
   EXPECT_GE(star_block(dir.file("T/autopick.star"), "coordinate_files").rows.size(), 1u);
+  // A second signal ends the job at once, with the exit file all the same.
+  r = run_shell(kWaitFor + cmd.replace(cmd.find("'T/'"), 4, "'S/'") +
+                    " & wait_for S/m1_autopick.star; kill -TERM $!; sleep 0.1; kill -TERM $!; wait $!; echo status $?",
+                RunOptions{dir.path(), 180});
+  EXPECT_TRUE(contains(r.out, "status 3")) << r.out << r.err;
+  EXPECT_TRUE(file_exists(dir.file("S/RELION_JOB_EXIT_ABORTED")));
 
   // Present at the start (RELION's abort of a job still waiting): nothing is picked.
   write_text_file(dir.file("J/RELION_JOB_ABORT_NOW"), "");
@@ -773,4 +799,17 @@ TEST(RelionJob, FollowsAGrowingInput) {
   EXPECT_TRUE(file_exists(dir.file("K/RELION_JOB_EXIT_SUCCESS")));
   EXPECT_TRUE(contains(read_text_file(dir.file("out2.txt")), "stop file found")) << read_text_file(dir.file("out2.txt"));
   EXPECT_FALSE(file_exists(dir.file("K/STOP")));
+
+  // An input not there yet when the job starts (or in the middle of a
+  // rewrite) is waited for; one that never comes fails the job, by name.
+  r = run_shell(kWaitFor + ("'" + prog) + "' --o L/ --in_mics mics.star --apix 1.34 --diameter 120 --follow --settle 0 "
+                    ">out3.txt & sleep 1; printf 'data_\\nloop_\\n_rlnMicrographName\\nin/m1.mrc\\n' >mics.star; "
+                    "wait_for L/in/m1_autopick.star; touch L/STOP; wait $!; echo status $?; '" + prog +
+                    "' --o N/ --in_mics none.star --apix 1.34 --diameter 120 --follow --follow_idle 1 2>err3.txt; "
+                    "echo never $?",
+                RunOptions{dir.path(), 120});
+  EXPECT_TRUE(contains(r.out, "status 0")) << r.out << read_text_file(dir.file("out3.txt"));
+  EXPECT_TRUE(contains(read_text_file(dir.file("out3.txt")), "waiting for the input")) << read_text_file(dir.file("out3.txt"));
+  EXPECT_TRUE(contains(r.out, "never 1")) << r.out;
+  EXPECT_TRUE(contains(read_text_file(dir.file("err3.txt")), "none.star")) << read_text_file(dir.file("err3.txt"));
 }
