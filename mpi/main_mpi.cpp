@@ -290,6 +290,35 @@ int cut_the_run(AutoCut& cut, int status) {
   return status;
 }
 
+// Every rank prepares, so that a refused template ends all of them with
+// the same lines; a rank that fails alone (a broken GPU) ends the others too.
+void prepare_everywhere(PickSession& session, const PickSettings& settings, const Reference& ref,
+                        const std::string& report, int rank, int local_rank, int local_ranks) {
+  // The processes sharing this rank's memory: on the host every rank of the
+  // node, on a GPU the ranks of the node that were given the same GPU.
+  int sharers = local_ranks;
+  if (gvex_on_gpu()) {
+    const int gpus = gvex_device_count(), mine = local_rank % gpus;
+    sharers = (local_ranks - mine + gpus - 1) / gpus;
+  }
+  int ok = 1, all_ok = 1;
+  GvexFailure failure;
+  try {
+    if (rank == 0 && !report.empty() && !make_dir(report))
+      gvex_throw("gvexmatch_mpi: cannot make the report folder " + report + ": " + strerror(errno) + "\n", 1, true);
+    StdoutRedirect quiet;
+    session.prepare(ref.head, ref.name, sharers);
+  } catch (const GvexFailure& f) {
+    ok = 0;
+    failure = f;
+  }
+  MPI_Allreduce(&ok, &all_ok, 1, MPI_INT, MPI_MIN, MPI_COMM_WORLD);
+  if (!ok) throw failure;
+  if (!all_ok) gvex_throw("Another rank could not prepare the run; its messages went to its own output.\n");
+  // Every rank prepared the same templates, so each refuses alike.
+  check_templates(session, settings, "gvexmatch_mpi", rank == 0);
+}
+
 int run_mpi(int argc, char** argv, int rank, int ranks, int local_rank, int local_ranks) {
   const char* prog = argv[0];
   const std::string wisdom = gvex_take_wisdom_option(argc, argv);
@@ -337,35 +366,7 @@ int run_mpi(int argc, char** argv, int rank, int ranks, int local_rank, int loca
     cut.start(opt, settings, p->n_mic);
     commit_decoys(session, cut.suffix);
   }
-  // The processes sharing this rank's memory: on the host every rank of the
-  // node, on a GPU the ranks of the node that were given the same GPU.
-  int sharers = local_ranks;
-  if (gvex_on_gpu()) {
-    const int gpus = gvex_device_count(), mine = local_rank % gpus;
-    sharers = (local_ranks - mine + gpus - 1) / gpus;
-  }
-  // Every rank prepares, so that a refused template ends all of them with
-  // the same lines; a rank that fails alone (a broken GPU) ends the others too.
-  int ok = 1, all_ok = 1;
-  GvexFailure failure;
-  try {
-    if (rank == 0 && !cut.report.empty() && !make_dir(cut.report))
-      gvex_throw("gvexmatch_mpi: cannot make the report folder " + cut.report + ": " + strerror(errno) + "\n", 1,
-                 true);
-    StdoutRedirect quiet;
-    session.prepare(ref.head, ref.name, sharers);
-  } catch (const GvexFailure& f) {
-    ok = 0;
-    failure = f;
-  }
-  MPI_Allreduce(&ok, &all_ok, 1, MPI_INT, MPI_MIN, MPI_COMM_WORLD);
-  if (!ok) throw failure;
-  if (!all_ok) gvex_throw("Another rank could not prepare the run; its messages went to its own output.\n");
-  // Every rank prepared the same templates, so each refuses alike.
-  bool none = false;
-  const std::string blind = blind_templates_line(session, settings, &none);
-  if (none) gvex_throw("gvexmatch_mpi: " + blind + "\n", 1, true);
-  if (rank == 0 && !blind.empty()) printf("warning: %s\n", blind.c_str());
+  prepare_everywhere(session, settings, ref, cut.report, rank, local_rank, local_ranks);
   if (ranks == 1) {
     pick_alone(session, *p, progress, cut);
   } else if (rank == 0) {

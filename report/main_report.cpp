@@ -238,6 +238,39 @@ void read_run(const ReportOptions& o, Run& run) {
   }
 }
 
+// Micrograph k of a --pick run (next: the one after it, read ahead), into
+// the run; gvexmatch's lines to log, which is DIR/pick.log.
+void pick_one(PickSession& session, const std::string& name, const std::string& next, size_t k,
+              const std::string& out, FILE* log, Run& run) {
+  Micrograph m;
+  m.name = name;
+  PickResult r;
+  const double t0 = gvex_wall_seconds();
+  {
+    StdoutRedirect to_log(log);
+    r = session.pick(m.name, next);
+  }
+  if (r.outcome == PickResult::Outcome::failed)
+    return leave_out(run, "gvexreport: cannot pick " + m.name + " (gvexmatch's lines are in " + out + "/pick.log):\n" +
+                              r.failure.text);
+  if (r.outcome == PickResult::Outcome::skipped) {
+    try {
+      read_inputs(m, run.suffix, run.boxsize, run.set, "gvexreport");
+    } catch (const GvexFailure& f) {
+      return leave_out(run, f.text);
+    }
+    printf("%s: picked before (--do_unfinished): its picks file is read, %s\n", m.name.c_str(),
+           m.decoys_found ? "and its decoys file" : "without decoys");
+  } else {
+    take_picked(m, r, run.set);
+    printf("%s: picked, %zu picks and %zu decoys (%.1f s)\n", m.name.c_str(), m.picks.size(), m.decoys.size(),
+           gvex_wall_seconds() - t0);
+  }
+  fflush(stdout);
+  picture(m, k, run.set, out, run.pictures);
+  run.mics.push_back(std::move(m));
+}
+
 // --pick: one picking session over the micrographs, gvexmatch's lines in
 // DIR/pick.log, ours on standard output.
 void pick_run(const ReportOptions& o, const char* prog, Run& run) {
@@ -282,42 +315,9 @@ void pick_run(const ReportOptions& o, const char* prog, Run& run) {
     gvex_throw("gvexreport: cannot prepare the picking (gvexmatch's lines are in " + log_path + "):\n" + f.text,
                f.status, true);
   }
-  bool none = false;
-  const std::string blind = blind_templates_line(session, settings, &none);
-  if (none) gvex_throw("gvexreport: " + blind + "\n", 1, true);
-  if (!blind.empty()) printf("warning: %s\n", blind.c_str());
-  for (int i = 0; i < p->n_mic; i++) {
-    Micrograph m;
-    m.name = p->mic_files[i];
-    PickResult r;
-    const double t0 = gvex_wall_seconds();
-    {
-      StdoutRedirect to_log(log.get());
-      r = session.pick(m.name, i + 1 < p->n_mic ? p->mic_files[i + 1] : "");
-    }
-    if (r.outcome == PickResult::Outcome::failed) {
-      leave_out(run, "gvexreport: cannot pick " + m.name + " (gvexmatch's lines are in " + log_path + "):\n" +
-                         r.failure.text);
-      continue;
-    }
-    if (r.outcome == PickResult::Outcome::skipped) {
-      try {
-        read_inputs(m, run.suffix, run.boxsize, run.set, "gvexreport");
-      } catch (const GvexFailure& f) {
-        leave_out(run, f.text);
-        continue;
-      }
-      printf("%s: picked before (--do_unfinished): its picks file is read, %s\n", m.name.c_str(),
-             m.decoys_found ? "and its decoys file" : "without decoys");
-    } else {
-      take_picked(m, r, run.set);
-      printf("%s: picked, %zu picks and %zu decoys (%.1f s)\n", m.name.c_str(), m.picks.size(), m.decoys.size(),
-             gvex_wall_seconds() - t0);
-    }
-    fflush(stdout);
-    picture(m, (size_t)i, run.set, o.out, run.pictures);
-    run.mics.push_back(std::move(m));
-  }
+  check_templates(session, settings, "gvexreport", true);
+  for (int i = 0; i < p->n_mic; i++)
+    pick_one(session, p->mic_files[i], i + 1 < p->n_mic ? p->mic_files[i + 1] : "", (size_t)i, o.out, log.get(), run);
 }
 
 int run(int argc, char** argv) {

@@ -179,6 +179,13 @@ std::string blind_templates_line(const PickSession& session, const PickSettings&
          why + ": the others pick without them";
 }
 
+void check_templates(const PickSession& session, const PickSettings& s, const std::string& prog, bool say) {
+  bool none = false;
+  const std::string blind = blind_templates_line(session, s, &none);
+  if (none) gvex_throw(prog + ": " + blind + "\n", 1, true);
+  if (say && !blind.empty()) printf("warning: %s\n", blind.c_str());
+}
+
 void commit_decoys(PickSession& session, const std::string& suffix) {
   session.also_commit([suffix](const std::string& mic) { return decoys_path(mic, suffix); }, write_decoys);
 }

@@ -45,6 +45,10 @@ bool write_decoys(const PickResult& r, const std::string& path);
 // would come back without picks, and look finished (the run is refused).
 std::string blind_templates_line(const PickSession& session, const PickSettings& s, bool* none);
 
+// The same for a program that picks a run: refused (status 1, prog
+// named) when no template can match, else a warning printed when say.
+void check_templates(const PickSession& session, const PickSettings& s, const std::string& prog, bool say);
+
 // Each micrograph the session picks gets its decoys file in the same commit
 // as its picks files: a run killed in between leaves neither.
 void commit_decoys(PickSession& session, const std::string& suffix);
