@@ -154,7 +154,8 @@ static std::vector<Pick> as_written(std::vector<Pick> picks) {
   return picks;
 }
 
-bool write_decoys(const PickResult& r, const std::string& path) {
+// Whole, or not at all; false when it cannot be written.
+static bool write_decoys(const PickResult& r, const std::string& path) {
   PartFile f(path.c_str(), "w");
   if (!f.fp()) return false;
   // The record goes last: the table's writer starts from the file's start.

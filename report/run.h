@@ -35,11 +35,6 @@ void read_inputs(Micrograph& m, const std::string& suffix, int boxsize, const Se
 // "_vexmatch.star" (or ".box") -> "NAME_vexmatch_decoys.star".
 std::string decoys_path(const std::string& mic, const std::string& suffix);
 
-// The decoys and usable area of a picked micrograph written at path (whole,
-// or not at all), bound to its picks by their count and a checksum of them
-// as written. False when it cannot be written.
-bool write_decoys(const PickResult& r, const std::string& path);
-
 // The prepared session's templates that can match nothing, in a line:
 // "" when every one can. none: no template can, so that every micrograph
 // would come back without picks, and look finished (the run is refused).
@@ -50,7 +45,9 @@ std::string blind_templates_line(const PickSession& session, const PickSettings&
 void check_templates(const PickSession& session, const PickSettings& s, const std::string& prog, bool say);
 
 // Each micrograph the session picks gets its decoys file in the same commit
-// as its picks files: a run killed in between leaves neither.
+// as its picks files (a run killed in between leaves neither): its decoys
+// and usable area, bound to its picks by their count and a checksum of them
+// as written.
 void commit_decoys(PickSession& session, const std::string& suffix);
 
 // The decoys at path into m (read after its pixels and picks), with the
