@@ -9,6 +9,7 @@
 #include <omp.h>
 #endif
 
+#include <atomic>
 #include <chrono>
 #include <cerrno>
 #include <csignal>
@@ -58,6 +59,7 @@ void on_signal(int sig) {
     // A second signal ends the job at once, but with the exit file RELION
     // waits for (open and close are safe in a handler).
     if (g_aborted_named) {
+      std::atomic_signal_fence(std::memory_order_acquire);
       const int fd = open(g_aborted_file, O_WRONLY | O_CREAT | O_TRUNC, 0666);
       if (fd >= 0) close(fd);
     }
@@ -210,6 +212,7 @@ class Job {
   long work_counter_ = 0;
   int picked_ = 0, skipped_ = 0, waiting_ = 0;
   std::string first_skip_;
+  std::string warned_blind_;  // the templates that can match nothing, as said
   bool input_read_ = false;  // the input was read whole at least once
   std::string unread_;       // why it could not be, while following
   double last_news_ = 0;
@@ -427,7 +430,8 @@ bool Job::ensure_session(const MicEntry& e, const MRC_HEAD& h, const std::string
     refused_[key] = {e.name, why};
     return false;
   }
-  if (!blind.empty()) {
+  if (!blind.empty() && blind != warned_blind_) {  // once, not at each change of session
+    warned_blind_ = blind;
     say("warning: %s\n", blind.c_str());
     fprintf(stderr, "gvexmatch_relion: WARNING: %s\n", blind.c_str());
   }
@@ -730,6 +734,7 @@ bool Job::start(std::string& why) {
   const std::string aborted = o_.out + "RELION_JOB_EXIT_ABORTED";
   if (aborted.size() < sizeof g_aborted_file) {
     memcpy(g_aborted_file, aborted.c_str(), aborted.size() + 1);
+    std::atomic_signal_fence(std::memory_order_release);  // the name whole before the handler may read it
     g_aborted_named = 1;
   }
   std::vector<std::string> bad;
@@ -839,7 +844,7 @@ int Job::run(std::string& why) {
     return why = write_error_, kFailure;
   }
   if (fatal) return kFailure;
-  if (!input_read_) return why = unread_, kFailure;
+  if (!input_read_ && status != kAborted) return why = unread_, kFailure;
   if (o_.cut == JobCut::kRun && !cut_over_the_job(why, true)) return kFailure;
   if (!write_job_files(true, why)) return kFailure;
   say("%d micrographs picked in this run (%zu in the job), %d skipped%s; %.1f s\n", picked_, records_.size(), skipped_,

@@ -290,7 +290,8 @@ void pick_run(const ReportOptions& o, const char* prog, Run& run) {
     gvex_timer_push();
     p = gvexmatch_start((int)words.size(), argv.data(), [](int& gid) { return check_and_set_gid(gid) == 0; });
     fputs(gvex_device_activate(p->gid), stdout);
-    ref = gvexmatch_reference(*p, prog);
+    // A damaged micrograph is left out at its turn; the next one serves.
+    ref = gvexmatch_reference(*p, prog, true);
     opt = options_from_record(*p);
   } catch (const GvexFailure& f) {
     // gvexmatch calls an unknown option no error (status 0); here it is one.

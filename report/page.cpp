@@ -163,9 +163,11 @@ std::string histogram_svg(const std::vector<double>& s, const std::vector<double
     }
     svg += "<polyline points=\"" + pts + "\" fill=\"none\" stroke=\"#e80\" stroke-width=\"1.5\"/>";
   }
+  // No line where there is no cut-off (a run without picks).
   const double cx = std::min(1.0, std::max(0.0, (cutoff - k.lo) / (k.hi - k.lo))) * width;
-  svg += "<line class=\"cutline\" x1=\"" + num("%.1f", cx) + "\" x2=\"" + num("%.1f", cx) + "\" y1=\"0\" y2=\"" +
-         std::to_string(height) + "\" stroke=\"#d22\" stroke-width=\"2\"/>";
+  if (std::isfinite(cutoff))
+    svg += "<line class=\"cutline\" x1=\"" + num("%.1f", cx) + "\" x2=\"" + num("%.1f", cx) + "\" y1=\"0\" y2=\"" +
+           std::to_string(height) + "\" stroke=\"#d22\" stroke-width=\"2\"/>";
   svg += "<text x=\"0\" y=\"" + std::to_string(height + 13) + "\" font-size=\"11\">" + num("%.3f", k.lo) +
          "</text><text x=\"" + std::to_string(width) + "\" y=\"" + std::to_string(height + 13) +
          "\" font-size=\"11\" text-anchor=\"end\">" + num("%.3f", k.hi) + "</text>";

@@ -79,7 +79,7 @@ refused 2 "n4_d0.3_1.mrc and ./n4_d0.3_1.mrc name the same micrograph" --out rep
 refused 2 "name the same micrograph" --out rep5 --pick --diameter 120 n4_d0.3_1.mrc ../${PWD##*/}/n4_d0.3_1.mrc
 refused 2 "out needs a folder, not the option --pick" --out --pick --diameter 120 n4_d0.3_1.mrc
 [ ! -e ./--pick ] || fail "a folder named --pick was made"
-refused 1 "cannot pick cut.mrc" --out rep6 --pick --apply --diameter 120 n4_d0.3_1.mrc cut.mrc n4_d0.3_2.mrc
+refused 1 "cannot pick cut.mrc" --out rep6 --pick --apply --diameter 120 cut.mrc n4_d0.3_1.mrc n4_d0.3_2.mrc
 grep -q 'gvexmatch.*rep6/pick.log' err.log || fail "the picking transcript is not named"
 grep -q '1 of 3 micrographs could not be picked' err.log && [ -e n4_d0.3_2_vexmatch_auto.star ] &&
   [ -e rep6/3_n4_d0.3_2.png ] || fail "the micrograph after the one that failed was not cut and reported"

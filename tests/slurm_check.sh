@@ -14,9 +14,10 @@ cat >bin/gvexmatch <<'EOF'
 #!/bin/bash
 # One line a micrograph; its picks file made, unless it is named in skip.txt.
 for a in "$@"; do
-  case $a in *.mrc) ;; *) continue ;; esac
+  case $a in --*) continue ;; *[a-z]*) ;; *) continue ;; esac
   echo "$a" >>calls.txt
-  grep -qxF -- "$a" skip.txt 2>/dev/null || : >"${a%.*}_vexmatch.box"
+  case $a in *.mrc) a=${a%.mrc} ;; esac
+  grep -qxF -- "$a.mrc" skip.txt 2>/dev/null || : >"${a}_vexmatch.box"
 done
 EOF
 chmod +x bin/gvexmatch
@@ -41,9 +42,9 @@ rm -f calls.txt && array list.txt 3 3 2 16 && [ "$(tr '\n' ' ' <calls.txt)" = "m
   fail "slice 3 of 16 by its id"
 if max=6 array list.txt 4 0 4; then fail "ids with gaps (0-6:2) taken without the number of slices"; fi
 grep -q "have gaps: give the number of slices" err.log || fail "gaps: $(cat err.log)"
-printf 'my mic.mrc\r\nm[12].mrc\r\n-m4.mrc\r\n\r\n' >odd.txt
-rm -f calls.txt && array odd.txt 0 0 1 || fail "odd names: $(cat err.log)"
-printf 'my mic.mrc\nm[12].mrc\n./-m4.mrc\n' | cmp -s - calls.txt || fail "odd names changed: $(cat calls.txt)"
+printf 'my mic.mrc\r\nm[12].mrc\r\n-m4.mrc\r\nd.v2/b.MRC\r\n\r\n' >-odd.txt && mkdir d.v2
+rm -f calls.txt && array -odd.txt 0 0 1 || fail "odd names: $(cat err.log)"
+printf 'my mic.mrc\nm[12].mrc\n./-m4.mrc\nd.v2/b.MRC\n' | cmp -s - calls.txt || fail "odd names changed: $(cat calls.txt)"
 rm -f ./*_vexmatch.box && echo "m07.mrc" >skip.txt
 if array list.txt 1 0 5; then fail "a micrograph not picked, and the task succeeded"; fi
 grep -q "m07.mrc was not picked" err.log || fail "the micrograph not picked is not named"

@@ -806,10 +806,12 @@ TEST(RelionJob, FollowsAGrowingInput) {
                     ">out3.txt & sleep 1; printf 'data_\\nloop_\\n_rlnMicrographName\\nin/m1.mrc\\n' >mics.star; "
                     "wait_for L/in/m1_autopick.star; touch L/STOP; wait $!; echo status $?; '" + prog +
                     "' --o N/ --in_mics none.star --apix 1.34 --diameter 120 --follow --follow_idle 1 2>err3.txt; "
-                    "echo never $?",
+                    "echo never $?; '" + prog + "' --o P/ --in_mics none.star --apix 1.34 --diameter 120 --follow "
+                    "--follow_idle 30 & wait_for P/.gvexmatch_lock; touch P/RELION_JOB_ABORT_NOW; wait $!; echo waiting $?",
                 RunOptions{dir.path(), 120});
   EXPECT_TRUE(contains(r.out, "status 0")) << r.out << read_text_file(dir.file("out3.txt"));
   EXPECT_TRUE(contains(read_text_file(dir.file("out3.txt")), "waiting for the input")) << read_text_file(dir.file("out3.txt"));
   EXPECT_TRUE(contains(r.out, "never 1")) << r.out;
+  EXPECT_TRUE(contains(r.out, "waiting 3")) << r.out;  // RELION's Abort while waiting: aborted, not failed
   EXPECT_TRUE(contains(read_text_file(dir.file("err3.txt")), "none.star")) << read_text_file(dir.file("err3.txt"));
 }
