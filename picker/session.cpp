@@ -233,11 +233,15 @@ std::vector<int> PickSession::blind_templates() const {
   for (int t = 0; t < d_->tnz; t++) {
     const float* p = T.data() + n * t;
     bool finite = true, alike = true;
+    double energy = 0;
     for (unsigned long i = 0; i < n; i++) {
       finite = finite && std::isfinite(p[i]);
       alike = alike && p[i] == p[0];
+      energy += (double)p[i] * p[i];
     }
-    if (!finite || alike) blind.push_back(t + 1);
+    // The scan's single-precision sums overflow or underflow far short of
+    // these (a disc template lost its picks from 1e33 up and below 1e-39).
+    if (!finite || alike || !(energy >= 1e-30 && energy <= 1e30)) blind.push_back(t + 1);
   }
   return blind;
 }

@@ -62,8 +62,10 @@ class PickSession {
   PickResult pick(const std::string& mic, const std::string& next = "");
 
   // The templates (1 = the first) that, as prepared, can match nothing: a
-  // pixel not finite, or every pixel alike (a constant template, or one of
-  // a single working pixel). gvexmatch picks on silently without them.
+  // pixel not finite, every pixel alike (a constant template, or one of a
+  // single working pixel), or values whose squares no single-precision sum
+  // holds (a sum of squares beyond 1e30 or below 1e-30). gvexmatch picks on
+  // silently without them, or writes scores that are not finite.
   std::vector<int> blind_templates() const;
   int template_count() const;
 

@@ -169,7 +169,9 @@ std::string blind_templates_line(const PickSession& session, const PickSettings&
   const std::vector<int> blind = session.blind_templates();
   *none = !blind.empty() && (int)blind.size() == session.template_count();
   if (blind.empty()) return "";
-  const char* why = " (a pixel that is not a number, or every pixel alike at the working pixel size)";
+  const char* why =
+      " (a pixel that is not a number, every pixel alike, or values too large or too small for single precision,"
+      " at the working pixel size)";
   if (*none)
     return (s.auto_template ? "the generated template can match nothing"
                             : "no template of " + s.opt.templates + " can match anything") +

@@ -233,7 +233,7 @@ TEST(Hostile, ExhaustedMemoryAndAbsurdStacksEndWithALine) {
 }
 
 // Templates that can match nothing (a pixel not a number, every pixel
-// alike) are named; with no other template the run is refused, where it
+// alike, values beyond single precision's sums) are named; with no other template the run is refused, where it
 // would come back without picks and look finished.
 TEST(Hostile, TemplatesThatCanMatchNothingAreNamed) {
   TempDir dir;
@@ -246,12 +246,13 @@ TEST(Hostile, TemplatesThatCanMatchNothingAreNamed) {
   std::vector<float> mixed = disc, blind = holed;
   mixed.insert(mixed.end(), holed.begin(), holed.end());
   mixed.insert(mixed.end(), flat.begin(), flat.end());
+  for (float v : disc) mixed.push_back(v * 1e16f);  // its squares' sums overflow
   blind.insert(blind.end(), flat.begin(), flat.end());
-  ASSERT_EQ(mrcf_write_xyz_data(dir.file("mixed.mrcs").c_str(), mixed.data(), n, n, 3), 0);
+  ASSERT_EQ(mrcf_write_xyz_data(dir.file("mixed.mrcs").c_str(), mixed.data(), n, n, 4), 0);
   ASSERT_EQ(mrcf_write_xyz_data(dir.file("blind.mrcs").c_str(), blind.data(), n, n, 2), 0);
   const RunResult some = report_in(dir.path(), "--out a --pick --diameter 120 --T mixed.mrcs m.mrc");
   EXPECT_EQ(some.status, 0) << some.err;
-  EXPECT_TRUE(contains(some.out, "warning: templates 2, 3 of mixed.mrcs can match nothing")) << some.out;
+  EXPECT_TRUE(contains(some.out, "warning: templates 2, 3, 4 of mixed.mrcs can match nothing")) << some.out;
   const RunResult none = report_in(dir.path(), "--out b --pick --diameter 120 --T blind.mrcs m.mrc");
   EXPECT_EQ(none.status, 1);
   EXPECT_TRUE(contains(none.err, "gvexreport: no template of blind.mrcs can match anything")) << none.err;
