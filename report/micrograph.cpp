@@ -144,7 +144,10 @@ void add_file_warnings(Micrograph& m, const Settings& s) {
   if (m.nz > 1) w.push_back(fmt("%.0f sections: only the first is picked", m.nz));
   if (s.apix_given && m.header_apix > 0 && std::fabs(m.header_apix - s.apix) > 0.05 * s.apix)
     w.push_back(fmt("the header's pixel size %.3f A differs from --apixM %.3f A by more than 5%%", m.header_apix, s.apix));
-  if (!m.picks_found) w.push_back("no picks file");
+  if (!m.picks_found)
+    w.push_back(m.unfinished ? "its picking was interrupted (NAME_vexmatch.commit is there): its picks are not read; "
+                               "gvexmatch --do_unfinished 1 picks it again"
+                             : "no picks file");
 }
 
 void add_kept_warnings(Micrograph& m, const Settings& s) {

@@ -33,6 +33,7 @@ struct Micrograph {
   long outlying = 0;                 // pixels beyond kOutlying sd of the rest...
   double outlying_share = 0;         // ...and their share of the micrograph's variance
   bool picks_found = false;
+  bool unfinished = false;           // its picking was interrupted: its picks are not read
   std::vector<Pick> picks;
   std::vector<Cell> rejected;
   double masked = 0;                 // fraction of the micrograph in rejected cells

@@ -66,6 +66,13 @@ void read_rejected(Micrograph& m) {
 
 void read_inputs(Micrograph& m, const std::string& suffix, int boxsize, const Settings& s, const std::string& prog) {
   read_pixels(m, prog);
+  // gvexmatch's marker of a commit not yet ended: a run killed (or still
+  // picking it) between its coordinate files and what goes with them.
+  struct stat marker;
+  if ((suffix == "_vexmatch.star" || suffix == "_vexmatch.box") && lstat(beside(m.name, "_vexmatch.commit").c_str(), &marker) == 0) {
+    m.unfinished = true;
+    return;
+  }
   const std::string path = beside(m.name, suffix);
   damaged_lines(m, read_picks(m, path, boxsize), path);
   long outside = 0;

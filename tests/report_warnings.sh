@@ -2,7 +2,8 @@
 # Every warning of gvexreport on a planted case, each micrograph drawing its
 # own warning and no other, and none on the clean micrograph they come from:
 # pixels that are not finite, a saturated column, an extended header, mode 0, two sections, a
-# header pixel size other than --apixM, no picks file, no picks kept, picks
+# header pixel size other than --apixM, no picks file (or one whose commit
+# was interrupted), no picks kept, picks
 # in nearly every grid cell, along the edge, on rejected areas, outside the
 # micrograph, and templates of the wrong contrast (decoys outscoring the
 # picks), and a decoys file that is damaged or belongs to other picks. The
@@ -51,11 +52,12 @@ struct.pack_into("<3i", apix, 28, nx, ny, 1)
 struct.pack_into("<3f", apix, 40, 1.5 * nx, 1.5 * ny, 1.5)
 write("apix.mrc", apix, data)
 EOF
-for m in nan hot ext ext92 two byte apix edge grid masked far; do
+for m in nan hot ext ext92 two byte apix edge grid masked far unfinished; do
   [ -e $m.mrc ] || ln m.mrc $m.mrc
   cp m_vexmatch.star ${m}_vexmatch.star
 done
 ln m.mrc lonely.mrc
+: >unfinished_vexmatch.commit  # a run killed in its commit
 # Picks along the left edge; a pick every 20 pixels; every pick in a rejected cell.
 head -9 m_vexmatch.star >edge_vexmatch.star
 head -9 m_vexmatch.star >grid_vexmatch.star
@@ -65,7 +67,7 @@ awk 'BEGIN { for (y = 10; y < 1024; y += 20) for (x = 10; x < 1024; x += 20) pri
 echo "0 0 1024 1024" >masked_rejected.box
 echo "5000 20 0 1 0.9" >>far_vexmatch.star
 "$report" --out rep --apixM 1.34 --diameter 120 m.mrc nan.mrc hot.mrc ext.mrc ext92.mrc two.mrc byte.mrc apix.mrc lonely.mrc edge.mrc \
-  grid.mrc masked.mrc far.mrc >report.log || fail "gvexreport failed"
+  grid.mrc masked.mrc far.mrc unfinished.mrc >report.log || fail "gvexreport failed"
 expect() {  # micrograph, the start of its one warning
   got=$(grep "^warning: $1: " report.log | sed "s/^warning: $1: //")
   case $got in "$2"*) ;; *) fail "$1: warned '$got', not '$2...'" ;; esac
@@ -79,6 +81,7 @@ expect two.mrc "2 sections: only the first is picked"
 expect byte.mrc "pixel mode 0"
 expect apix.mrc "the header's pixel size 1.500 A differs from --apixM 1.340 A"
 expect lonely.mrc "no picks file"
+expect unfinished.mrc "its picking was interrupted (NAME_vexmatch.commit is there): its picks are not read"
 expect edge.mrc "100% of the picks lie within a particle diameter of the edge"
 expect grid.mrc "almost every grid cell holds a pick"
 expect masked.mrc "100% of the picks lie on rejected areas"
