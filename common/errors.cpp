@@ -66,3 +66,18 @@ GvexFailure gvex_out_of_memory(const char* func, const char* module, int line, c
   f.status = 1;
   return f;
 }
+
+std::string gvex_failure_line(const std::string& text) {
+  std::string out;
+  for (size_t i = 0; i < text.size(); i++) {
+    if (text[i] == '\033') {  // highlighting: ESC [ ... m
+      while (i < text.size() && text[i] != 'm') i++;
+      continue;
+    }
+    const char c = text[i] == '\n' || text[i] == '\t' ? ' ' : text[i];
+    if (c == ' ' && (out.empty() || out.back() == ' ')) continue;
+    out += c;
+  }
+  while (!out.empty() && out.back() == ' ') out.pop_back();
+  return out;
+}

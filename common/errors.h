@@ -16,6 +16,10 @@ struct GvexFailure : std::exception {
 
 [[noreturn]] void gvex_throw(std::string text, int status = 1, bool to_stderr = false);
 
+// A failure's text as one line for a companion's own messages: the
+// terminal highlighting dropped, lines and runs of blanks joined.
+std::string gvex_failure_line(const std::string& text);
+
 // Prints a failure where it belongs and returns its exit status.
 int gvex_report_failure(const GvexFailure& f);
 

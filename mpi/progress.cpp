@@ -4,6 +4,7 @@
 #include <fstream>
 #include <set>
 
+#include "common/errors.h"
 #include "common/records.h"
 #include "common/regular_file.h"
 #include "io/mrcfile.h"
@@ -55,17 +56,7 @@ int Progress::summary() const {
 }
 
 std::string gvex_failure_reason(const std::string& text) {
-  std::string out;
-  for (size_t i = 0; i < text.size(); i++) {
-    if (text[i] == '\033') {  // highlighting: ESC [ ... m
-      while (i < text.size() && text[i] != 'm') i++;
-      continue;
-    }
-    const char c = text[i] == '\n' ? ' ' : text[i];
-    if (c == ' ' && (out.empty() || out.back() == ' ')) continue;
-    out += c;
-  }
-  while (!out.empty() && out.back() == ' ') out.pop_back();
+  const std::string out = gvex_failure_line(text);
   return out.size() > 480 ? out.substr(0, 477) + "..." : out;
 }
 

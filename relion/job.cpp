@@ -78,17 +78,7 @@ void remove_tree(const std::string& dir) { nftw(dir.c_str(), remove_entry, 16, F
 
 // A failure's printed text as one line: highlighting dropped, lines joined.
 std::string one_line(const std::string& text) {
-  std::string out;
-  for (size_t i = 0; i < text.size(); i++) {
-    if (text[i] == '\033') {
-      while (i < text.size() && text[i] != 'm') i++;
-      continue;
-    }
-    const char c = text[i] == '\n' || text[i] == '\t' ? ' ' : text[i];
-    if (c == ' ' && (out.empty() || out.back() == ' ')) continue;
-    out += c;
-  }
-  while (!out.empty() && out.back() == ' ') out.pop_back();
+  std::string out = gvex_failure_line(text);
   // The library's fatal lines name their source place, which tells a
   // RELION user nothing: only the reason is kept.
   const std::string head = "Error in function ", tail = "! Exit now!";

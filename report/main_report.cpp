@@ -251,8 +251,8 @@ void pick_one(PickSession& session, const std::string& name, const std::string& 
     r = session.pick(m.name, next);
   }
   if (r.outcome == PickResult::Outcome::failed)
-    return leave_out(run, "gvexreport: cannot pick " + m.name + " (gvexmatch's lines are in " + out + "/pick.log):\n" +
-                              r.failure.text);
+    return leave_out(run, "gvexreport: cannot pick " + m.name + " (gvexmatch's lines are in " + out + "/pick.log): " +
+                              gvex_failure_line(r.failure.text) + "\n");
   if (r.outcome == PickResult::Outcome::skipped) {
     try {
       read_inputs(m, run.suffix, run.boxsize, run.set, "gvexreport");
