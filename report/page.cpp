@@ -421,6 +421,20 @@ std::string shell_word(const std::string& w) {
   return q + "'";
 }
 
+// A micrograph's row of the run's table; link: its section.
+static std::string table_row(const Micrograph& m, const std::string& link) {
+  const std::vector<double> sc = scores_of(m.picks);
+  std::string warn;
+  for (const std::string& w : m.warnings) warn += (warn.empty() ? "" : "; ") + html_escape(w);
+  return "<tr><td class=\"name\"><a href=\"" + link + "\">" + html_escape(m.name) + "</a></td><td>" +
+         std::to_string(sc.size()) + "</td><td>" + std::to_string(count_kept(m)) + "</td><td>" +
+         (m.decoys_found ? std::to_string(m.choice.decoys_above) : std::string("-")) + "</td><td>" +
+         (sc.empty() ? "-" : num("%.4f", quantile(sc, 0.5))) + "</td><td>" +
+         (sc.empty() ? "-" : num("%.4f", quantile(sc, 0.9))) + "</td><td>" + num("%.3f", m.masked) + "</td><td>" +
+         num("%.4f", m.cutoff) + "</td><td class=\"rule\">" + html_escape(m.choice.rule) + "</td><td class=\"warn\">" +
+         warn + "</td></tr>\n";
+}
+
 std::string write_page(const std::vector<Micrograph>& mics, const std::vector<std::string>& pictures,
                        const Settings& s, double pooled, const std::string& path, const std::string& apply_words,
                        size_t per_page, size_t settled) {
@@ -476,20 +490,8 @@ std::string write_page(const std::vector<Micrograph>& mics, const std::vector<st
   h += "<h2>Micrographs</h2>\n<table id=\"mics\"><thead><tr><th>Micrograph</th><th>Picks</th><th>Kept</th>"
        "<th>Decoys above</th><th>Median score</th><th>90th percentile</th><th>Masked</th><th>Cut-off</th>"
        "<th>Rule</th><th>Warnings</th></tr></thead><tbody>\n";
-  for (size_t k = 0; k < mics.size(); k++) {
-    const Micrograph& m = mics[k];
-    const std::vector<double> sc = scores_of(m.picks);
-    std::string warn;
-    for (const std::string& w : m.warnings) warn += (warn.empty() ? "" : "; ") + html_escape(w);
-    h += "<tr><td class=\"name\"><a href=\"" + (k < per_page ? std::string() : file_of(k / per_page)) + "#m" +
-         std::to_string(k + 1) + "\">" + html_escape(m.name) + "</a></td><td>" + std::to_string(sc.size()) +
-         "</td><td>" + std::to_string(count_kept(m)) + "</td><td>" +
-         (m.decoys_found ? std::to_string(m.choice.decoys_above) : std::string("-")) + "</td><td>" +
-         (sc.empty() ? "-" : num("%.4f", quantile(sc, 0.5))) + "</td><td>" +
-         (sc.empty() ? "-" : num("%.4f", quantile(sc, 0.9))) + "</td><td>" +
-         num("%.3f", m.masked) + "</td><td>" + num("%.4f", m.cutoff) + "</td><td class=\"rule\">" +
-         html_escape(m.choice.rule) + "</td><td class=\"warn\">" + warn + "</td></tr>\n";
-  }
+  for (size_t k = 0; k < mics.size(); k++)
+    h += table_row(mics[k], (k < per_page ? std::string() : file_of(k / per_page)) + "#m" + std::to_string(k + 1));
   h += "</tbody></table>\n";
   if (!write_text(path, h + sections(0))) return path;
   for (size_t p = 1; p < pages; p++) {
